@@ -1,0 +1,415 @@
+#define LOG_TAG "ZQ_UTIL"
+
+#include "utils/util.h"
+
+#include <android-base/logging.h>
+#include <cutils/properties.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+// --- Children and copies -------------------------------------------------------------------------
+
+namespace {
+
+void default_signals() {
+    struct sigaction action {};
+    action.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        sigaction(signal, &action, nullptr);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// Every signal is blocked across the fork: one that reaches the child before its dispositions are
+// the default ones would run a handler of the daemon and be lost, and the program would run on
+// unstopped. Between fork and exec only async-signal-safe calls are made: another thread may have
+// held any lock. Returns 0 in a child whose program cannot be started.
+pid_t fork_exec(const char* const argv[], int standard_output = STDOUT_FILENO) {
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        default_signals();
+        if (standard_output == STDOUT_FILENO || dup2(standard_output, STDOUT_FILENO) >= 0) {
+            execv(argv[0], const_cast<char* const*>(argv));
+        }
+        return 0;
+    }
+    const int fork_errno = errno;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    errno = fork_errno;
+    return pid;
+}
+
+pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO) {
+    const char* const argv[] = {"/system/bin/sh", "-c", command, nullptr};
+    const pid_t pid = fork_exec(argv, standard_output);
+    if (pid == 0) {
+        _exit(127);
+    }
+    return pid;
+}
+
+// The wait status, -1 when the event watcher's reaping came first.
+int wait_for(pid_t pid) {
+    int status = -1;
+    return TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) == pid ? status : -1;
+}
+
+void copy_by_shell(const char* format, const char* from, const char* to) {
+    char command[512] = {};
+    snprintf(command, sizeof(command), format, from, to);
+    run_shell(command);
+}
+
+constexpr size_t kMaxCommandBytes = 1023;
+
+}  // namespace
+
+int ZQRecordLog(const std::string& tag, char* const argv[]) {
+    const pid_t pid = fork_exec(argv);
+    if (pid > 0) {
+        LOG(INFO) << "tag: " << tag << ", pid: " << pid;
+    } else if (pid < 0) {
+        LOG(ERROR) << "tag: " << tag << ", error: " << strerror(errno);
+    }
+    return pid;
+}
+
+int run_shell(const char* command) {
+    const pid_t pid = start_shell(command);
+    return pid < 0 ? -1 : wait_for(pid);
+}
+
+void execute_cmd(const char* command) {
+    if (strlen(command) > kMaxCommandBytes) {
+        LOG(FATAL) << "command longer than " << kMaxCommandBytes << " bytes";
+    }
+    int pipe_fds[2];
+    pid_t pid = -1;
+    if (pipe2(pipe_fds, O_CLOEXEC) == 0) {
+        close(pipe_fds[0]);
+        pid = start_shell(command, pipe_fds[1]);
+        close(pipe_fds[1]);
+    }
+    if (pid < 0) {
+        LOG(WARNING) << "fail to dump " << command;
+        return;
+    }
+    wait_for(pid);
+}
+
+void ZQCopyFile(const char* from, const char* to) {
+    try {
+        if (!fs::copy_file(from, to)) {
+            LOG(WARNING) << "copy file " << from << " failed";
+        }
+    } catch (const fs::filesystem_error& error) {
+        LOG(ERROR) << "fail to copy file from " << from << " to " << to
+                   << ", error: " << error.what();
+    }
+    chmod(to, 0777);
+}
+
+void ZQCopyFolder(const char* from, const char* to) { copy_by_shell("cp -r %s %s ", from, to); }
+
+void ZQCopyCmd(const char* from, const char* to) { copy_by_shell("cp %s %s ", from, to); }
+
+// --- Directories and names ---------------------------------------------------------------------
+
+int ZQCreateDir(const std::string& path) {
+    std::error_code ec;
+    if (!fs::create_directories(path, ec)) {
+        const fs::file_type type = fs::status(path).type();
+        if (type == fs::file_type::none || type == fs::file_type::not_found) {
+            LOG(ERROR) << "Cannot create: " << path << " error: " << ec;
+            return 1;
+        }
+    }
+    chmod(path.c_str(), 0777);
+    return 0;
+}
+
+int ZQCreateDirByFormat(const std::string& base, const std::string& prefix, int64_t count,
+                        const std::string& timeFormat, uint64_t outSize, char* out) {
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    char text[64] = {};
+    strftime(text, sizeof(text), timeFormat.c_str(), &local);
+    snprintf(out, outSize, "%s%s%s_%s", base.c_str(), prefix.c_str(),
+             std::to_string(count).c_str(), text);
+    return ZQCreateDir(out);
+}
+
+int ZQCreateLogDir(const std::string& base, const std::string& prefix, int64_t count,
+                   const char* field1, const char* field2, uint64_t outSize, char* out) {
+    snprintf(out, outSize, "%s%s%s_%s_%s", base.c_str(), prefix.c_str(),
+             std::to_string(count).c_str(), field1, field2);
+    return ZQCreateDir(out);
+}
+
+namespace {
+
+constexpr bool is_ascii_letter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// std::stoll without its copy: the conversion ends by itself at the "_" behind the field.
+int64_t to_count(const char* digits) {
+    const int saved_errno = errno;
+    errno = 0;
+    char* end = nullptr;
+    const int64_t count = strtoll(digits, &end, 10);
+    const bool out_of_range = errno == ERANGE;
+    errno = saved_errno;
+    if (end == digits) {
+        throw std::invalid_argument("count without digits");
+    }
+    if (out_of_range) {
+        throw std::out_of_range("count past 64 bits");
+    }
+    return count;
+}
+
+}  // namespace
+
+int64_t ZQGetCountByFileName(const std::string& fileName, uint64_t fieldCount) {
+    const auto fields = static_cast<uint64_t>(std::count(fileName.begin(), fileName.end(), '_')) + 1;
+    if (fields != fieldCount || fields < 2) {
+        return -1;
+    }
+    const size_t begin = fileName.find('_') + 1;
+    const std::string_view field =
+        std::string_view(fileName).substr(begin, fileName.find('_', begin) - begin);
+    if (std::any_of(field.begin(), field.end(), is_ascii_letter)) {
+        return -1;
+    }
+    return to_count(fileName.c_str() + begin);
+}
+
+void ZQSplitByDelim(std::vector<char*>& out, char* text, const char* delim) {
+    char* position = nullptr;
+    for (char* token = strtok_r(text, delim, &position); token != nullptr;
+         token = strtok_r(nullptr, " ", &position)) {
+        out.push_back(token);
+    }
+}
+
+int ZQGetFileCount(const std::string& dir) {
+    return static_cast<int>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+}
+
+// --- Retention ---------------------------------------------------------------------------------
+
+namespace {
+
+constexpr int64_t kMaxTotalBytes = 2147483648;
+
+std::vector<std::string> names_with_prefix(const std::string& dir, const std::string& prefix) {
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(dir)) {
+        std::string name = entry.path().filename().string();
+        if (name.starts_with(prefix)) {
+            names.push_back(std::move(name));
+        }
+    }
+    return names;
+}
+
+struct dir_closer {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using unique_dir = std::unique_ptr<DIR, dir_closer>;
+
+[[noreturn]] void throw_filesystem_error(const char* what, const std::string& path) {
+    throw fs::filesystem_error(what, path, std::error_code(errno, std::generic_category()));
+}
+
+int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top);
+
+// 0 for what is neither a regular file nor a directory, and for what has vanished meanwhile.
+int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
+    struct stat st {};
+    unsigned char type = entry.d_type;
+    if (type == DT_UNKNOWN && fstatat(dir_fd, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        type = IFTODT(st.st_mode);
+    }
+    if (type == DT_DIR) {
+        return directory_size(dir_fd, entry.d_name, dir + "/" + entry.d_name, false);
+    }
+    if ((type == DT_REG || type == DT_LNK) && fstatat(dir_fd, entry.d_name, &st, 0) == 0) {
+        return S_ISREG(st.st_mode) ? st.st_size : 0;
+    }
+    return 0;
+}
+
+// A walk of its own: logcat children that were just stopped may still rename files below, and the
+// library's iterator throws for each that has gone when its size is asked for.
+int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top) {
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (top ? 0 : O_NOFOLLOW);
+    const int fd = openat(parent_fd, name, flags);
+    const unique_dir dir(fd < 0 ? nullptr : fdopendir(fd));
+    if (dir == nullptr) {
+        if (!top && errno == ENOENT) {
+            return 0;
+        }
+        throw_filesystem_error("cannot open directory", path);
+    }
+    int64_t sum = 0;
+    errno = 0;
+    while (const dirent* entry = readdir(dir.get())) {
+        const std::string_view entry_name = entry->d_name;
+        if (entry_name != "." && entry_name != "..") {
+            sum += entry_size(fd, *entry, path);
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        throw_filesystem_error("cannot read directory", path);
+    }
+    return sum;
+}
+
+void pack(const std::string& path) {
+    const std::string archive = path + ".tar.gz";
+    const char* const argv[] = {"/system/bin/tar", "-czf", archive.c_str(), "-C",
+                                path.c_str(),      ".",    nullptr};
+    const pid_t pid = fork_exec(argv);
+    if (pid == 0) {
+        _exit(127);
+    }
+    if (pid < 0) {
+        LOG(ERROR) << "tar fork fail " << strerror(errno);
+        return;
+    }
+    LOG(INFO) << "tar_pid = " << pid;
+    wait_for(pid);
+    ZQRemoveFile(path);
+    chmod(archive.c_str(), 0777);
+}
+
+// The lowest counts whose removal brings `total` bytes below the ceiling; never the last of `names`.
+std::vector<std::string> beyond_ceiling(const std::string& dir, const auto& names, int64_t total) {
+    std::vector<std::string> paths;
+    int64_t sum = 0;
+    for (const std::string& name : names) {
+        const std::string path = dir + name;
+        const int64_t size = GetDirectorySize(path);
+        LOG(INFO) << "directory= " << path.substr(path.rfind('/') + 1) << ", size= " << size;
+        if (name == *names.rbegin()) {
+            LOG(INFO) << "at least we keep 1 folder";
+            break;
+        }
+        paths.push_back(path);
+        sum += size;
+        // Strictly below, unlike the test that starts the trimming: a remainder of exactly the
+        // ceiling loses one more directory.
+        if (total - sum < kMaxTotalBytes) {
+            LOG(INFO) << "sum size=" << sum << ", total size=" << total;
+            break;
+        }
+    }
+    return paths;
+}
+
+bool is_aging_build() {
+    char value[PROPERTY_VALUE_MAX] = {};
+    property_get("ro.boot.aging.build", value, "0");
+    return strcmp(value, "true") == 0 || strcmp(value, "1") == 0;
+}
+
+}  // namespace
+
+int ZQRemoveFile(const std::string& path) {
+    std::error_code ec;
+    fs::remove_all(path, ec);
+    if (ec) {
+        LOG(ERROR) << "remove failed: " << path << "error: " << ec;
+        return -1;
+    }
+    return 0;
+}
+
+int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t fieldCount) {
+    int64_t best = -1;
+    for (const std::string& name : names_with_prefix(dir, prefix)) {
+        best = std::max(best, ZQGetCountByFileName(name, fieldCount));
+    }
+    const int count = static_cast<int>(best + 1);
+    LOG(INFO) << "new count: " << count;
+    return count;
+}
+
+bool ZQRemoveOldFile(const std::string& dir, const std::string& prefix, uint64_t fieldCount,
+                     int64_t keepFrom, bool /*ignoredFlag*/, bool compress) {
+    const int64_t lowest_kept = std::max<int64_t>(keepFrom, 0);
+    for (const std::string& name : names_with_prefix(dir, prefix)) {
+        if (ZQGetCountByFileName(name, fieldCount) < lowest_kept) {
+            if (ZQRemoveFile(dir + name) != 0) {
+                return true;
+            }
+        } else if (compress && name.find("tar") == std::string::npos) {
+            pack(dir + name);
+        }
+    }
+    return false;
+}
+
+int64_t GetDirectorySize(const std::string& path) {
+    return directory_size(AT_FDCWD, path.c_str(), path, true);
+}
+
+bool compare(const std::string& a, const std::string& b, uint64_t fieldCount) {
+    return ZQGetCountByFileName(a, fieldCount) < ZQGetCountByFileName(b, fieldCount);
+}
+
+int ZQRemoveFileWithCheckSize(const std::string& dir, int64_t /*newCount*/,
+                              const std::string& prefix, uint64_t fieldCount) {
+    if (is_aging_build()) {
+        return 0;
+    }
+    const auto by_count = [fieldCount](const std::string& a, const std::string& b) {
+        return compare(a, b, fieldCount);
+    };
+    // A set on purpose: of several names with one count only the first met is a candidate.
+    std::set<std::string, decltype(by_count)> names(by_count);
+    for (std::string& name : names_with_prefix(dir, prefix)) {
+        names.insert(std::move(name));
+    }
+    if (names.empty()) {
+        return 0;
+    }
+    const int64_t total = GetDirectorySize(dir);
+    if (total <= kMaxTotalBytes) {
+        return 0;
+    }
+    for (const std::string& path : beyond_ceiling(dir, names, total)) {
+        LOG(ERROR) << "maximum size exceed, remove it " << path;
+        ZQRemoveFile(path);
+    }
+    return 0;
+}

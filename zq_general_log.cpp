@@ -1,0 +1,171 @@
+#define LOG_TAG "ZQ_GENERAL_LOG"
+
+#include "zq_general_log.h"
+
+#include <android-base/logging.h>
+#include <cutils/properties.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "utils/util.h"
+
+namespace {
+
+// --- Channels ----------------------------------------------------------------------------------
+
+struct log_settings {
+    const char* name;            // also the base name of the file: NAME.log
+    const char* enable_prop;     // on when exactly "1"
+    const char* count_prop;      // rotated files
+    const char* rotate_prop;     // rotation size in kilobytes
+    const char* enable_default;
+    const char* count_default;
+    const char* rotate_default;
+    bool dynamic;                // obeys "sys.brevix.dynamic.log"
+    const char* dynamic_count;   // at least so many files while that is on
+    const char* dynamic_rotate;  // at least so many kilobytes while that is on
+    const char* command;         // file, kilobytes, count; ends in a blank
+};
+
+// One switch for "android" and "kernel" on purpose: the two are only read side by side.
+// clang-format off
+constexpr log_settings kChannels[] = {
+    {"android",
+     "persist.service.apklogfs.enable", "persist.sys.apklogfs.size", "persist.sys.apklogfs.rotate_kbytes",
+     "1", "5", "20000", true, "30", "50000",
+     "/system/bin/logcat -b system -b main -b crash -v threadtime -f %s -r %s -n %s "},
+    {"event",
+     "persist.service.eventlogfs.enable", "persist.sys.eventlogfs.size", "persist.sys.eventlogfs.rotate_kbytes",
+     "1", "2", "2000", false, "", "",
+     "/system/bin/logcat -b events -v threadtime -f %s -r %s -n %s "},
+    {"radio",
+     "persist.service.radiologfs.enable", "persist.sys.radiologfs.size", "persist.sys.radiologfs.rotate_kbytes",
+     "1", "2", "6000", false, "", "",
+     "/system/bin/logcat -b radio -v threadtime -f %s -r %s -n %s "},
+    {"kernel",
+     "persist.service.apklogfs.enable", "persist.sys.kmsglogfs.size", "persist.sys.kmsglogfs.rotate_kbytes",
+     "1", "2", "6000", false, "", "",
+     "/system/bin/logcat -b kernel -v threadtime -f %s -r %s -n %s "},
+};
+// clang-format on
+
+struct property_value {
+    char text[PROPERTY_VALUE_MAX] = {};
+
+    property_value(const char* name, const char* fallback) { property_get(name, text, fallback); }
+    bool is_on() const { return strcmp(text, "1") == 0; }
+    // Both texts are numbers; the greater one stays.
+    void raise_to(const char* minimum) {
+        if (atoi(minimum) > atoi(text)) {
+            snprintf(text, sizeof(text), "%s", minimum);
+        }
+    }
+};
+
+pid_t start_channel(const log_settings& channel, const char* dir) {
+    property_value count(channel.count_prop, channel.count_default);
+    property_value rotate(channel.rotate_prop, channel.rotate_default);
+    if (channel.dynamic && property_value("sys.brevix.dynamic.log", "0").is_on()) {
+        count.raise_to(channel.dynamic_count);
+        rotate.raise_to(channel.dynamic_rotate);
+    }
+    char file[512] = {};
+    snprintf(file, sizeof(file), "%s/%s.log", dir, channel.name);
+    char command[512] = {};
+    snprintf(command, sizeof(command), channel.command, file, rotate.text, count.text);
+    std::vector<char*> argv;
+    ZQSplitByDelim(argv, command, " ");
+    argv.push_back(nullptr);
+    const pid_t pid = ZQRecordLog(channel.name, argv.data());
+    if (pid == 0) {
+        _exit(127);
+    }
+    return pid;
+}
+
+// --- Switch --------------------------------------------------------------------------------------
+
+const std::string kBase = "/data/logs/general_log/";
+const std::string kPrefix = "ZQLog_";
+constexpr uint64_t kNameFields = 3;
+
+std::vector<int> capture_pids;
+
+// Makes room for the capture `count` within the number kept and the size ceiling.
+bool prune(int count) {
+    const int keep = std::stoi(property_value("persist.service.brevix.gl.num", "10").text);
+    if (ZQRemoveOldFile(kBase, kPrefix, kNameFields, int64_t{count} - keep + 1, true, false)) {
+        LOG(ERROR) << "remove old file failed!";
+        return false;
+    }
+    if (ZQRemoveFileWithCheckSize(kBase, count, kPrefix, kNameFields) != 0) {
+        LOG(ERROR) << "remove file with check size failed!";
+        return false;
+    }
+    return true;
+}
+
+void start_capturing() {
+    LOG(INFO) << "start capturing";
+    if (access("/data/logs/", R_OK) != 0) {
+        LOG(ERROR) << "device mapper not exist! plz check dm & mount status!";
+        return;
+    }
+    if (ZQCreateDir(kBase) != 0) {
+        LOG(ERROR) << "create general dir failed!";
+        return;
+    }
+    const int count = ZQGetNewLogCount(kBase, kPrefix, kNameFields);
+    if (!prune(count)) {
+        return;
+    }
+    char dir[512] = {};
+    if (ZQCreateDirByFormat(kBase, kPrefix, count, "%Y-%m-%d-%H-%M-%S", sizeof(dir), dir) != 0) {
+        LOG(ERROR) << "create new general log dir failed!";
+        return;
+    }
+    if (check_record_log(dir) != 0) {
+        LOG(INFO) << "no task to do";
+        ZQRemoveFile(dir);
+    }
+}
+
+void stop_capturing() {
+    LOG(INFO) << "stop capturing";
+    for (const int pid : capture_pids) {
+        kill(pid, SIGTERM);
+    }
+    capture_pids.clear();
+}
+
+}  // namespace
+
+int check_record_log(const char* dir) {
+    int result = 1;
+    for (const log_settings& channel : kChannels) {
+        if (!property_value(channel.enable_prop, channel.enable_default).is_on()) {
+            LOG(INFO) << "record " << channel.name << " is not enabled";
+            continue;
+        }
+        const pid_t pid = start_channel(channel, dir);
+        if (pid > 0) {
+            capture_pids.push_back(pid);
+            result = 0;
+        }
+    }
+    return result;
+}
+
+void capturing(const char* /*name*/, bool on) {
+    if (on) {
+        start_capturing();
+    } else {
+        stop_capturing();
+    }
+}
