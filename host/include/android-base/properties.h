@@ -1,0 +1,24 @@
+// Debian's header, and the wait that it leaves to the phone.
+#pragma once
+
+#include_next <android-base/properties.h>
+
+#include <chrono>
+#include <string>
+
+namespace android::base {
+
+// Blocks the calling thread until the property `key` has the value `expected_value`; "" stands for
+// an unset one. Returns true then, at once when it is so already, and false when `relative_timeout`
+// has passed; milliseconds::max() never passes. A value that is there only for a moment, between
+// two others, may be missed; a value that stays is not.
+//
+// Any number of threads may wait. Each has an inotify instance of its own from its first wait to
+// its end (a user has 128 in all). Signal handlers run as usual and the wait goes on after them; a
+// handler may end the thread by pthread_exit.
+//
+// Logs and aborts when the folder of the properties is missing or cannot be watched.
+bool WaitForProperty(const std::string& key, const std::string& expected_value,
+                     std::chrono::milliseconds relative_timeout = std::chrono::milliseconds::max());
+
+}  // namespace android::base

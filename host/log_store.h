@@ -1,0 +1,65 @@
+// The log buffers of the device as files. The store of a buffer is two segments in one folder, NAME
+// and the older NAME.1, with one entry behind the other in each; a full NAME becomes NAME.1, whose
+// entries are the ones that go.
+#pragma once
+
+#include <android-base/unique_fd.h>
+#include <android/log.h>
+#include <log/logprint.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+inline constexpr char kLogFolder[] = "/dev/log";
+
+// A segment never grows past this, so a buffer takes at most twice as many bytes.
+inline constexpr int64_t kLogSegmentBytes = 2 << 20;
+
+// Appends `entry` to the store of `buffer`. Tag and message end at their first NUL; of a message
+// too long for an entry (about 4000 bytes with its tag) the rest is dropped. Returns 0, or the
+// errno of what failed, with nothing of the entry left in the store; ENOENT or ENOTDIR: there is no
+// folder for the stores. Any thread of any process may call it. It may wait for another writer;
+// signal handlers of the thread run after it.
+int append_log_entry(log_id_t buffer, const AndroidLogEntry& entry);
+
+// Takes the first entry off the front of `bytes`, with anything before it that is no entry. The
+// result points into the bytes. No value: `bytes` is empty now, or the front part of an entry.
+std::optional<AndroidLogEntry> take_log_entry(std::string_view& bytes);
+
+// Reads the entries of one buffer, from the oldest there is, and follows it for as long as it is
+// asked. An entry is missed only when the store has dropped it before the reader came to it.
+// The functions throw std::system_error when the store cannot be read. No lock is ever waited for.
+class log_reader {
+  public:
+    // `inotify` is told about each segment, so that it becomes readable when entries are appended
+    // to it; for the first segment, and for the next after a full one, the caller watches the
+    // folder (IN_CREATE). It must stay open as long as the reader.
+    log_reader(log_id_t buffer, int inotify);
+
+    // The next entry, valid until pop; nullptr while there is none.
+    const AndroidLogEntry* peek();
+
+    // Goes on to the entry after it.
+    void pop() { head_.reset(); }
+
+    // Makes the entries that are in the store now the last ones (a few newer ones may get in).
+    void stop_at_present_end();
+
+  private:
+    bool read_chunk();
+    bool next_segment();
+
+    std::string path_;
+    int inotify_;
+    android::base::unique_fd segment_;
+    int64_t offset_ = 0;  // in the segment, of the first byte of rest_
+    int64_t bytes_left_ = std::numeric_limits<int64_t>::max();
+    std::vector<char> chunk_;
+    std::string_view rest_;  // of the chunk, still to be parsed
+    std::optional<AndroidLogEntry> head_;
+};

@@ -1,0 +1,119 @@
+// log [-b BUFFER] [-p PRIORITY] [-t TAG] MESSAGE...: stores a line in a log buffer.
+#include <log/log_id.h>
+#include <log/logprint.h>
+#include <strings.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "host/log_store.h"
+
+namespace {
+
+constexpr log_id_t kBuffers[] = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH, LOG_ID_EVENTS,
+                                 LOG_ID_RADIO};
+
+struct priority_name {
+    const char* word;  // its first letter alone is a name too
+    android_LogPriority priority;
+};
+constexpr priority_name kPriorities[] = {
+    {"verbose", ANDROID_LOG_VERBOSE}, {"debug", ANDROID_LOG_DEBUG}, {"info", ANDROID_LOG_INFO},
+    {"warn", ANDROID_LOG_WARN},       {"error", ANDROID_LOG_ERROR}, {"fatal", ANDROID_LOG_FATAL},
+};
+
+std::optional<log_id_t> buffer_named(const char* name) {
+    for (const log_id_t buffer : kBuffers) {
+        if (strcmp(name, android_log_id_to_name(buffer)) == 0) {
+            return buffer;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<android_LogPriority> priority_named(const char* name) {
+    for (const priority_name& row : kPriorities) {
+        const bool is_letter = name[0] != '\0' && name[1] == '\0';
+        if (strncasecmp(name, row.word, is_letter ? 1 : strlen(row.word) + 1) == 0) {
+            return row.priority;
+        }
+    }
+    return std::nullopt;
+}
+
+struct options {
+    log_id_t buffer = LOG_ID_MAIN;
+    android_LogPriority priority = ANDROID_LOG_INFO;
+    std::string tag = "log";
+    std::string message;
+};
+
+std::optional<options> fail(const char* what, const char* name = "") {
+    fprintf(stderr, "log: %s%s\n", what, name);
+    return std::nullopt;
+}
+
+std::optional<options> parse_options(int argc, char* argv[]) {
+    options result;
+    for (int option = 0; (option = getopt(argc, argv, "+b:p:t:")) != -1;) {
+        if (option == 'b') {
+            const auto buffer = buffer_named(optarg);
+            if (!buffer) {
+                return fail("unknown buffer ", optarg);
+            }
+            result.buffer = *buffer;
+        } else if (option == 'p') {
+            const auto priority = priority_named(optarg);
+            if (!priority) {
+                return fail("unknown priority ", optarg);
+            }
+            result.priority = *priority;
+        } else if (option == 't') {
+            result.tag = optarg;
+        } else {
+            return std::nullopt;  // getopt has said why
+        }
+    }
+    if (optind == argc) {
+        return fail("usage: log [-b BUFFER] [-p PRIORITY] [-t TAG] MESSAGE...");
+    }
+    for (int i = optind; i < argc; ++i) {
+        result.message.append(i == optind ? "" : " ").append(argv[i]);
+    }
+    return result;
+}
+
+int store(const options& line) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    AndroidLogEntry entry{};
+    entry.tv_sec = now.tv_sec;
+    entry.tv_nsec = now.tv_nsec;
+    entry.priority = line.priority;
+    entry.uid = static_cast<int32_t>(getuid());
+    entry.pid = getpid();
+    entry.tid = gettid();
+    entry.tag = line.tag.c_str();
+    entry.tagLen = line.tag.size();
+    entry.message = line.message.c_str();
+    entry.messageLen = line.message.size();
+    return append_log_entry(line.buffer, entry);
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    const auto line = parse_options(argc, argv);
+    if (!line) {
+        return 1;
+    }
+    if (const int error = store(*line); error != 0) {
+        fprintf(stderr, "log: cannot write to the buffer in %s: %s\n", kLogFolder, strerror(error));
+        return 1;
+    }
+    return 0;
+}
