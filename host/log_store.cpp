@@ -183,6 +183,14 @@ unique_fd open_segment(const std::string& path) {
     return fd;
 }
 
+struct stat status_of(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 && errno != ENOENT) {
+        fail(path);
+    }
+    return status;
+}
+
 struct stat status_of(int fd) {
     struct stat status {};
     if (fd >= 0 && fstat(fd, &status) != 0) {
@@ -191,11 +199,16 @@ struct stat status_of(int fd) {
     return status;
 }
 
-bool is_same_file(int a, int b) {
-    return a >= 0 && b >= 0 && is_same_file(status_of(a), status_of(b));
-}
-
 }  // namespace
+
+std::optional<log_id_t> stored_buffer_named(std::string_view name) {
+    for (const log_id_t buffer : kStoredBuffers) {
+        if (name == android_log_id_to_name(buffer)) {
+            return buffer;
+        }
+    }
+    return std::nullopt;
+}
 
 int append_log_entry(log_id_t buffer, const AndroidLogEntry& entry) {
     const std::string path = segment_path(buffer);
@@ -258,15 +271,14 @@ bool log_reader::read_chunk() {
 // Returns false while the segment has no successor, or none is needed yet. What follows a segment
 // that has been dropped from the store is the oldest one there is.
 bool log_reader::next_segment() {
-    unique_fd next = open_segment(path_);
-    if (is_same_file(next, segment_)) {
+    if (is_my_segment(path_)) {
         return false;
     }
-    // Looked at after NAME, which can only be renamed to it: so none between the two is passed
-    // over.
-    unique_fd older = open_segment(older_path(path_));
-    if (older >= 0 && !is_same_file(older, segment_)) {
-        next = std::move(older);
+    unique_fd next = open_segment(path_);
+    // Looked at after NAME, which can only be renamed to it: so none between the two is left out.
+    if (!is_my_segment(older_path(path_))) {
+        unique_fd older = open_segment(older_path(path_));
+        next = older >= 0 ? std::move(older) : std::move(next);
     }
     // The segment may have grown before it was full; now it does no more.
     if (read_chunk()) {
@@ -275,25 +287,35 @@ bool log_reader::next_segment() {
     if (next < 0) {
         return false;
     }
-    const std::string name = "/proc/self/fd/" + std::to_string(next.get());
+    start_segment(std::move(next));
+    return true;
+}
+
+bool log_reader::is_my_segment(const std::string& path) const {
+    return segment_ >= 0 && is_same_file(status_of(path), segment_status_);
+}
+
+void log_reader::start_segment(unique_fd segment) {
+    const std::string name = "/proc/self/fd/" + std::to_string(segment.get());
     if (inotify_add_watch(inotify_, name.c_str(), IN_MODIFY) < 0) {
         fail("inotify_add_watch");
     }
-    segment_ = std::move(next);
+    segment_ = std::move(segment);
+    segment_status_ = status_of(segment_);
     offset_ = 0;
     rest_ = {};
-    return true;
 }
 
 void log_reader::stop_at_present_end() {
     // In this order: a segment that is renamed between the two looks is counted twice, never
     // missed.
-    const unique_fd current = open_segment(path_);
-    const unique_fd older = open_segment(older_path(path_));
-    bytes_left_ = std::max<int64_t>(status_of(segment_).st_size - offset_, 0);
-    for (const int fd : {current.get(), older.get()}) {
-        if (!is_same_file(fd, segment_)) {
-            bytes_left_ += status_of(fd).st_size;
+    const struct stat current = status_of(path_);
+    const struct stat older = status_of(older_path(path_));
+    const struct stat mine = status_of(segment_);
+    bytes_left_ = mine.st_size - offset_;
+    for (const struct stat& other : {current, older}) {
+        if (!is_same_file(other, mine)) {
+            bytes_left_ += other.st_size;
         }
     }
 }

@@ -15,7 +15,16 @@
 #include <string_view>
 #include <vector>
 
+#include "host/log_source.h"
+
 inline constexpr char kLogFolder[] = "/dev/log";
+
+// The buffers that have a store.
+inline constexpr log_id_t kStoredBuffers[] = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH,
+                                              LOG_ID_EVENTS, LOG_ID_RADIO};
+
+// The one of them with this name, if any.
+std::optional<log_id_t> stored_buffer_named(std::string_view name);
 
 // A segment never grows past this, so a buffer takes at most twice as many bytes.
 inline constexpr int64_t kLogSegmentBytes = 2 << 20;
@@ -32,31 +41,29 @@ int append_log_entry(log_id_t buffer, const AndroidLogEntry& entry);
 std::optional<AndroidLogEntry> take_log_entry(std::string_view& bytes);
 
 // Reads the entries of one buffer, from the oldest there is, and follows it for as long as it is
-// asked. An entry is missed only when the store has dropped it before the reader came to it.
-// The functions throw std::system_error when the store cannot be read. No lock is ever waited for.
-class log_reader {
+// asked. An entry is missed only when the store has dropped it before the reader came to it. No
+// lock is ever waited for. The functions throw std::system_error when the store cannot be read.
+class log_reader : public log_source {
   public:
-    // `inotify` is told about each segment, so that it becomes readable when entries are appended
-    // to it; for the first segment, and for the next after a full one, the caller watches the
-    // folder (IN_CREATE). It must stay open as long as the reader.
+    // `inotify` gets a watch on each segment, so that it becomes readable when entries are appended
+    // to it; for the first segment and for the one after a full one the caller has it watch the
+    // folder (IN_CREATE). It must stay open as long as the reader is used.
     log_reader(log_id_t buffer, int inotify);
 
-    // The next entry, valid until pop; nullptr while there is none.
-    const AndroidLogEntry* peek();
-
-    // Goes on to the entry after it.
-    void pop() { head_.reset(); }
-
-    // Makes the entries that are in the store now the last ones (a few newer ones may get in).
-    void stop_at_present_end();
+    const AndroidLogEntry* peek() override;
+    void pop() override { head_.reset(); }
+    void stop_at_present_end() override;
 
   private:
     bool read_chunk();
     bool next_segment();
+    bool is_my_segment(const std::string& path) const;
+    void start_segment(android::base::unique_fd segment);
 
     std::string path_;
     int inotify_;
     android::base::unique_fd segment_;
+    struct stat segment_status_ {};
     int64_t offset_ = 0;  // in the segment, of the first byte of rest_
     int64_t bytes_left_ = std::numeric_limits<int64_t>::max();
     std::vector<char> chunk_;

@@ -1,5 +1,4 @@
 // log [-b BUFFER] [-p PRIORITY] [-t TAG] MESSAGE...: stores a line in a log buffer.
-#include <log/log_id.h>
 #include <log/logprint.h>
 #include <strings.h>
 #include <time.h>
@@ -14,9 +13,6 @@
 
 namespace {
 
-constexpr log_id_t kBuffers[] = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH, LOG_ID_EVENTS,
-                                 LOG_ID_RADIO};
-
 struct priority_name {
     const char* word;  // its first letter alone is a name too
     android_LogPriority priority;
@@ -25,15 +21,6 @@ constexpr priority_name kPriorities[] = {
     {"verbose", ANDROID_LOG_VERBOSE}, {"debug", ANDROID_LOG_DEBUG}, {"info", ANDROID_LOG_INFO},
     {"warn", ANDROID_LOG_WARN},       {"error", ANDROID_LOG_ERROR}, {"fatal", ANDROID_LOG_FATAL},
 };
-
-std::optional<log_id_t> buffer_named(const char* name) {
-    for (const log_id_t buffer : kBuffers) {
-        if (strcmp(name, android_log_id_to_name(buffer)) == 0) {
-            return buffer;
-        }
-    }
-    return std::nullopt;
-}
 
 std::optional<android_LogPriority> priority_named(const char* name) {
     for (const priority_name& row : kPriorities) {
@@ -61,7 +48,7 @@ std::optional<options> parse_options(int argc, char* argv[]) {
     options result;
     for (int option = 0; (option = getopt(argc, argv, "+b:p:t:")) != -1;) {
         if (option == 'b') {
-            const auto buffer = buffer_named(optarg);
+            const auto buffer = stored_buffer_named(optarg);
             if (!buffer) {
                 return fail("unknown buffer ", optarg);
             }
