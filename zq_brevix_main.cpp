@@ -11,6 +11,7 @@
 #include "utils/system_property_observer.h"
 #include "utils/upgrade.h"
 #include "utils/util.h"
+#include "zq_event_log.h"
 #include "zq_general_log.h"
 
 namespace {
@@ -19,12 +20,15 @@ namespace {
     LOG(INFO) << "ZQLog main start!!";
     ZQCheckUpgrade();
     ZQSubscribe("persist.service.start.capture", capturing);
+    ZQEventDetect();
     while (true) {
         sleep(100000);
     }
 }
 
-void copy_folder(int /*argc*/, char* argv[]) { ZQCopyFolder(argv[2], argv[3]); }
+void copy_folder(int /*argc*/, char* argv[]) {
+    ZQCopyFolder(argv[2], argv[3]);
+}
 
 void cmd(int argc, char* argv[]) {
     std::string line;

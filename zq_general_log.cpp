@@ -20,10 +20,10 @@ namespace {
 // --- Channels ----------------------------------------------------------------------------------
 
 struct log_settings {
-    const char* name;            // also the base name of the file: NAME.log
-    const char* enable_prop;     // on when exactly "1"
-    const char* count_prop;      // rotated files
-    const char* rotate_prop;     // rotation size in kilobytes
+    const char* name;         // also the base name of the file: NAME.log
+    const char* enable_prop;  // on when exactly "1"
+    const char* count_prop;   // rotated files
+    const char* rotate_prop;  // rotation size in kilobytes
     const char* enable_default;
     const char* count_default;
     const char* rotate_default;

@@ -1,7 +1,7 @@
 #pragma once
 
-// General log capture: one logcat child per enabled channel, all writing into one numbered directory
-// ZQLog_COUNT_TIME under /data/logs/general_log/.
+// General log capture: one logcat child per enabled channel, all writing into one numbered
+// directory ZQLog_COUNT_TIME under /data/logs/general_log/.
 
 // Handler of the switch "persist.service.start.capture" (see ZQSubscribe; runs on its thread, under
 // its mutex). On: prunes old captures, makes the next directory and starts the channels. Off: sends
@@ -10,7 +10,7 @@
 // "persist.service.brevix.gl.num" is not an int, and what the retention functions throw.
 void capturing(const char* name, bool on);
 
-// Starts the enabled channels, writing into the directory `dir` (no "/" at its end), and notes their
-// pids for the switch-off. Returns 0 when at least one child was started, 1 otherwise. Only for
-// `capturing`: the pid list has no lock of its own.
+// Starts the enabled channels, writing into the directory `dir` (no "/" at its end), and notes
+// their pids for the switch-off. Returns 0 when at least one child was started, 1 otherwise. Only
+// for `capturing`: the pid list has no lock of its own.
 int check_record_log(const char* dir);

@@ -37,8 +37,12 @@ void note(const std::string& call) {
     calls_changed.notify_all();
 }
 
-void first(const char* name, bool on) { note(std::string("first ") + name + (on ? " on" : " off")); }
-void second(const char* name, bool on) { note(std::string("second ") + name + (on ? " on" : " off")); }
+void first(const char* name, bool on) {
+    note(std::string("first ") + name + (on ? " on" : " off"));
+}
+void second(const char* name, bool on) {
+    note(std::string("second ") + name + (on ? " on" : " off"));
+}
 
 std::vector<std::string> calls_once_there_are(size_t count) {
     std::unique_lock lock(calls_mutex);
@@ -68,8 +72,9 @@ TEST(Observer, AHandlerAddedWhileOnGetsTheOff) {
     calls_once_there_are(1);
     ZQSubscribe(name, second);
     property_set(name, "0");
-    EXPECT_THAT(calls_once_there_are(3),
-                ElementsAre("first test.switch on", "first test.switch off", "second test.switch off"));
+    EXPECT_THAT(
+        calls_once_there_are(3),
+        ElementsAre("first test.switch on", "first test.switch off", "second test.switch off"));
 }
 
 TEST(Observer, EachPointerIsASubscriptionOfItsOwn) {
@@ -125,11 +130,14 @@ TEST(Dispatch, ToolsAnswerToTheirArgumentsAndAlwaysEndWithZero) {
     fixture::write_program("/system/bin/cp", "echo \"cp $*\" >>/data/ran");
     fixture::write_program("/system/bin/touch", "echo \"touch $#\" >>/data/ran");
     const std::vector<std::vector<const char*>> silent = {
-        {"unknown"}, {"CMD", "touch x"}, {"cmdx"}, {""}, {"copy_folder"}, {"copy_folder", "/a"}, {"cmd"},
-        {"audio_cmd"}, {"audio_cmd", "7"}, {"audio_cmd", "1:2", "x"},
+        {"unknown"},        {"CMD", "touch x"},        {"cmdx"}, {""},
+        {"copy_folder"},    {"copy_folder", "/a"},     {"cmd"},  {"audio_cmd"},
+        {"audio_cmd", "7"}, {"audio_cmd", "1:2", "x"},
     };
     const std::vector<std::vector<const char*>> ran = {
-        {"copy_folder", "/a", "/b", "/c"}, {"cmd", "touch", "a b", "c"}, {"cmd", "exit 9"},
+        {"copy_folder", "/a", "/b", "/c"},
+        {"cmd", "touch", "a b", "c"},
+        {"cmd", "exit 9"},
     };
     const auto run = [](std::vector<const char*> argv) {
         argv.insert(argv.begin(), "/system/bin/zq_brevix");

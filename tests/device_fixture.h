@@ -68,7 +68,8 @@ inline std::vector<std::string> names_in(const std::string& dir) {
 // Waits in the kernel until `condition`, looked at again whenever something changes in `dir`.
 inline bool wait_until(const std::string& dir, const std::function<bool()>& condition) {
     const int fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    inotify_add_watch(fd, dir.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_CLOSE_WRITE);
+    inotify_add_watch(fd, dir.c_str(),
+                      IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_CLOSE_WRITE);
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     bool met = condition();
     while (!met && std::chrono::steady_clock::now() < deadline) {
@@ -95,8 +96,7 @@ inline bool wait_for_end(pid_t pid) {
         return errno == ESRCH;
     }
     pollfd waiting{fd, POLLIN, 0};
-    const bool ended =
-        poll(&waiting, 1, std::chrono::milliseconds(kPatience).count()) == 1;
+    const bool ended = poll(&waiting, 1, std::chrono::milliseconds(kPatience).count()) == 1;
     close(fd);
     return ended;
 }

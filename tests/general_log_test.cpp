@@ -1,10 +1,9 @@
-#include "zq_general_log.h"
-
 #include <cutils/properties.h>
 #include <sys/mount.h>
 
 #include "tests/device_fixture.h"
 #include "utils/util.h"
+#include "zq_general_log.h"
 
 namespace {
 
@@ -20,10 +19,12 @@ constexpr const char* kSwitch = "persist.service.start.capture";
 // Every started child, its command line; in the order in which the children came to write it.
 std::vector<std::string> commands_of_one_capture(size_t children) {
     fs::remove("/data/commands");
-    fixture::write_program("/system/bin/logcat",
-                           "echo \"${*#/data/logs/general_log/}\" >>/data/commands; exec sleep 1000");
+    fixture::write_program(
+        "/system/bin/logcat",
+        "echo \"$*\" >>/data/commands; exec sleep 1000");
     capturing(nullptr, true);
-    fixture::wait_until("/data", [=] { return fixture::read_lines("/data/commands").size() >= children; });
+    fixture::wait_until("/data",
+                        [=] { return fixture::read_lines("/data/commands").size() >= children; });
     capturing(nullptr, false);
     std::vector<std::string> commands = fixture::read_lines("/data/commands");
     for (std::string& command : commands) {
@@ -40,11 +41,12 @@ class GeneralLog : public testing::Test {
 };
 
 TEST_F(GeneralLog, ChannelsGetTheirDefaults) {
-    EXPECT_THAT(commands_of_one_capture(4),
-                ElementsAre("-b events -v threadtime -f /event.log -r 2000 -n 2",
-                            "-b kernel -v threadtime -f /kernel.log -r 6000 -n 2",
-                            "-b radio -v threadtime -f /radio.log -r 6000 -n 2",
-                            "-b system -b main -b crash -v threadtime -f /android.log -r 20000 -n 5"));
+    EXPECT_THAT(
+        commands_of_one_capture(4),
+        ElementsAre("-b events -v threadtime -f /event.log -r 2000 -n 2",
+                    "-b kernel -v threadtime -f /kernel.log -r 6000 -n 2",
+                    "-b radio -v threadtime -f /radio.log -r 6000 -n 2",
+                    "-b system -b main -b crash -v threadtime -f /android.log -r 20000 -n 5"));
 }
 
 TEST_F(GeneralLog, TheBoostRaisesTheAndroidChannelOnly) {
@@ -53,9 +55,9 @@ TEST_F(GeneralLog, TheBoostRaisesTheAndroidChannelOnly) {
     property_set("persist.sys.eventlogfs.size", "7");
     property_set("persist.service.radiologfs.enable", "true");
     const fixture::log_lines log;
-    EXPECT_THAT(commands_of_one_capture(3),
-                ElementsAre(HasSubstr("/event.log -r 2000 -n 7"), HasSubstr("/kernel.log -r 6000 -n 2"),
-                            HasSubstr("/android.log -r 50000 -n 40")));
+    EXPECT_THAT(commands_of_one_capture(3), ElementsAre(HasSubstr("/event.log -r 2000 -n 7"),
+                                                        HasSubstr("/kernel.log -r 6000 -n 2"),
+                                                        HasSubstr("/android.log -r 50000 -n 40")));
     EXPECT_THAT(log.lines(), testing::Contains("I ZQ_GENERAL_LOG: record radio is not enabled"));
 }
 
@@ -66,13 +68,13 @@ TEST_F(GeneralLog, AllChannelsOffLeavesNoDirectory) {
     const fixture::log_lines log;
     capturing(nullptr, true);
     capturing(nullptr, false);
-    EXPECT_THAT(log.lines(), ElementsAre("I ZQ_GENERAL_LOG: start capturing", "I ZQ_UTIL: new count: 0",
-                                         "I ZQ_GENERAL_LOG: record android is not enabled",
-                                         "I ZQ_GENERAL_LOG: record event is not enabled",
-                                         "I ZQ_GENERAL_LOG: record radio is not enabled",
-                                         "I ZQ_GENERAL_LOG: record kernel is not enabled",
-                                         "I ZQ_GENERAL_LOG: no task to do",
-                                         "I ZQ_GENERAL_LOG: stop capturing"));
+    EXPECT_THAT(log.lines(),
+                ElementsAre("I ZQ_GENERAL_LOG: start capturing", "I ZQ_UTIL: new count: 0",
+                            "I ZQ_GENERAL_LOG: record android is not enabled",
+                            "I ZQ_GENERAL_LOG: record event is not enabled",
+                            "I ZQ_GENERAL_LOG: record radio is not enabled",
+                            "I ZQ_GENERAL_LOG: record kernel is not enabled",
+                            "I ZQ_GENERAL_LOG: no task to do", "I ZQ_GENERAL_LOG: stop capturing"));
     EXPECT_TRUE(fs::is_empty(kGeneral));
 }
 
@@ -83,7 +85,8 @@ TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
         return log.lines().back();
     };
     fs::remove_all("/data/logs");
-    EXPECT_EQ(last_line(), "E ZQ_GENERAL_LOG: device mapper not exist! plz check dm & mount status!");
+    EXPECT_EQ(last_line(),
+              "E ZQ_GENERAL_LOG: device mapper not exist! plz check dm & mount status!");
     fixture::write_file(kGeneral, "");
     EXPECT_EQ(last_line(), "E ZQ_GENERAL_LOG: create general dir failed!");
     fs::remove(kGeneral);
@@ -135,7 +138,8 @@ class Daemon {
     pid_t pid_;
 };
 
-// Until the daemon's last word on the switch is `text` and, after an "on", the last channel started.
+// Until the daemon's last word on the switch is `text` and, after an "on", the last channel
+// started.
 bool wait_for_switch(const fixture::log_lines& log, const std::string& text) {
     return fixture::wait_until("/data", [&] {
         std::string last;
@@ -161,13 +165,17 @@ TEST_F(GeneralLog, RealLogsEndUpInTheCapture) {
     struct {
         const char* buffer;
         const char* file;
-    } const rows[] = {{"main", "android.log"}, {"system", "android.log"}, {"crash", "android.log"},
-                      {"events", "event.log"}, {"radio", "radio.log"}};
+    } const rows[] = {{"main", "android.log"},
+                      {"system", "android.log"},
+                      {"crash", "android.log"},
+                      {"events", "event.log"},
+                      {"radio", "radio.log"}};
     for (const auto& row : rows) {
         run_shell((std::string("log -t demo -b ") + row.buffer + " to " + row.buffer).c_str());
     }
     for (const auto& row : rows) {
-        EXPECT_TRUE(fixture::wait_for_text(capture + "/" + row.file, std::string("demo    : to ") + row.buffer));
+        EXPECT_TRUE(fixture::wait_for_text(capture + "/" + row.file,
+                                           std::string("demo    : to ") + row.buffer));
     }
     EXPECT_TRUE(fixture::wait_for_text(capture + "/android.log", "ZQLog main start!!"));
 
@@ -188,7 +196,8 @@ TEST_F(GeneralLog, FlippedAsFastAsItGoesTheLastStateHolds) {
         }
         ASSERT_TRUE(wait_for_switch(log, on ? "start capturing" : "stop capturing"));
         // Whatever was sent a SIGTERM ends; only those of the present capture stay.
-        fixture::wait_until("/data", [=] { return fixture::processes_named("logcat").size() == (on ? 4U : 0U); });
+        fixture::wait_until(
+            "/data", [=] { return fixture::processes_named("logcat").size() == (on ? 4U : 0U); });
         EXPECT_THAT(fixture::processes_named("logcat"), SizeIs(on ? 4 : 0));
     }
     EXPECT_TRUE(daemon.is_alive());

@@ -13,11 +13,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -134,9 +134,13 @@ void ZQCopyFile(const char* from, const char* to) {
     chmod(to, 0777);
 }
 
-void ZQCopyFolder(const char* from, const char* to) { copy_by_shell("cp -r %s %s ", from, to); }
+void ZQCopyFolder(const char* from, const char* to) {
+    copy_by_shell("cp -r %s %s ", from, to);
+}
 
-void ZQCopyCmd(const char* from, const char* to) { copy_by_shell("cp %s %s ", from, to); }
+void ZQCopyCmd(const char* from, const char* to) {
+    copy_by_shell("cp %s %s ", from, to);
+}
 
 // --- Directories and names ---------------------------------------------------------------------
 
@@ -160,8 +164,8 @@ int ZQCreateDirByFormat(const std::string& base, const std::string& prefix, int6
     localtime_r(&now, &local);
     char text[64] = {};
     strftime(text, sizeof(text), timeFormat.c_str(), &local);
-    snprintf(out, outSize, "%s%s%s_%s", base.c_str(), prefix.c_str(),
-             std::to_string(count).c_str(), text);
+    snprintf(out, outSize, "%s%s%s_%s", base.c_str(), prefix.c_str(), std::to_string(count).c_str(),
+             text);
     return ZQCreateDir(out);
 }
 
@@ -198,7 +202,8 @@ int64_t to_count(const char* digits) {
 }  // namespace
 
 int64_t ZQGetCountByFileName(const std::string& fileName, uint64_t fieldCount) {
-    const auto fields = static_cast<uint64_t>(std::count(fileName.begin(), fileName.end(), '_')) + 1;
+    const auto fields =
+        static_cast<uint64_t>(std::count(fileName.begin(), fileName.end(), '_')) + 1;
     if (fields != fieldCount || fields < 2) {
         return -1;
     }
@@ -312,7 +317,8 @@ void pack(const std::string& path) {
     chmod(archive.c_str(), 0777);
 }
 
-// The lowest counts whose removal brings `total` bytes below the ceiling; never the last of `names`.
+// The lowest counts whose removal brings `total` bytes below the ceiling; never the last of
+// `names`.
 std::vector<std::string> beyond_ceiling(const std::string& dir, const auto& names, int64_t total) {
     std::vector<std::string> paths;
     int64_t sum = 0;
@@ -412,4 +418,84 @@ int ZQRemoveFileWithCheckSize(const std::string& dir, int64_t /*newCount*/,
         ZQRemoveFile(path);
     }
     return 0;
+}
+
+// --- Base log dump -------------------------------------------------------------------------------
+
+namespace {
+
+struct base_log {
+    const char* tag;
+    const char* file;
+    std::vector<const char*> buffers;
+};
+
+// clang-format off
+const base_log kBaseLogs[] = {
+    {"android", "pre_android.log", {"system", "main", "crash"}},
+    {"events",  "pre_event.log",   {"events"}},
+    {"radio",   "pre_radio.log",   {"radio"}},
+    {"kernel",  "pre_kernel.log",  {"kernel"}},
+};
+// clang-format on
+
+constexpr const char* kDumpSeconds = "10";
+constexpr int kDumpPasses = 10;
+
+pid_t start_dump(const base_log& log, const char* dir) {
+    char file[512] = {};
+    snprintf(file, sizeof(file), "%s/%s", dir, log.file);
+    std::vector<const char*> argv = {"/system/bin/timeout", kDumpSeconds, "/system/bin/logcat",
+                                     "-f", file};
+    for (const char* buffer : log.buffers) {
+        argv.insert(argv.end(), {"-b", buffer});
+    }
+    argv.insert(argv.end(), {"-v", "threadtime", "-d", nullptr});
+    const pid_t pid = ZQRecordLog(log.tag, const_cast<char* const*>(argv.data()));
+    if (pid == 0) {
+        _exit(127);
+    }
+    return pid;
+}
+
+// One scan from the first child on: true when all of them are seen to have exited. A child
+// collected by an earlier scan counts as not done, so only a scan that meets all of them finished
+// ends early.
+bool all_done(const std::vector<pid_t>& children) {
+    for (size_t i = 0; i < children.size(); ++i) {
+        int status = 0;
+        if (waitpid(children[i], &status, WNOHANG) != children[i] || !WIFEXITED(status)) {
+            LOG(INFO) << "dump base log not done " << i;
+            return false;
+        }
+        LOG(INFO) << "dump base log done " << i;
+    }
+    return true;
+}
+
+void wait_for_dumps(const std::vector<pid_t>& children) {
+    for (int pass = 0; pass < kDumpPasses; ++pass) {
+        if (all_done(children)) {
+            return;
+        }
+        sleep(1);
+    }
+    LOG(WARNING) << "dump base log still have some work not done yet, skip";
+}
+
+}  // namespace
+
+void ZQDumpBaseLog(const char* dir) {
+    std::vector<pid_t> children;
+    for (const base_log& log : kBaseLogs) {
+        const pid_t pid = start_dump(log, dir);
+        if (pid > 0) {
+            children.push_back(pid);
+        }
+    }
+    wait_for_dumps(children);
+    for (const pid_t child : children) {
+        kill(child, SIGTERM);
+    }
+    LOG(INFO) << "dump base log finished";
 }

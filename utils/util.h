@@ -45,9 +45,9 @@ void ZQSplitByDelim(std::vector<char*>& out, char* text, const char* delim);
 int ZQGetFileCount(const std::string& dir);
 
 // --- Retention ---------------------------------------------------------------------------------
-// `prefix` picks the entries that take part, an empty one picks all. Functions that walk `dir` throw
-// std::filesystem::filesystem_error when it cannot be read and pass on what ZQGetCountByFileName
-// throws.
+// `prefix` picks the entries that take part, an empty one picks all. Functions that walk `dir`
+// throw std::filesystem::filesystem_error when it cannot be read and pass on what
+// ZQGetCountByFileName throws.
 
 // Removes a file or a whole tree. Returns 0, also when there is none; -1 (logged) on failure.
 int ZQRemoveFile(const std::string& path);
@@ -80,13 +80,13 @@ int ZQRemoveFileWithCheckSize(const std::string& dir, int64_t newCount, const st
 // Children start with the default signal mask and dispositions.
 
 // Starts the program argv[0] with `argv`, whose last element is null. Returns its pid, or -1
-// (logged) when there is no new process. In a child whose program cannot be started the call returns
-// 0, and the caller ends that child at once with _exit. The child is not waited for. `tag` is for
-// the log.
+// (logged) when there is no new process. In a child whose program cannot be started the call
+// returns 0, and the caller ends that child at once with _exit. The child is not waited for. `tag`
+// is for the log.
 int ZQRecordLog(const std::string& tag, char* const argv[]);
 
-// Runs a shell line as system() does and waits for it. Returns its wait status; -1 when it could not
-// be started or somebody else has collected it.
+// Runs a shell line as system() does and waits for it. Returns its wait status; -1 when it could
+// not be started or somebody else has collected it.
 int run_shell(const char* command);
 
 // Runs a shell line of at most 1023 bytes to its end; a longer one aborts the process. Its standard
@@ -101,3 +101,11 @@ void ZQCopyFile(const char* from, const char* to);
 // Failures are not reported.
 void ZQCopyFolder(const char* from, const char* to);
 void ZQCopyCmd(const char* from, const char* to);
+
+// --- Base log dump -------------------------------------------------------------------------------
+
+// Writes a snapshot of the log buffers into the directory `dir` (no "/" at its end):
+// pre_android.log, pre_event.log, pre_radio.log, pre_kernel.log. Blocks until the dumps are seen
+// finished, at most about 10 seconds, then sends SIGTERM to all of them; what has not ended yet is
+// not waited for. For one thread at a time that nothing else reaps for.
+void ZQDumpBaseLog(const char* dir);
