@@ -36,13 +36,14 @@ bool parse_number(std::string_view text, auto& number, int base = 10) {
 // The kernel writes bytes that are not printable as \xNN. An escaped NUL stays as it is: a text
 // ends at a NUL.
 std::string decode(std::string_view text) {
+    constexpr size_t kEscapeBytes = 4;
     std::string decoded;
     while (!text.empty()) {
         unsigned char byte = 0;
-        const bool is_escape =
-            text.starts_with("\\x") && parse_number(text.substr(2, 2), byte, 16) && byte != 0;
+        const bool is_escape = text.size() >= kEscapeBytes && text.starts_with("\\x") &&
+                               parse_number(text.substr(2, 2), byte, 16) && byte != 0;
         decoded.push_back(is_escape ? static_cast<char>(byte) : text[0]);
-        text.remove_prefix(is_escape ? 4 : 1);
+        text.remove_prefix(is_escape ? kEscapeBytes : 1);
     }
     return decoded;
 }
