@@ -674,6 +674,7 @@ void stop_watcher() {
     const std::lock_guard lock(detection.mutex);
     if (detection.thread_is_current) {
         remove_watches();
+        // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
         pthread_kill(detection.event_thread, SIGTERM);
         detection.thread_is_current = false;
     }

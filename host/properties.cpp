@@ -132,16 +132,17 @@ std::optional<steady_clock::time_point> deadline_after(std::chrono::milliseconds
     return now + std::max(timeout, milliseconds::zero());
 }
 
+timespec time_until(steady_clock::time_point deadline) {
+    const auto left = std::max(deadline - steady_clock::now(), steady_clock::duration::zero());
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    return {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
+}
+
 // Returns false when the deadline has passed without a change of the folder.
 bool wait_for_change(int fd, const std::optional<steady_clock::time_point>& deadline) {
     pollfd change = {fd, POLLIN, 0};
-    if (!deadline) {
-        return ppoll(&change, 1, nullptr, nullptr) != 0;
-    }
-    const auto left = std::max(*deadline - steady_clock::now(), steady_clock::duration::zero());
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-    const timespec timeout = {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
-    return ppoll(&change, 1, &timeout, nullptr) != 0;
+    const timespec timeout = deadline ? time_until(*deadline) : timespec{};
+    return ppoll(&change, 1, deadline ? &timeout : nullptr, nullptr) != 0;
 }
 
 }  // namespace

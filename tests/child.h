@@ -2,28 +2,24 @@
 
 // Programs that a test starts.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "tests/device_fixture.h"
 
 namespace fixture {
 
+using command = std::vector<std::string>;
+
 // A running program; one that has not been waited for is killed in the end.
 class child {
   public:
     // Standard output and standard error go to the file `output`, anew.
-    explicit child(std::vector<std::string> command, const char* output = "/dev/null") {
+    explicit child(command words, const char* output = "/dev/null") {
         std::vector<char*> argv;
-        for (std::string& word : command) {
+        for (std::string& word : words) {
             argv.push_back(word.data());
         }
         argv.push_back(nullptr);
@@ -32,8 +28,7 @@ class child {
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output,
                                          O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
         posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-        EXPECT_EQ(posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0)
-            << argv[0];
+        EXPECT_EQ(posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
     }
     ~child() {
@@ -62,10 +57,9 @@ struct outcome {
     std::string output;
 };
 
-inline outcome run(std::vector<std::string> command) {
-    static constexpr char kOutput[] = "/data/output";
-    const int status = child(std::move(command), kOutput).wait();
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(kOutput)};
+inline outcome run(command words) {
+    const int status = child(std::move(words), "/data/output").wait();
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file("/data/output")};
 }
 
 }  // namespace fixture

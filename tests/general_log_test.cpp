@@ -19,9 +19,7 @@ constexpr const char* kSwitch = "persist.service.start.capture";
 // Every started child, its command line; in the order in which the children came to write it.
 std::vector<std::string> commands_of_one_capture(size_t children) {
     fs::remove("/data/commands");
-    fixture::write_program(
-        "/system/bin/logcat",
-        "echo \"$*\" >>/data/commands; exec sleep 1000");
+    fixture::write_program("/system/bin/logcat", "echo \"$*\" >>/data/commands; exec sleep 1000");
     capturing(nullptr, true);
     fixture::wait_until("/data",
                         [=] { return fixture::read_lines("/data/commands").size() >= children; });

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,45 +39,52 @@ namespace {
 
 // --- Signals -------------------------------------------------------------------------------------
 
-// A logcat that is told to end first writes what it was sent to the buffers before. So these
-// signals are held back but for the time of a wait.
+// A logcat that is told to end first writes what it was sent before. So these signals are blocked,
+// and read like the other things that it waits for: a flood of lines does not keep them away.
 constexpr int kEndSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
-volatile sig_atomic_t end_signal = 0;
-sigset_t mask_while_waiting;
+unique_fd end_signals;
+int end_signal = 0;
 
-void hold_end_signals() {
-    struct sigaction action {};
-    action.sa_handler = [](int signal) { end_signal = signal; };
-    sigfillset(&action.sa_mask);
-    sigset_t held;
-    sigemptyset(&held);
+void block_end_signals() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
     for (const int signal : kEndSignals) {
         struct sigaction inherited {};
         sigaction(signal, nullptr, &inherited);
         if (inherited.sa_handler != SIG_IGN) {  // as nohup sets it
-            sigaction(signal, &action, nullptr);
-            sigaddset(&held, signal);
+            sigaddset(&blocked, signal);
         }
     }
-    sigprocmask(SIG_BLOCK, &held, &mask_while_waiting);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    end_signals.reset(signalfd(-1, &blocked, SFD_NONBLOCK | SFD_CLOEXEC));
+    if (end_signals < 0) {
+        fail("signalfd");
+    }
 }
 
-// Returns the number of descriptors that are ready; 0 after the timeout, if any, or a signal.
-int wait_for(std::vector<pollfd>& fds, const timespec* timeout) {
-    const int ready = ppoll(fds.data(), fds.size(), timeout, &mask_while_waiting);
-    if (ready < 0 && errno != EINTR) {
-        fail("ppoll");
+// Waits for one of `fds` or a signal to end, which is noted. Returns whether one of `fds` is ready.
+bool wait_for(std::vector<pollfd> fds, int timeout_ms) {
+    fds.push_back({end_signals.get(), POLLIN, 0});
+    if (TEMP_FAILURE_RETRY(poll(fds.data(), fds.size(), timeout_ms)) < 0) {
+        fail("poll");
     }
-    return std::max(ready, 0);
+    signalfd_siginfo signal{};
+    if (read(end_signals, &signal, sizeof(signal)) == sizeof(signal)) {
+        end_signal = static_cast<int>(signal.ssi_signo);
+    }
+    return std::any_of(fds.begin(), fds.end() - 1,
+                       [](const pollfd& fd) { return fd.revents != 0; });
 }
 
 // As the one who waits for this process expects it: the signal is how it ended.
 [[noreturn]] void end_by_signal() {
-    signal(end_signal, SIG_DFL);
+    sigset_t unblocked;
+    sigemptyset(&unblocked);
+    sigaddset(&unblocked, end_signal);
     raise(end_signal);
-    sigprocmask(SIG_SETMASK, &mask_while_waiting, nullptr);
-    _exit(128 + end_signal);
+    sigprocmask(SIG_UNBLOCK, &unblocked, nullptr);
+    abort();  // not reached: nothing handles the signal
 }
 
 // --- Options -------------------------------------------------------------------------------------
@@ -258,11 +266,11 @@ class output {
     // A pipe that nobody empties must not keep logcat from ending. Returns how many of `size` bytes
     // can be written without blocking.
     size_t wait_for_room(size_t size) const {
-        constexpr timespec kLastChance = {1, 0};
-        std::vector<pollfd> room = {{fd_.get(), POLLOUT, 0}};
+        constexpr int kForEver = -1;
+        constexpr int kLastChanceMs = 1000;
         while (true) {
             const bool is_ending = end_signal != 0;
-            if (wait_for(room, is_ending ? &kLastChance : nullptr) > 0) {
+            if (wait_for({{fd_.get(), POLLOUT, 0}}, is_ending ? kLastChanceMs : kForEver)) {
                 return std::min<size_t>(size, PIPE_BUF);
             }
             if (is_ending) {
@@ -417,8 +425,7 @@ class logcat {
     }
 
     void wait(bool has_more) {
-        constexpr timespec kNone = {0, 0};
-        wait_for(fds_, has_more ? &kNone : nullptr);
+        wait_for(fds_, has_more ? 0 : -1);
         // What the events say does not matter, only that the stores are looked at after them.
         alignas(inotify_event) char events[4096];
         while (read(inotify_, events, sizeof(events)) > 0) {
@@ -435,8 +442,8 @@ class logcat {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    hold_end_signals();
     try {
+        block_end_signals();
         logcat(parse_options(argc, argv)).run();
     } catch (const std::exception& error) {
         fprintf(stderr, "logcat: %s\n", error.what());
