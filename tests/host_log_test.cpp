@@ -6,6 +6,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <cstring>
 #include <random>
 #include <semaphore>
@@ -19,14 +20,16 @@
 namespace {
 
 using fixture::child;
+using fixture::command;
 using fixture::read_file;
 using fixture::read_lines;
 using fixture::run;
+using testing::AllOf;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::MatchesRegex;
+using testing::SizeIs;
+using testing::StartsWith;
 
 constexpr char kMain[] = "/dev/log/main";
 constexpr char kDivider[] = "--------- beginning of main\n";
@@ -44,11 +47,9 @@ int append(log_id_t buffer, const std::string& message, time_t seconds = 1) {
 
 class follower {
   public:
-    explicit follower(log_id_t buffer) : reader_(buffer, inotify_) {
-        inotify_add_watch(inotify_, kLogFolder, IN_CREATE);
-    }
+    follower() { inotify_add_watch(inotify_, kLogFolder, IN_CREATE); }
 
-    // What there is now.
+    // The messages that there are now.
     std::vector<std::string> read_all() {
         std::vector<std::string> messages;
         for (; reader_.peek() != nullptr; reader_.pop()) {
@@ -57,28 +58,18 @@ class follower {
         return messages;
     }
 
-    // The next one, for which it waits; "" when it does not come.
-    std::string next() {
-        pollfd more{inotify_, POLLIN, 0};
+    bool wait() const {
+        pollfd more{inotify_.get(), POLLIN, 0};
+        const bool has_more =
+            poll(&more, 1, std::chrono::milliseconds(fixture::kPatience).count()) == 1;
         char events[4096];
-        while (reader_.peek() == nullptr) {
-            if (poll(&more, 1, std::chrono::milliseconds(fixture::kPatience).count()) != 1) {
-                return "";
-            }
-            read(inotify_, events, sizeof(events));
-        }
-        const std::string message(reader_.peek()->message, reader_.peek()->messageLen);
-        reader_.pop();
-        return message;
+        return has_more && read(inotify_, events, sizeof(events)) > 0;
     }
 
   private:
     android::base::unique_fd inotify_{inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
-    log_reader reader_;
+    log_reader reader_{LOG_ID_MAIN, inotify_.get()};
 };
-
-// --- The lines of LOG
-// ------------------------------------------------------------------------------
 
 TEST(Log, LinesGoToStandardErrorAndToTheStore) {
     const fixture::log_lines standard_error;
@@ -89,119 +80,98 @@ TEST(Log, LinesGoToStandardErrorAndToTheStore) {
     LOG(WARNING) << errno;
     EXPECT_EQ(errno, ENOTTY);
     std::filesystem::remove(kMain);
-    LOG(ERROR) << "stored";
-    const std::string prefix =
-        "[0-9-]+ [0-9:.]+ +" + std::to_string(getpid()) + " +" + std::to_string(gettid());
-    const std::vector<std::string> lines = read_lines(fixture::log_lines::kFile);
-    EXPECT_THAT(lines, ElementsAre(MatchesRegex(prefix + " D HOST_LOG: one"),
-                                   MatchesRegex(prefix + " D HOST_LOG: two"),
-                                   MatchesRegex(prefix + " W HOST_LOG: 25"),
-                                   MatchesRegex(prefix + " E HOST_LOG: stored")));
-    EXPECT_EQ(run({"logcat", "-d"}).output, kDivider + lines.back() + "\n");
-}
-
-TEST(Log, AFatalLineIsStoredBeforeTheAbort) {
     std::filesystem::create_directory("/tmp");  // of EXPECT_EXIT
     EXPECT_EXIT(LOG(FATAL) << "bye", testing::KilledBySignal(SIGABRT), "F HOST_LOG: bye");
-    EXPECT_THAT(run({"logcat", "-d"}).output, HasSubstr("F HOST_LOG: bye\n"));
+    std::thread([] { LOG(ERROR) << "stored"; }).join();
+    const std::string prefix = "[0-9-]+ [0-9:.]+ +" + std::to_string(getpid()) + " +";
+    const std::string first = prefix + std::to_string(gettid());
+    const std::vector<std::string> lines = read_lines(fixture::log_lines::kFile);
+    EXPECT_THAT(lines, ElementsAre(MatchesRegex(first + " D HOST_LOG: one"),
+                                   MatchesRegex(first + " D HOST_LOG: two"),
+                                   MatchesRegex(first + " W HOST_LOG: 25"),
+                                   MatchesRegex(prefix + "[0-9]+ E HOST_LOG: stored")));
+    EXPECT_THAT(lines.back(), Not(MatchesRegex(first + " .*")));
+    EXPECT_THAT(run({"logcat", "-d"}).output,
+                AllOf(StartsWith(kDivider), HasSubstr("F HOST_LOG: bye\n" + lines.back())));
 }
 
 TEST(Log, ProgramStoresALine) {
-    EXPECT_EQ(run({"log", "-b", "radio", "-p", "W", "-t", "t", "two", "-words"}).exit_status, 0);
-    EXPECT_EQ(run({"log", "-b", "radio", "-p", "error", "line"}).exit_status, 0);
+    run({"log", "-b", "radio", "-p", "W", "-t", "t", "two", "-words"});
+    run({"log", "-b", "radio", "-p", "error", "line"});
     EXPECT_EQ(run({"logcat", "-d", "-b", "radio", "-v", "tag"}).output,
               "--------- beginning of radio\nW/t       : two -words\nE/log     : line\n");
-    using command = std::vector<std::string>;
-    for (const command& bad :
-         {command{"log"}, {"log", "-p", "x", "m"}, {"log", "-b", "kernel", "m"}}) {
+    for (const command& bad : {command{"log"}, {"log", "-p", "x", "m"}, {"log", "-b", "x", "m"}}) {
         EXPECT_EQ(run(bad).exit_status, 1);
     }
     umount2(kLogFolder, MNT_DETACH);
     rmdir(kLogFolder);
-    const auto [exit_status, output] = run({"log", "m"});
-    EXPECT_EQ(exit_status, 1);
-    EXPECT_THAT(output, HasSubstr("No such file or directory"));
+    EXPECT_EQ(run({"log", "m"}).exit_status, 1);
 }
 
 // --- The store -----------------------------------------------------------------------------------
 
 TEST(LogStore, KeepsTheNewestWithinItsBound) {
-    constexpr int kEntries = 3000;
-    const std::string padding(2000, '.');
-    for (int i = 0; i < kEntries; ++i) {
-        ASSERT_EQ(append(LOG_ID_MAIN, std::to_string(i) + padding), 0);
+    constexpr size_t kEntries = 2000;
+    for (size_t i = 0; i < kEntries; ++i) {
+        ASSERT_EQ(append(LOG_ID_MAIN, std::to_string(i) + std::string(10000, '.')), 0);
     }
     uintmax_t bytes = 0;
-    for (const std::string& name : fixture::names_in(kLogFolder)) {
-        bytes += std::filesystem::file_size(std::string(kLogFolder) + "/" + name);
+    for (const auto& entry : std::filesystem::directory_iterator(kLogFolder)) {
+        bytes += entry.file_size();
     }
     EXPECT_LE(bytes, 2U * kLogSegmentBytes);
-    const std::vector<std::string> kept = follower(LOG_ID_MAIN).read_all();
-    EXPECT_GE(kept.size(), kLogSegmentBytes / 2100U) << "a full segment at least";
+    const std::vector<std::string> kept = follower().read_all();
+    EXPECT_GE(kept.size(), kLogSegmentBytes / 4100U) << "a full segment at least";
     for (size_t i = 0; i < kept.size(); ++i) {
         ASSERT_EQ(std::stoul(kept[i]), kEntries - kept.size() + i);
+        ASSERT_GT(kept[i].size(), 4000U) << "too long for an entry, so cut";
     }
-}
-
-TEST(LogStore, LongEntriesAreCut) {
-    ASSERT_EQ(append(LOG_ID_MAIN, std::string(10000, 'x')), 0);
-    ASSERT_EQ(append(LOG_ID_MAIN, "next"), 0);
-    const std::vector<std::string> messages = follower(LOG_ID_MAIN).read_all();
-    ASSERT_EQ(messages.size(), 2U);
-    EXPECT_GT(messages[0].size(), 4000U);
-    EXPECT_LT(messages[0].size(), 4068U);
-    EXPECT_EQ(messages[1], "next");
 }
 
 // The writers are at most half a segment ahead, so nothing may be missing, through ten rotations.
 TEST(LogStore, AFollowerLosesNothingOfManyWriters) {
-    constexpr int kWriters = 4;
-    constexpr int kEntries = 5000;
-    const std::string padding(1000, '.');
+    constexpr size_t kWriters = 4;
+    constexpr size_t kEntries = 5000;
     std::counting_semaphore<> room(kLogSegmentBytes / 2 / 1100);
     std::vector<std::thread> writers;
-    for (int writer = 0; writer < kWriters; ++writer) {
+    for (size_t writer = 0; writer < kWriters; ++writer) {
         writers.emplace_back([&, writer] {
-            for (int i = 0; i < kEntries; ++i) {
+            for (size_t i = 0; i < kEntries; ++i) {
                 room.acquire();
-                EXPECT_EQ(append(LOG_ID_MAIN, std::to_string(i * kWriters + writer) + padding), 0);
+                append(LOG_ID_MAIN, std::to_string(i * kWriters + writer) + std::string(1000, '.'));
             }
         });
     }
-    follower reader(LOG_ID_MAIN);
-    int next[kWriters] = {};
-    int wrong = 0;
-    for (int i = 0; i < kWriters * kEntries; ++i) {
-        const int number = std::atoi(reader.next().c_str());
-        wrong += next[number % kWriters]++ == number / kWriters ? 0 : 1;
-        room.release();
+    follower reader;
+    size_t next[kWriters] = {};
+    for (size_t count = 0; count < kWriters * kEntries;) {
+        for (const std::string& message : reader.read_all()) {
+            const size_t number = std::stoul(message);
+            EXPECT_EQ(next[number % kWriters]++, number / kWriters);
+            room.release();
+            ++count;
+        }
+        ASSERT_TRUE(count == kWriters * kEntries || reader.wait()) << count;
     }
-    EXPECT_EQ(wrong, 0);
     for (std::thread& writer : writers) {
         writer.join();
     }
-    EXPECT_THAT(reader.read_all(), IsEmpty());
-}
-
-TEST(LogStore, AReaderWaitsForNoWriter) {
-    append(LOG_ID_MAIN, "one");
-    const int fd = open(kMain, O_RDWR | O_CLOEXEC);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    EXPECT_THAT(follower(LOG_ID_MAIN).read_all(), ElementsAre("one"));
-    close(fd);
 }
 
 TEST(LogStore, AnEntryTakenBackHalfwayIsNeverSeen) {
     append(LOG_ID_MAIN, "one");
     const auto size = std::filesystem::file_size(kMain);
-    follower reader(LOG_ID_MAIN);
+    const int stopped_writer = open(kMain, O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(stopped_writer, LOCK_EX), 0);
+    follower reader;
     EXPECT_THAT(reader.read_all(), ElementsAre("one"));
-    append(LOG_ID_MAIN, "two");
-    std::filesystem::resize_file(kMain, size + 33);
-    EXPECT_THAT(reader.read_all(), IsEmpty());
-    std::filesystem::resize_file(kMain, size);
+    ASSERT_EQ(pwrite(stopped_writer, read_file(kMain).data(), 33, size), 33);
+    EXPECT_THAT(reader.read_all(), SizeIs(0));
+    ASSERT_EQ(ftruncate(stopped_writer, size), 0);
+    close(stopped_writer);
     append(LOG_ID_MAIN, "three");
     EXPECT_THAT(reader.read_all(), ElementsAre("three"));
+
     signal(SIGXFSZ, SIG_IGN);
     const rlimit no_room{std::filesystem::file_size(kMain) + 10, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &no_room);
@@ -212,22 +182,20 @@ TEST(LogStore, AnEntryTakenBackHalfwayIsNeverSeen) {
 TEST(LogStore, SoundEntriesAreFoundBetweenDamage) {
     append(LOG_ID_MAIN, "model");
     const std::string whole = read_file(kMain);
-    std::string long_header = whole;
-    long_header[0] = 100;
+    std::string longer = whole;
+    longer[0] += 100;
+    std::string longest = whole + std::string(70000, 'x');
+    longest[0] = longest[1] = '\xff';
     std::mt19937 random(1);
     std::string noise(5000, '\0');
     std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(random()); });
     std::string text;
-    int sound = 0;
-    for (const std::string& damage : {std::string(70, '\0'), std::string("plain text\n"), noise,
-                                      long_header, whole.substr(0, 1), whole.substr(0, 27),
-                                      whole.substr(0, 29), whole.substr(0, whole.size() - 1)}) {
+    for (const std::string& damage : {std::string(70, '\0'), std::string("text\n"), noise, longer,
+                                      longest, whole.substr(0, 27), whole.substr(0, 29)}) {
         text.append(damage).append(whole);
-        ++sound;
     }
     fixture::write_file(kMain, text + whole.substr(0, 30));
-    EXPECT_THAT(follower(LOG_ID_MAIN).read_all(),
-                ElementsAreArray(std::vector<std::string>(sound, "model")));
+    EXPECT_THAT(follower().read_all(), AllOf(SizeIs(7), testing::Each("model")));
 }
 
 // --- The kernel's log
@@ -243,14 +211,13 @@ TEST(KernelLog, RecordsAreParsed) {
         {"3,1,1,-;usb 1-1: reset\n", "6 1 0 [] usb 1-1: reset"},
         {"12,1,1,c,caller=T42;a: b: c", "5 1 42 [a] b: c"},
         {"5,1,1,-,caller=C0;t\\x5cn\\xc3\\xa4\\x00\\xg\\x1", "4 1 0 [] t\\n\xc3\xa4\\x00\\xg\\x1"},
+        {"15,,1,;", "3 1 0 [] "},
         {"7,9,18446744073709551615,-;x", ""},
         {"7,9,-1,-;x", ""},
         {"x,9,1,-;x", ""},
         {"7,9,1", ""},
-        {"7;x", ""},
         {";", ""},
         {"", ""},
-        {"15,,1,;", "3 1 0 [] "},
     };
     for (const auto& [text, expected] : kCases) {
         std::ostringstream parsed;
@@ -268,48 +235,36 @@ TEST(KernelLog, LogcatShowsIt) {
     if (!(kmsg << "<4>host_test: " << marker << std::endl)) {
         GTEST_SKIP() << "THE KERNEL LOG OF THIS MACHINE CANNOT BE WRITTEN: nothing is tried";
     }
-    const std::string output = run({"logcat", "-d", "-b", "kernel"}).output;
-    EXPECT_THAT(output, testing::StartsWith("--------- beginning of kernel\n"));
-    EXPECT_THAT(output, HasSubstr(" W host_test: " + marker));
+    EXPECT_THAT(
+        run({"logcat", "-d", "-b", "kernel"}).output,
+        AllOf(StartsWith("--------- beginning of kernel\n"), HasSubstr(" W host_test: " + marker)));
 }
 
 TEST(KernelLog, LogcatGoesOnWithoutIt) {
     umount2("/dev/kmsg", MNT_DETACH);
     unlink("/dev/kmsg");
     append(LOG_ID_MAIN, "there");
-    const auto [exit_status, output] = run({"logcat", "-d", "-b", "kernel,main"});
-    EXPECT_EQ(exit_status, 0);
-    EXPECT_THAT(output, HasSubstr("cannot open /dev/kmsg"));
-    EXPECT_THAT(output, HasSubstr("tag     : there\n"));
+    EXPECT_THAT(run({"logcat", "-d", "-b", "kernel,main"}).output,
+                AllOf(HasSubstr("cannot open /dev/kmsg"), HasSubstr("tag     : there\n")));
 }
 
 // --- logcat
 // ----------------------------------------------------------------------------------------
 
 TEST(Logcat, RejectsWhatItCannotDo) {
-    using command = std::vector<std::string>;
-    for (const command& options : {command{"-x"},
-                                   {"-b", "nope"},
-                                   {"-b", "main,"},
-                                   {"-b"},
-                                   {"-v", "nope"},
-                                   {"-v", "UTC"},
-                                   {"-r", "5"},
-                                   {"-r", "0", "-f", "/data/x"},
-                                   {"-r", "1k", "-f", "/data/x"},
-                                   {"-r", "-1", "-f", "/data/x"},
-                                   {"-n", "0"},
-                                   {"-n", "x"},
-                                   {"-f", "/none/x"},
-                                   {"tag:q"}}) {
+    append(LOG_ID_MAIN, "line");
+    // clang-format off
+    for (const command& options : {
+             command{"-x"}, {"-b", "nope"}, {"-b", "main,"}, {"-b"}, {"-v", "nope"}, {"-v", "UTC"},
+             {"-r", "5"}, {"-f", "/data/x", "-r", "0"}, {"-f", "/data/x", "-r", "1k"}, {"-n", "0"},
+             {"-f", "/none/x"}, {"-f", "/dev/full"}, {"tag:q"}}) {
+        // clang-format on
         command words = {"logcat", "-d"};
         words.insert(words.end(), options.begin(), options.end());
         const auto [exit_status, output] = run(words);
-        EXPECT_EQ(exit_status, 1) << options[0];
-        EXPECT_THAT(output, MatchesRegex("logcat: [^\n]*\n")) << options[0];
+        EXPECT_EQ(exit_status, 1) << options.back();
+        EXPECT_THAT(output, MatchesRegex("logcat: [^\n]*\n")) << options.back();
     }
-    append(LOG_ID_MAIN, "line");
-    EXPECT_THAT(run({"logcat", "-d", "-f", "/dev/full"}).output, HasSubstr("No space left"));
 }
 
 TEST(Logcat, MergesBuffersByTime) {
@@ -317,9 +272,8 @@ TEST(Logcat, MergesBuffersByTime) {
     append(LOG_ID_CRASH, "c2", 2);
     append(LOG_ID_SYSTEM, "s1\nmore", 1);
     append(LOG_ID_SYSTEM, "s3", 3);
-    append(LOG_ID_MAIN, "m4", 4);
     append(LOG_ID_EVENTS, "e0", 0);
-    const auto shown = [](std::vector<std::string> options) {
+    const auto shown = [](command options) {
         options.insert(options.begin(), {"logcat", "-d", "-v", "raw"});
         std::string text = run(options).output;
         for (size_t at = 0; (at = text.find("--------- beginning of ")) != std::string::npos;) {
@@ -328,11 +282,10 @@ TEST(Logcat, MergesBuffersByTime) {
         std::replace(text.begin(), text.end(), '\n', ' ');
         return text;
     };
-    EXPECT_EQ(shown({}), "=system s1 more =main m2 =crash c2 s3 m4 ");
+    EXPECT_EQ(shown({}), "=system s1 more =main m2 =crash c2 s3 ");
     EXPECT_EQ(shown({"-b", "default", "-b", "main"}), shown({}));
     EXPECT_EQ(shown({"-b", "events,system"}), "=events e0 =system s1 more s3 ");
     EXPECT_THAT(shown({"-b", "all"}), HasSubstr("=events e0 =system s1 more =main m2 =crash c2"));
-    EXPECT_EQ(shown({"-b", "radio"}), "");
     EXPECT_EQ(shown({"*:S"}), "");
 }
 
@@ -343,36 +296,30 @@ TEST(Logcat, RotatesItsFile) {
     }
     fixture::write_file("/data/log", std::string(199, '-') + "\n");
     fixture::write_file("/data/log.10", "goes");
-    const auto dump_to = [](const char* file, const char* count) {
-        return run({"logcat", "-d", "-v", "raw", "-f", file, "-r", "1", "-n", count}).exit_status;
-    };
-    EXPECT_EQ(dump_to("/data/log", "10"), 0);
+    std::filesystem::create_directory("/data/2");
+    run({"logcat", "-d", "-v", "raw", "-f", "/data/log", "-r", "1", "-n", "10"});
+    run({"logcat", "-d", "-v", "raw", "-f", "/data/2/log", "-r", "1", "-n", "2"});
     EXPECT_THAT(fixture::names_in("/data"),
-                ElementsAre("log", "log.01", "log.02", "log.03", "log.04", "log.05", "log.06",
+                ElementsAre("2", "log", "log.01", "log.02", "log.03", "log.04", "log.05", "log.06",
                             "log.07", "log.08", "log.09", "log.10", "output"));
     EXPECT_EQ(std::filesystem::file_size("/data/log.10"), 200 + strlen(kDivider) + 8 * 100);
     EXPECT_EQ(std::filesystem::file_size("/data/log.01"), 1100U);
-    EXPECT_THAT(read_file("/data/log"), testing::StartsWith("1107."));
+    EXPECT_THAT(read_file("/data/log"), StartsWith("1107."));
     EXPECT_EQ(fixture::mode_of("/data/log"), 0640U & ~022U);
-
-    std::filesystem::create_directory("/data/2");
-    EXPECT_EQ(dump_to("/data/2/log", "2"), 0);
     EXPECT_THAT(fixture::names_in("/data/2"), ElementsAre("log", "log.1", "log.2"));
-    EXPECT_THAT(read_file("/data/2/log.2"), testing::StartsWith("1087."));
+    EXPECT_THAT(read_file("/data/2/log.2"), StartsWith("1087."));
 }
 
 TEST(Logcat, FollowsWithoutWakingUpInVain) {
     append(LOG_ID_MAIN, "before");
     child logcat({"logcat", "-v", "raw", "-f", "/data/log"});
     ASSERT_TRUE(fixture::wait_for_text("/data/log", "before\n"));
-    append(LOG_ID_SYSTEM, "first of its buffer");
-    ASSERT_TRUE(fixture::wait_for_text("/data/log", "first of its buffer\n"));
-    append(LOG_ID_SYSTEM, "second");
-    ASSERT_TRUE(fixture::wait_for_text("/data/log", "second\n"));
-
-    const std::string status = "/proc/" + std::to_string(logcat.pid()) + "/status";
+    for (const char* message : {"first of its buffer", "second"}) {
+        append(LOG_ID_SYSTEM, message);
+        ASSERT_TRUE(fixture::wait_for_text("/data/log", message));
+    }
     const auto switches = [&] {
-        const std::string text = read_file(status);
+        const std::string text = read_file("/proc/" + std::to_string(logcat.pid()) + "/status");
         return std::stoi(text.substr(text.find("\nvoluntary_ctxt_switches:") + 26));
     };
     const int before = switches();
@@ -383,27 +330,40 @@ TEST(Logcat, FollowsWithoutWakingUpInVain) {
     EXPECT_LE(switches() - before, 2);
 }
 
-// A logcat that is ended has written all that it was sent before.
+// Half of the lines are there before it starts, half come then; all the time there is a flood.
 TEST(Logcat, WritesEverythingBeforeItEnds) {
-    constexpr int kRounds = 30;
-    constexpr int kLines = 300;
-    for (int round = 0; round < kRounds; ++round) {
+    std::atomic<bool> done = false;
+    std::thread flood([&] {
+        while (!done) {
+            append(LOG_ID_CRASH, "flood");
+        }
+    });
+    for (int round = 0; round < 10; ++round) {
         std::filesystem::remove("/data/log");
+        std::vector<std::string> sent;
+        const auto send = [&](int count) {
+            for (int i = 0; i < count; ++i) {
+                sent.push_back(std::to_string(round) + "." + std::to_string(i));
+                append(i % 2 == 0 ? LOG_ID_MAIN : LOG_ID_SYSTEM, sent.back());
+            }
+        };
+        send(2000);
         child logcat({"logcat", "-v", "raw", "-f", "/data/log"});
         ASSERT_TRUE(fixture::wait_until("/data", [] { return access("/data/log", F_OK) == 0; }));
-        const std::string mark = std::to_string(round) + ".";
-        std::vector<std::string> sent;
-        for (int i = 0; i < kLines; ++i) {
-            sent.push_back(mark + std::to_string(i));
-            ASSERT_EQ(append(i % 2 == 0 ? LOG_ID_MAIN : LOG_ID_SYSTEM, sent.back()), 0);
-        }
+        send(2000);
         kill(logcat.pid(), SIGTERM);
         const int status = logcat.wait();
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
         std::vector<std::string> written = read_lines("/data/log");
-        std::erase_if(written, [&](const std::string& line) { return !line.starts_with(mark); });
-        ASSERT_THAT(written, testing::UnorderedElementsAreArray(sent)) << round;
+        std::erase_if(written, [&](const std::string& line) {
+            return !line.starts_with(std::to_string(round) + ".");
+        });
+        std::sort(written.begin(), written.end());
+        std::sort(sent.begin(), sent.end());
+        EXPECT_EQ(written, sent);
     }
+    done = true;
+    flood.join();
 }
 
 TEST(Logcat, EndsWhenNobodyReadsItsPipe) {
@@ -414,7 +374,7 @@ TEST(Logcat, EndsWhenNobodyReadsItsPipe) {
     const int pipe = open("/data/pipe", O_RDWR | O_CLOEXEC);
     child logcat({"logcat"}, "/data/pipe");
     pollfd begun{pipe, POLLIN, 0};
-    ASSERT_EQ(poll(&begun, 1, 60000), 1);
+    ASSERT_EQ(poll(&begun, 1, std::chrono::milliseconds(fixture::kPatience).count()), 1);
     kill(logcat.pid(), SIGTERM);
     const int status = logcat.wait();
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
