@@ -101,18 +101,28 @@ inline bool wait_for_end(pid_t pid) {
     return ended;
 }
 
-// The processes that run a program of this name, without those that have ended and wait for their
-// parent.
-inline std::vector<pid_t> processes_named(const std::string& name) {
+// The processes whose /proc status holds `line` and not `without`.
+inline std::vector<pid_t> processes_with(const std::string& line, const std::string& without) {
     std::vector<pid_t> pids;
     for (const std::string& entry : names_in("/proc")) {
         const std::string status = read_file("/proc/" + entry + "/status");
-        if (status.starts_with("Name:\t" + name + "\n") &&
-            status.find("\nState:\tZ") == std::string::npos) {
+        if (status.find(line + "\n") != std::string::npos &&
+            (without.empty() || status.find(without) == std::string::npos)) {
             pids.push_back(std::stoi(entry));
         }
     }
     return pids;
+}
+
+// The processes that run a program of this name, without those that have ended and wait for their
+// parent.
+inline std::vector<pid_t> processes_named(const std::string& name) {
+    return processes_with("Name:\t" + name, "\nState:\tZ");
+}
+
+// Of all threads of a process, those that have ended and wait for it included.
+inline std::vector<pid_t> children_of(pid_t parent) {
+    return processes_with("\nPPid:\t" + std::to_string(parent), "");
 }
 
 // Standard error, where the device's log lines go, kept in a file: a pipe would stay open in
