@@ -76,17 +76,20 @@ struct {
     char debuggable[PROPERTY_VALUE_MAX];
 } device_info;
 
-// An event on its way into its folder; the sizes bound what file names may bring in.
+// An event on its way into its folder.
 struct collected_event {
-    const char* category = "";
-    char package[512] = {};  // empty but for app events
-    char type[32] = {};
-    tm local{};
-    char time[32] = {};
-    char folder[512] = {};
-    char source[512] = {};
+    const char* category;
     std::string file_name;
+    std::string package;  // empty but for app events
+    std::string type;
+    tm local;
+    std::string time;
+    std::string folder;
+    std::string source;
 };
+
+constexpr size_t kMaxTypeBytes = 31;
+constexpr size_t kMaxPackageBytes = 511;
 
 // --- Decisions -----------------------------------------------------------------------------------
 
@@ -110,8 +113,8 @@ const char* parse_app_event(const std::string& file_name, collected_event& out) 
     if (parts.size() != 3) {
         return "parse info from filename split size incorrectly";
     }
-    snprintf(out.package, sizeof(out.package), "%s", parts[1].c_str());
-    snprintf(out.type, sizeof(out.type), "%s", parts[2].c_str());
+    out.package = parts[1].substr(0, kMaxPackageBytes);
+    out.type = parts[2].substr(0, kMaxTypeBytes);
     return nullptr;
 }
 
@@ -126,14 +129,12 @@ std::string name_prefix(const collected_event& event, const customize_settings& 
 
 // The app parses this command's extras: frozen.
 std::string report_command(const collected_event& event) {
-    char command[512] = {};
-    snprintf(command, sizeof(command),
-             "am startservice -a %s -n %s --es name %s --es type %s --es path %s --es time %s "
-             "--user 0",
-             "com.velmora.brevix.action.EVENT", "com.velmora.brevix/.logoutput.QueueTaskService",
-             event.package[0] != '\0' ? event.package : "null", event.type, event.folder,
-             event.time);
-    return command;
+    return cut_format(
+        kMaxPathBytes,
+        "am startservice -a %s -n %s --es name %s --es type %s --es path %s --es time %s --user 0",
+        "com.velmora.brevix.action.EVENT", "com.velmora.brevix/.logoutput.QueueTaskService",
+        event.package.empty() ? "null" : event.package.c_str(), event.type.c_str(),
+        event.folder.c_str(), event.time.c_str());
 }
 
 std::string format_time(const char* format, const tm& time) {
@@ -171,9 +172,9 @@ int open_for_appending(const char* path) {
 }
 
 // The report's lines, order included, are read by the app: frozen.
-void write_report(const char* path, const char* event, const std::string& date, const char* type,
-                  const char* name) {
-    const int fd = open_for_appending(path);
+void write_report(const std::string& path, const char* event, const std::string& date,
+                  const char* type, const char* name) {
+    const int fd = open_for_appending(path.c_str());
     if (fd < 0) {
         LOG(ERROR) << "open to write eventfile failed " << path;
         return;
@@ -213,14 +214,12 @@ void write_history_event(const char* event, const char* type, const char* dir, c
     }
     const std::string date = format_time("%Y-%m-%d/%H:%M:%S", time);
     // The columns are read by the app: frozen.
-    char line[512] = {};
+    std::string line;
     if (dir == nullptr) {
-        snprintf(line, sizeof(line), "%-8s%-20s%-16s\n", event, date.c_str(), type);
+        line = cut_format(kMaxPathBytes, "%-8s%-20s%-16s\n", event, date.c_str(), type);
     } else {
-        snprintf(line, sizeof(line), "%-8s%-20s%s %s\n", event, date.c_str(), type, dir);
-        char path[512] = {};
-        snprintf(path, sizeof(path), "%s/%s", dir, "eventfile");
-        write_report(path, event, date, type, name);
+        line = cut_format(kMaxPathBytes, "%-8s%-20s%s %s\n", event, date.c_str(), type, dir);
+        write_report(cut_format(kMaxPathBytes, "%s/%s", dir, "eventfile"), event, date, type, name);
     }
     // Last, so that whoever sees the line finds the report complete.
     android::base::WriteStringToFd(line, fd);
@@ -234,7 +233,7 @@ namespace {
 bool identify(collected_event& event, const event_watch& watch, int64_t row) {
     event.category = watch.category[row];
     if (!is_app_event(event)) {
-        snprintf(event.type, sizeof(event.type), "%s", watch.type[row]);
+        event.type = watch.type[row];
         return true;
     }
     if (const char* error = parse_app_event(event.file_name, event)) {
@@ -248,33 +247,33 @@ bool identify(collected_event& event, const event_watch& watch, int64_t row) {
 
 bool create_folder(collected_event& event, const std::string& dir, const std::string& prefix,
                    int count) {
+    char folder[kMaxPathBytes + 1] = {};
+    bool created = false;
     try {
-        return ZQCreateLogDir(dir, prefix, count, event.type, event.time, sizeof(event.folder),
-                              event.folder) == 0;
+        created = ZQCreateLogDir(dir, prefix, count, event.type.c_str(), event.time.c_str(),
+                                 sizeof(folder), folder) == 0;
     } catch (const fs::filesystem_error&) {
         // A package name too long for a folder's name must not end the daemon.
-        return false;
     }
+    event.folder = folder;
+    return created;
 }
 
 // False when there is nothing to copy: the platform has removed the file already.
 bool copy_source(const collected_event& event) {
     struct stat st {};
-    if (stat(event.source, &st) != 0) {
+    if (stat(event.source.c_str(), &st) != 0) {
         LOG(ERROR) << "state " << event.source << " fail, error: " << strerror(errno);
         return false;
     }
-    char destination[512] = {};
-    snprintf(destination, sizeof(destination), "%s/%s", event.folder,
-             strrchr(event.source, '/') + 1);
-    ZQCopyFile(event.source, destination);
+    const std::string destination =
+        cut_format(kMaxPathBytes, "%s/%s", event.folder.c_str(), event.file_name.c_str());
+    ZQCopyFile(event.source.c_str(), destination.c_str());
     return true;
 }
 
 void copy_into_folder(const collected_event& event, const char* from, const std::string& name) {
-    char destination[512] = {};
-    snprintf(destination, sizeof(destination), "%s/%s", event.folder, name.c_str());
-    ZQCopyCmd(from, destination);
+    ZQCopyCmd(from, cut_format(kMaxPathBytes, "%s/%s", event.folder.c_str(), name.c_str()).c_str());
 }
 
 std::optional<time_t> modification_time(const std::string& path) {
@@ -315,18 +314,18 @@ void dump_for_watchdog(const collected_event& event) {
         copy_surface_flinger_dump(event);
         copy_watchdog_logs(event);
         LOG(INFO) << "Dump for system wdt";
-        ZQDumpBaseLog(event.folder);
+        ZQDumpBaseLog(event.folder.c_str());
     } catch (const fs::filesystem_error& error) {
         LOG(ERROR) << "fail to copy transaction error: " << error.what();
     }
 }
 
 void dump_diagnostics(const collected_event& event) {
-    if (strcmp(event.type, "UIWDT") == 0) {
+    if (event.type == "UIWDT") {
         dump_for_watchdog(event);
     } else if (event.file_name.find("system_server_crash") != std::string::npos) {
         LOG(INFO) << "Dump for system crash";
-        ZQDumpBaseLog(event.folder);
+        ZQDumpBaseLog(event.folder.c_str());
     }
 }
 
@@ -354,7 +353,7 @@ void stage(const collected_event& event) {
     if (ZQGetFileCount(kStagingDir) >= event_num_limit) {
         remove_oldest_staged();
     }
-    ZQCopyFolder(event.folder, kStagingDir);
+    ZQCopyFolder(event.folder.c_str(), kStagingDir);
 }
 
 void report(const collected_event& event) {
@@ -367,7 +366,7 @@ void report(const collected_event& event) {
 
 collect_result collect_event(const std::string& base, const event_watch& watch, int64_t row,
                              const std::string& name, const customize_settings& settings) {
-    collected_event event;
+    collected_event event{};
     event.file_name = name;
     if (!identify(event, watch, row)) {
         return collect_result::done;
@@ -377,7 +376,7 @@ collect_result collect_event(const std::string& base, const event_watch& watch, 
         return collect_result::done;
     }
     event.local = to_local(time(nullptr));
-    snprintf(event.time, sizeof(event.time), "%s", format_time(kTimeFormat, event.local).c_str());
+    event.time = format_time(kTimeFormat, event.local);
 
     const std::string prefix = name_prefix(event, settings);
     const int count = ZQGetNewLogCount(category_dir, prefix, kEventNameFields);
@@ -388,11 +387,12 @@ collect_result collect_event(const std::string& base, const event_watch& watch, 
     }
     if (!create_folder(event, category_dir, prefix, count)) {
         LOG(ERROR) << "create new log dir failed! " << event.folder;
-        write_history_event(event.category, event.type, nullptr, nullptr, event.local);
+        write_history_event(event.category, event.type.c_str(), nullptr, nullptr, event.local);
         return collect_result::next_row;
     }
-    write_history_event(event.category, event.type, event.folder, event.package, event.local);
-    snprintf(event.source, sizeof(event.source), "%s/%s", watch.path, name.c_str());
+    write_history_event(event.category, event.type.c_str(), event.folder.c_str(),
+                        event.package.c_str(), event.local);
+    event.source = cut_format(kMaxPathBytes, "%s/%s", watch.path, name.c_str());
     if (copy_source(event)) {
         dump_diagnostics(event);
     }
@@ -540,9 +540,8 @@ void watch_again(event_watch& watch) {
 
 void dump_surface_flinger_early(const std::string& name) {
     LOG(INFO) << "need extra dump: " << name;
-    char command[512] = {};
-    snprintf(command, sizeof(command), sf_dump_cmd, "data/logs");
-    std::thread([line = std::string(command)] { execute_cmd(line.c_str()); }).detach();
+    const std::string command = cut_format(kMaxPathBytes, sf_dump_cmd, "data/logs");
+    std::thread([command] { execute_cmd(command.c_str()); }).detach();
 }
 
 void classify(const event_watch& watch, const std::string& name) {
@@ -706,11 +705,10 @@ const char* reboot_type() {
 
 void save_console_log(const tm& local) {
     constexpr const char* kStaged = "/data/config/console-ramoops-0-tmp";
-    char destination[512] = {};
-    snprintf(destination, sizeof(destination), "%sconsole-ramoops-0-%s", kBaseLogDir,
-             format_time(kTimeFormat, local).c_str());
+    const std::string destination = cut_format(kMaxPathBytes, "%sconsole-ramoops-0-%s", kBaseLogDir,
+                                               format_time(kTimeFormat, local).c_str());
     try {
-        ZQCopyFile(kStaged, destination);
+        ZQCopyFile(kStaged, destination.c_str());
         ZQRemoveFile(kStaged);
     } catch (const fs::filesystem_error& error) {
         LOG(ERROR) << "fail to copy pstore error: " << error.what();

@@ -75,12 +75,11 @@ pid_t start_channel(const log_settings& channel, const char* dir) {
         count.raise_to(channel.dynamic_count);
         rotate.raise_to(channel.dynamic_rotate);
     }
-    char file[512] = {};
-    snprintf(file, sizeof(file), "%s/%s.log", dir, channel.name);
-    char command[512] = {};
-    snprintf(command, sizeof(command), channel.command, file, rotate.text, count.text);
+    const std::string file = cut_format(kMaxPathBytes, "%s/%s.log", dir, channel.name);
+    std::string command =
+        cut_format(kMaxPathBytes, channel.command, file.c_str(), rotate.text, count.text);
     std::vector<char*> argv;
-    ZQSplitByDelim(argv, command, " ");
+    ZQSplitByDelim(argv, command.data(), " ");
     argv.push_back(nullptr);
     const pid_t pid = ZQRecordLog(channel.name, argv.data());
     if (pid == 0) {

@@ -3,6 +3,7 @@
 #include "utils/util.h"
 
 #include <android-base/logging.h>
+#include <android-base/stringprintf.h>
 #include <cutils/properties.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +27,15 @@
 #include <system_error>
 
 namespace fs = std::filesystem;
+
+std::string cut_format(size_t max_bytes, const char* format, ...) {
+    std::string text;
+    va_list arguments;
+    va_start(arguments, format);
+    android::base::StringAppendV(&text, format, arguments);
+    va_end(arguments);
+    return text.substr(0, max_bytes);
+}
 
 // --- Children and copies -------------------------------------------------------------------------
 
@@ -79,12 +90,6 @@ int wait_for(pid_t pid) {
     return TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) == pid ? status : -1;
 }
 
-void copy_by_shell(const char* format, const char* from, const char* to) {
-    char command[512] = {};
-    snprintf(command, sizeof(command), format, from, to);
-    run_shell(command);
-}
-
 constexpr size_t kMaxCommandBytes = 1023;
 
 }  // namespace
@@ -135,11 +140,11 @@ void ZQCopyFile(const char* from, const char* to) {
 }
 
 void ZQCopyFolder(const char* from, const char* to) {
-    copy_by_shell("cp -r %s %s ", from, to);
+    run_shell(cut_format(kMaxPathBytes, "cp -r %s %s ", from, to).c_str());
 }
 
 void ZQCopyCmd(const char* from, const char* to) {
-    copy_by_shell("cp %s %s ", from, to);
+    run_shell(cut_format(kMaxPathBytes, "cp %s %s ", from, to).c_str());
 }
 
 // --- Directories and names ---------------------------------------------------------------------
@@ -443,10 +448,9 @@ constexpr const char* kDumpSeconds = "10";
 constexpr int kDumpPasses = 10;
 
 pid_t start_dump(const base_log& log, const char* dir) {
-    char file[512] = {};
-    snprintf(file, sizeof(file), "%s/%s", dir, log.file);
+    const std::string file = cut_format(kMaxPathBytes, "%s/%s", dir, log.file);
     std::vector<const char*> argv = {"/system/bin/timeout", kDumpSeconds, "/system/bin/logcat",
-                                     "-f", file};
+                                     "-f", file.c_str()};
     for (const char* buffer : log.buffers) {
         argv.insert(argv.end(), {"-b", buffer});
     }

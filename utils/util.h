@@ -12,6 +12,13 @@
 // All functions may be called from any thread at once. Paths of directories whose entries are
 // looked at (`dir`, `base`) end in "/": names are appended as they are.
 
+// printf into a text that is cut, silently, at `max_bytes`: what the fixed sizes of paths, shell
+// lines and history lines come down to.
+std::string cut_format(size_t max_bytes, const char* format, ...)
+    __attribute__((__format__(__printf__, 2, 3)));
+
+constexpr size_t kMaxPathBytes = 511;  // also of shell lines and history lines
+
 // --- Directories and names ---------------------------------------------------------------------
 
 // Makes `path` and its missing parents and gives the last component mode 0777 (parents keep the

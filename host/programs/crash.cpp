@@ -1,6 +1,7 @@
 // Delivers a crash file as the platform does it: dropbox files are written as dropN.tmp and
 // renamed, tombstones are unnamed files that are linked into place.
 
+#include <android-base/stringprintf.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
@@ -115,8 +116,7 @@ void deliver_tombstone(const std::string& name, const std::string& content) {
 std::string next_tombstone() {
     std::string oldest;
     for (int i = 0; i < kMaxTombstones; ++i) {
-        char name[sizeof("tombstone_00")];
-        snprintf(name, sizeof(name), "tombstone_%02d", i % 100);
+        std::string name = android::base::StringPrintf("tombstone_%02d", i);
         const std::string path = std::string(kTombstones) + name;
         if (!fs::exists(path)) {
             return name;
