@@ -108,12 +108,31 @@ verdict parse(std::string_view bytes, size_t& size, AndroidLogEntry& entry) {
 
 // --- Writing -------------------------------------------------------------------------------------
 
+// Anyone may log, whoever's program wrote the first line and with whatever umask: the segment gets its
+// mode before it gets its name.
+void create_segment(const std::string& path) {
+    const unique_fd fd(open(kLogFolder, O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
+    if (fd >= 0 && fchmod(fd, 0666) == 0) {
+        const std::string from = "/proc/self/fd/" + std::to_string(fd.get());
+        linkat(AT_FDCWD, from.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
+    }
+}
+
+int open_for_appending(const std::string& path) {
+    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (fd >= 0 || errno != ENOENT) {
+        return fd;
+    }
+    create_segment(path);  // or another writer has: then that is the one
+    return open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+}
+
 // A segment that is open for appending, locked against other writers. Given free by hand: a lock
 // ends with the last copy of its descriptor, and a child forked meanwhile may keep one.
 class locked_segment {
   public:
     explicit locked_segment(const std::string& path)
-        : fd_(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644)) {
+        : fd_(open_for_appending(path)) {
         if (fd_ >= 0 && (flock(fd_, LOCK_EX) != 0 || fstat(fd_, &stat_) != 0)) {
             fd_.reset();
         }

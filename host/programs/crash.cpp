@@ -75,6 +75,14 @@ void write_all(int fd, const std::string& text) {
     }
 }
 
+// A crash file belongs to the service that keeps the folder, whoever calls this program.
+void give_to_owner_of(const char* folder, int fd) {
+    struct stat owner {};
+    if (stat(folder, &owner) != 0 || fchown(fd, owner.st_uid, owner.st_gid) != 0) {
+        throw_errno(folder);
+    }
+}
+
 void deliver_to_dropbox(const std::string& name, const std::string& content) {
     const std::string temporary = kDropbox + ("drop" + std::to_string(getpid())) + ".tmp";
     const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
@@ -82,6 +90,7 @@ void deliver_to_dropbox(const std::string& name, const std::string& content) {
         throw_errno(temporary);
     }
     write_all(fd, content);
+    give_to_owner_of(kDropbox, fd);
     close(fd);
     if (rename(temporary.c_str(), (kDropbox + name).c_str()) != 0) {
         unlink(temporary.c_str());
@@ -98,6 +107,7 @@ int open_unnamed(const char* dir) {
 }
 
 void link_into_place(int fd, const std::string& path) {
+    give_to_owner_of(kTombstones, fd);
     unlink(path.c_str());
     const std::string from = "/proc/self/fd/" + std::to_string(fd);
     if (linkat(AT_FDCWD, from.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {

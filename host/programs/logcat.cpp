@@ -362,7 +362,7 @@ class logcat {
     void add_kernel() {
         unique_fd kmsg(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         if (kmsg < 0) {
-            perror("logcat: cannot open /dev/kmsg, going on without it");
+            add_store(LOG_ID_KERNEL);  // klogd's copy
             return;
         }
         fds_.push_back({kmsg.get(), POLLIN, 0});
