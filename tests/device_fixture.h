@@ -134,7 +134,10 @@ class log_lines {
         dup2(fd, STDERR_FILENO);
         close(fd);
     }
+    // What a sanitizer has to say about a program under test stands there too.
     ~log_lines() {
+        const std::string text = read_file(kFile);
+        EXPECT_EQ(text.find("Sanitizer"), std::string::npos) << text;
         dup2(saved_, STDERR_FILENO);
         close(saved_);
     }

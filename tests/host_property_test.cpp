@@ -24,11 +24,8 @@ using std::chrono::steady_clock;
 using testing::HasSubstr;
 using testing::SizeIs;
 
-constexpr char kFolder[] = "/dev/__properties__";
-
-std::string file_of(const std::string& name) {
-    return std::string(kFolder) + "/" + name;
-}
+constexpr char kFolder[] = "/dev/__properties__/";
+constexpr milliseconds kSpan(300);
 
 std::string get(const std::string& name, const char* fallback = "unset") {
     char value[PROPERTY_VALUE_MAX];
@@ -44,14 +41,14 @@ int set(const std::string& name, const std::string& value) {
 TEST(Property, OneFileHoldsOneValue) {
     EXPECT_EQ(property_get("a", std::string(92, '?').data(), nullptr), 0);
     ASSERT_EQ(set("a", "one two"), 0);
-    EXPECT_EQ(fixture::read_file(file_of("a")), "one two");
+    EXPECT_EQ(fixture::read_file("/dev/__properties__/a"), "one two");
     EXPECT_EQ(get("a"), "one two");
     ASSERT_EQ(property_set("a", nullptr), 0);
     EXPECT_EQ(get("a"), "unset") << "an empty value is none";
-    fixture::write_file(file_of("long"), std::string(200, 'x'));
+    fixture::write_file("/dev/__properties__/long", std::string(200, 'x'));
     EXPECT_EQ(get("long"), std::string(91, 'x'));
     EXPECT_EQ(get("none", std::string(200, 'x').c_str()), std::string(91, 'x'));
-    std::filesystem::create_directory(file_of("folder"));
+    std::filesystem::create_directory("/dev/__properties__/folder");
     EXPECT_EQ(get("folder"), "unset");
     EXPECT_EQ(get("../self/comm"), "unset");
 }
@@ -90,41 +87,45 @@ TEST(Property, WritersAtOnceLeaveWholeValues) {
 }
 
 TEST(Property, ProgramsReadAndWrite) {
-    EXPECT_EQ(run({"setprop", "b", "2"}).exit_status, 0);
-    EXPECT_EQ(run({"setprop", "a", "1"}).exit_status, 0);
-    EXPECT_EQ(run({"setprop", "empty", ""}).exit_status, 0);
-    EXPECT_EQ(run({"getprop"}).output, "[a]: [1]\n[b]: [2]\n");
-    EXPECT_EQ(run({"getprop", "b", "x"}).output, "2\n");
-    EXPECT_EQ(run({"getprop", "empty", "x"}).output, "x\n");
-    for (const fixture::command& bad : {fixture::command{"setprop", ".a", "1"}, {"setprop", "a"}}) {
+    run("setprop b 2; setprop a 1; setprop empty ''");
+    EXPECT_EQ(run("getprop; getprop b x; getprop empty x").output, "[a]: [1]\n[b]: [2]\n2\nx\n");
+    for (const char* bad : {"setprop .a 1", "setprop a", "getprop a b c"}) {
         const auto [exit_status, output] = run(bad);
-        EXPECT_EQ(exit_status, 1);
-        EXPECT_THAT(output, testing::MatchesRegex("[^\n]+\n"));
+        EXPECT_EQ(exit_status, 1) << bad;
+        EXPECT_THAT(output, testing::MatchesRegex("[^\n]+\n")) << bad;
     }
 }
 
 // --- Waiting -------------------------------------------------------------------------------------
 
 TEST(PropertyWait, EndsWithTheValueFromAnotherProcess) {
-    const fixture::child writer({"sh", "-c", "setprop other 2; setprop w 1; setprop w 2"});
+    fixture::start("setprop other 2; setprop w 1; setprop w 2");
     EXPECT_TRUE(WaitForProperty("w", "2"));
     EXPECT_TRUE(WaitForProperty("w", "2", milliseconds(0)));
-    const fixture::child remover({"rm", file_of("w")});
+    fixture::start("rm /dev/__properties__/w");
     EXPECT_TRUE(WaitForProperty("w", ""));
-    const fixture::child shell({"sh", "-c", "printf %s 3 >/dev/__properties__/w"});
+    fixture::start("printf %s 3 >/dev/__properties__/w");
     EXPECT_TRUE(WaitForProperty("w", "3"));
 }
 
 TEST(PropertyWait, TimesOutWithoutBusyWaiting) {
-    EXPECT_FALSE(WaitForProperty("w", "1", milliseconds::min()));
+    const auto wait = [](const char* name, milliseconds timeout) {
+        rusage before{};
+        rusage after{};
+        getrusage(RUSAGE_THREAD, &before);
+        EXPECT_EQ(WaitForProperty(name, "1", timeout), timeout == milliseconds::max());
+        getrusage(RUSAGE_THREAD, &after);
+        EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3);
+        EXPECT_LE(after.ru_utime.tv_usec + after.ru_stime.tv_usec,
+                  kSpan / std::chrono::microseconds(2));
+    };
+    wait("none", milliseconds::min());
     const auto start = steady_clock::now();
-    rusage before{};
-    rusage after{};
-    getrusage(RUSAGE_THREAD, &before);
-    EXPECT_FALSE(WaitForProperty("w", "1", milliseconds(300)));
-    getrusage(RUSAGE_THREAD, &after);
-    EXPECT_GE(steady_clock::now() - start, milliseconds(300));
-    EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 2);
+    std::thread endless(wait, "w", milliseconds::max());
+    wait("none", kSpan);
+    EXPECT_GE(steady_clock::now() - start, kSpan);
+    set("w", "1");
+    endless.join();
 }
 
 // The answer comes a little later in each turn, to meet the question at every point of its way into
@@ -162,7 +163,7 @@ TEST(PropertyWait, ForkedChildrenWaitForThemselves) {
     int status = -1;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_EQ(status, 0);
-    EXPECT_THAT(run({"ls", "-l", "/proc/self/fd"}).output, Not(HasSubstr("inotify")));
+    EXPECT_THAT(run("ls -l /proc/self/fd").output, Not(HasSubstr("inotify")));
 }
 
 TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
@@ -191,8 +192,7 @@ TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
         is_ended ? pthread_kill(thread, SIGUSR2) : set("w", "1");
         pthread_join(thread, nullptr);
         EXPECT_EQ(get("waited"), is_ended ? "unset" : "1");
-        const std::string open = run({"sh", "-c", "ls -l /proc/$PPID/fd | grep -c inotify"}).output;
-        EXPECT_EQ(open, "1\n") << "this thread's own";
+        EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
     }
 }
 
