@@ -60,6 +60,11 @@ std::string property(const std::string& name) {
 
 // --- Services ------------------------------------------------------------------------------------
 
+// For whoever waits for it.
+void publish(const std::string& service, const char* state) {
+    property_set(("init.svc." + service).c_str(), state);
+}
+
 class services {
   public:
     explicit services(const std::map<std::string, init::service>& declared) {
@@ -110,6 +115,7 @@ void services::start(const std::string& name, state& one) {
         return;
     }
     LOG(INFO) << "service '" << name << "' started, pid " << one.pid;
+    publish(name, "running");
 }
 
 void services::start_class(const std::string& name) {
@@ -165,6 +171,7 @@ void services::ended(pid_t pid, int wait_status) {
         if (one.again) {
             one.due = one.started + kRestartPeriod;
         }
+        publish(name, one.again ? "restarting" : "stopped");
     }
 }
 
