@@ -1,0 +1,278 @@
+// The device's init: its language, and what it makes of services and triggers.
+
+#include <sys/capability.h>
+
+#include "host/init_launch.h"
+#include "host/init_script.h"
+#include "tests/child.h"
+
+namespace {
+
+using fixture::child;
+using fixture::outcome;
+using fixture::run;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// --- Language ------------------------------------------------------------------------------------
+
+TEST(Language, ReadsServicesAndTriggers) {
+    const init::parsed parsed = init::parse({{"a.rc",
+                                              "# a comment\n"
+                                              "on property:a.b=1 && boot && property:c=\n"
+                                              "\tmkdir /x 0750 system log # another\n"
+                                              "\n"
+                                              "    start two"},
+                                             {"b.rc",
+                                              "service two /bin/two --flag\r\n"
+                                              "    user system\n"
+                                              "    group log radio shell\n"
+                                              "    capabilities NET_RAW chown\n"
+                                              "    class late_start\n"
+                                              "    oom_score_adjust -17\n"
+                                              "    disabled\n"
+                                              "    oneshot\n"
+                                              "service one /bin/one\n"
+                                              "    capabilities\n"}});
+    EXPECT_THAT(parsed.errors, IsEmpty());
+    ASSERT_EQ(parsed.result.actions.size(), 1U);
+    const init::action& action = parsed.result.actions[0];
+    EXPECT_EQ(action.event, "boot");
+    ASSERT_EQ(action.properties.size(), 2U);
+    EXPECT_EQ(action.properties[0].name + "=" + action.properties[0].value, "a.b=1");
+    EXPECT_EQ(action.properties[1].name + "=" + action.properties[1].value, "c=");
+    ASSERT_EQ(action.commands.size(), 2U);
+    EXPECT_EQ(action.commands[0].text, "a.rc:3: mkdir /x 0750 system log");
+    EXPECT_THAT(action.commands[0].arguments, ElementsAre("/x", "0750", "system", "log"));
+
+    const init::service& two = parsed.result.services.at("two");
+    EXPECT_THAT(two.arguments, ElementsAre("/bin/two", "--flag"));
+    EXPECT_EQ(two.user, 1000U);
+    EXPECT_EQ(two.group, 1007U);
+    EXPECT_THAT(two.groups, ElementsAre(1001U, 2000U));
+    EXPECT_THAT(two.capabilities.value(), ElementsAre(CAP_NET_RAW, CAP_CHOWN));
+    EXPECT_EQ(two.class_name, "late_start");
+    EXPECT_EQ(two.oom_score_adjust, -17);
+    EXPECT_TRUE(two.disabled && two.oneshot);
+    const init::service& one = parsed.result.services.at("one");
+    EXPECT_THAT(one.capabilities.value(), IsEmpty());
+    EXPECT_FALSE(one.disabled || one.oneshot);
+    EXPECT_FALSE(two.capabilities == init::service().capabilities);
+}
+
+TEST(Language, RefusesWhatItDoesNotKnow) {
+    struct {
+        const char* text;
+        const char* error;
+    } const cases[] = {
+        {"mkdir /x", "x.rc:1: 'mkdir' stands outside of a section"},
+        {"import /y.rc", "x.rc:1: 'import' stands outside of a section"},
+        {"on boot\n\n frob 1", "x.rc:3: unknown command 'frob'"},
+        {"on boot\n mkdir /x 0755 root", "x.rc:2: mkdir takes 4 arguments, not 3"},
+        {"on boot\n mkdir x 0755 root root", "x.rc:2: 'x' is not an absolute path"},
+        {"on boot\n chmod 0855 /x", "x.rc:2: '0855' is not an octal mode"},
+        {"on boot\n chmod 10000 /x", "x.rc:2: '10000' is not an octal mode"},
+        {"on boot\n chown nobody2 root /x", "x.rc:2: unknown user 'nobody2'"},
+        {"on boot\n setprop a/b 1", "x.rc:2: 'a/b' is not a property name"},
+        {"on boot\n setprop a ${b}",
+         "x.rc:2: quotes, escapes and expansions are not known here: ${b}"},
+        {"on boot\n start it", "x.rc:2: start it: there is no service of that name"},
+        {"on", "x.rc:1: a trigger is CONDITION [&& CONDITION]..."},
+        {"on boot &&", "x.rc:1: a trigger is CONDITION [&& CONDITION]..."},
+        {"on boot and property:a=1", "x.rc:1: '&&' expected, not 'and'"},
+        {"on boot && init", "x.rc:1: a trigger has one event, not 'boot' and 'init'"},
+        {"on property:=1", "x.rc:1: 'property:=1' is not property:NAME=VALUE"},
+        {"on property:a", "x.rc:1: 'property:a' is not property:NAME=VALUE"},
+        {"on property:a=*", "x.rc:1: a property is compared with one value, not with '*'"},
+        {"service s", "x.rc:1: a service is NAME PATH [ARGUMENT]..."},
+        {"service s bin", "x.rc:1: 'bin' is not an absolute path"},
+        {"service s /b\nservice s /c", "x.rc:2: there is a service 's' already"},
+        {"service s /b\n  critical", "x.rc:2: unknown service option 'critical'"},
+        {"service s /b\n  oneshot now", "x.rc:2: oneshot takes 0 arguments, not 1"},
+        {"service s /b\n  user nobody2", "x.rc:2: unknown user 'nobody2'"},
+        {"service s /b\n  group log nobody2", "x.rc:2: unknown group 'nobody2'"},
+        {"service s /b\n  capabilities FLY", "x.rc:2: unknown capability 'FLY'"},
+        {"service s /b\n  oom_score_adjust 1001",
+         "x.rc:2: '1001' is not a score from -1000 to 1000"},
+        {"service s /b\n  oom_score_adjust 5x", "x.rc:2: '5x' is not a score from -1000 to 1000"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_THAT(init::parse({{"x.rc", c.text}}).errors, ElementsAre(c.error)) << c.text;
+    }
+}
+
+// --- The running device --------------------------------------------------------------------------
+
+// Boots with `text` as the only script and ends with the command's status.
+outcome boot(const std::string& text, const std::string& command) {
+    fixture::write_file("/data/test.rc", text);
+    return run({"init", "-f", "/data/test.rc", "sh", "-c", command});
+}
+
+TEST(Init, StartsNothingWhenALineIsWrong) {
+    fixture::write_file("/data/second.rc", "on boot\n  fly\nservice s /b\n  wings 2\n");
+    fixture::write_file("/data/first.rc", "on init\n  mkdir /data/made 0755 root root\n");
+    const outcome refused = run({"init", "-f", "/data/first.rc", "-f", "/data/second.rc"});
+    EXPECT_EQ(refused.exit_status, 1);
+    EXPECT_EQ(refused.output,
+              "/data/second.rc:2: unknown command 'fly'\n"
+              "/data/second.rc:4: unknown service option 'wings'\n");
+    EXPECT_FALSE(std::filesystem::exists("/data/made"));
+    EXPECT_THAT(run({"init", "-f", "/data/none.rc"}).output, HasSubstr("/data/none.rc: No such"));
+}
+
+TEST(Init, BootsInOrderAndGoesOnAfterACommandThatFails) {
+    std::filesystem::create_directories("/data/old");
+    const outcome ended = boot(
+        "on boot\n  setprop test.order third\n"
+        "on late-init\n  trigger boot\n"
+        "on init\n  mkdir /data/none/x 0755 root root\n  mkdir /data/old 0710 root root\n"
+        "  symlink old /data/new\n  setprop test.order first\n"
+        "on boot && property:test.order=first\n  setprop test.condition wrong\n",
+        "getprop test.order; getprop test.condition; logcat -d | grep ' E init'; exit 9");
+    EXPECT_EQ(ended.exit_status, 9);
+    EXPECT_THAT(ended.output, AllOf(testing::StartsWith("third\nwrong\n"),
+                                    HasSubstr("/data/test.rc:6: mkdir /data/none/x 0755 root root: "
+                                              "No such file or directory")));
+    EXPECT_EQ(fixture::mode_of("/data/old"), 0710);
+    EXPECT_EQ(std::filesystem::read_symlink("/data/new"), "old");
+}
+
+TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
+    fixture::write_program("/system/bin/note", "echo \"$1\" >>/data/notes");
+    fixture::write_file("/dev/__properties__/test.early", "1");
+    const outcome ended = boot(
+        "service early /system/bin/note early\n  disabled\n  oneshot\n"
+        "service both /system/bin/note both\n  disabled\n  oneshot\n"
+        "on property:test.early=1\n  start early\n"
+        "on property:test.a=1 && property:test.b=x\n  setprop test.both 1\n  start both\n",
+        "waitprop init.svc.early stopped 30\n"
+        "setprop test.a 1\n"
+        "setprop test.other 1\n"
+        "setprop test.b x\n"
+        "waitprop init.svc.both stopped 30\n"
+        "setprop test.both 0\n"
+        "setprop test.b x\n"  // once more the same
+        "waitprop test.both 1 30 && echo again\n");
+    EXPECT_EQ(ended.output, "again\n");
+    EXPECT_THAT(fixture::read_lines("/data/notes"), AllOf(testing::Contains("early").Times(1),
+                                                          testing::Contains("both")));
+}
+
+TEST(Init, StopEndsTheWholeGroupAndForGood) {
+    fixture::write_program("/system/bin/parent", "sleep 1000 & sleep 1000");
+    const outcome ended = boot(
+        "service s /system/bin/parent\n"
+        "on init\n  class_start default\n"
+        "on property:test.end=1\n  stop s\n",
+        "waitprop init.svc.s running 30\n"
+        "setprop test.end 1\n"
+        "waitprop init.svc.s stopped 30 && echo stopped\n");
+    EXPECT_EQ(ended.output, "stopped\n");
+    EXPECT_THAT(fixture::processes_named("sleep"), IsEmpty());
+}
+
+TEST(Init, EndsServicesAndOrphansOnASignal) {
+    fixture::write_program("/system/bin/parent",
+                           "trap 'echo ended >/data/ended; exit' TERM; sleep 1000 & wait");
+    fixture::write_file("/data/test.rc",
+                        "service s /system/bin/parent\non init\n  class_start default\n");
+    child init({"init", "-f", "/data/test.rc"});
+    ASSERT_EQ(run({"waitprop", "init.svc.s", "running", "30"}).exit_status, 0);
+    ASSERT_TRUE(fixture::wait_until("/dev/__properties__",
+                                    [] { return !fixture::processes_named("sleep").empty(); }));
+    kill(init.pid(), SIGTERM);
+    EXPECT_EQ(WEXITSTATUS(init.wait()), 128 + SIGTERM);
+    EXPECT_EQ(fixture::read_file("/data/ended"), "ended\n");
+    EXPECT_THAT(fixture::processes_named("sleep"), IsEmpty());
+}
+
+// --- The phone's own service file ----------------------------------------------------------------
+
+TEST(ServiceFile, AKilledDaemonComesBackAndGoesOnWithTheNextCount) {
+    fixture::write_file("/dev/__properties__/persist.service.start.capture", "1");
+    child init({"init"});
+    const auto captures = [] {
+        const char* const dir = "/data/logs/general_log";
+        return std::filesystem::exists(dir) ? fixture::names_in(dir) : std::vector<std::string>();
+    };
+    const auto there_are = [&](size_t count) {
+        return fixture::wait_until("/dev/log", [&] { return captures().size() == count; });
+    };
+    ASSERT_TRUE(there_are(1));
+    ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "tag: kernel, pid"));
+    const std::vector<pid_t> daemons = fixture::processes_named("zq_brevix");
+    ASSERT_EQ(daemons.size(), 1U);
+    const std::vector<pid_t> children = fixture::processes_named("logcat");
+    const auto killed = std::chrono::steady_clock::now();
+    kill(daemons[0], SIGKILL);
+    ASSERT_TRUE(there_are(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(6));
+    EXPECT_THAT(captures(), ElementsAre(testing::StartsWith("ZQLog_0_"),
+                                        testing::StartsWith("ZQLog_1_")));
+    for (const pid_t old : children) {
+        EXPECT_TRUE(fixture::wait_for_end(old));
+    }
+}
+
+// What the kernel says of a process, as "Uid:\t1000\t...".
+std::string status_line(pid_t pid, const std::string& key) {
+    for (const std::string& line : fixture::read_lines("/proc/" + std::to_string(pid) + "/status")) {
+        if (line.starts_with(key)) {
+            return line;
+        }
+    }
+    return "";
+}
+
+TEST(ServiceFile, TheDaemonIsSystemAndReadsWhatIsSystems) {
+    if (!init::has_users()) {
+        GTEST_SKIP() << "this user namespace has one user alone";
+    }
+    fixture::write_file("/dev/__properties__/persist.service.event.detect", "1");
+    fixture::write_file("/dev/__properties__/persist.service.crashlog.enable", "1");
+    child init({"init"});
+    ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
+    ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
+    const pid_t daemon = fixture::processes_named("zq_brevix").at(0);
+    EXPECT_EQ(status_line(daemon, "Uid:"), "Uid:\t1000\t1000\t1000\t1000");
+    EXPECT_EQ(status_line(daemon, "Groups:"), "Groups:\t1007 ");
+    EXPECT_EQ(status_line(daemon, "CapBnd:"), "CapBnd:\t0000000000000000");
+    const std::string dropbox_file = run({"crash", "anr"}).output;
+    EXPECT_EQ(fixture::mode_of(dropbox_file.substr(0, dropbox_file.size() - 1)), 0600);
+    ASSERT_EQ(run({"crash", "tombstone"}).exit_status, 0);
+    ASSERT_TRUE(fixture::wait_until("/data/brevix", [] {
+        return fixture::read_lines("/data/brevix/queue.log").size() == 2;
+    }));
+    struct stat folder {};
+    for (const std::string& name : fixture::names_in("/data/logs/crashlog")) {
+        const std::string path = "/data/logs/crashlog/" + name;
+        EXPECT_EQ(stat(path.c_str(), &folder), 0);
+        EXPECT_EQ(folder.st_uid, 1000U) << name;
+        EXPECT_EQ(fixture::names_in(path).size(), 2U) << name;  // the report and the copy
+    }
+}
+
+TEST(Launch, AServiceHasTheCapabilitiesItNamesAlone) {
+    if (!init::has_users()) {
+        GTEST_SKIP() << "this user namespace has one user alone";
+    }
+    fixture::write_program("/system/bin/show", "cat /proc/self/status >$1; umask >>$1");
+    const outcome ended = boot(
+        "service s /system/bin/show /tmp/s\n  user shell\n  group log\n  capabilities NET_RAW\n"
+        "  oneshot\n"
+        "service r /system/bin/show /tmp/r\n  capabilities CHOWN\n  oneshot\n"
+        "on init\n  mkdir /tmp 0777 root root\n  class_start default\n",
+        "waitprop init.svc.s stopped 30 && waitprop init.svc.r stopped 30");
+    EXPECT_EQ(ended.exit_status, 0);
+    EXPECT_THAT(fixture::read_file("/tmp/s"),
+                AllOf(HasSubstr("Uid:\t2000"), HasSubstr("Gid:\t1007"),
+                      HasSubstr("CapEff:\t0000000000002000"), HasSubstr("CapBnd:\t0000000000002000"),
+                      testing::EndsWith("\n077\n")));
+    EXPECT_THAT(fixture::read_file("/tmp/r"),
+                AllOf(HasSubstr("Uid:\t0"), HasSubstr("CapEff:\t0000000000000001")));
+}
+
+}  // namespace
