@@ -27,8 +27,8 @@ std::optional<number> to_number(const std::string& text, int base) {
 
 template <typename row, size_t size>
 const row* row_named(const row (&table)[size], const std::string& keyword) {
-    const row* const found = std::find_if(
-        std::begin(table), std::end(table), [&](const row& r) { return keyword == r.keyword; });
+    const row* const found = std::find_if(std::begin(table), std::end(table),
+                                          [&](const row& r) { return keyword == r.keyword; });
     return found == std::end(table) ? nullptr : found;
 }
 
@@ -36,8 +36,8 @@ complaint check_count(const std::string& keyword, size_t count, size_t min, size
     if (count >= min && count <= max) {
         return "";
     }
-    const std::string range = min == max ? std::to_string(min)
-                                         : std::to_string(min) + " to " + std::to_string(max);
+    const std::string range =
+        min == max ? std::to_string(min) : std::to_string(min) + " to " + std::to_string(max);
     return keyword + " takes " + range + " arguments, not " + std::to_string(count);
 }
 
@@ -97,8 +97,7 @@ complaint add_command(const words& line, const std::string& text, action& to) {
         return "unknown command '" + line[0] + "'";
     }
     const words arguments(line.begin() + 1, line.end());
-    complaint wrong =
-        check_count(line[0], arguments.size(), row->min_arguments, row->kinds.size());
+    complaint wrong = check_count(line[0], arguments.size(), row->min_arguments, row->kinds.size());
     for (size_t i = 0; wrong.empty() && i < arguments.size(); ++i) {
         wrong = check(row->kinds[i], arguments[i]);
     }
@@ -228,9 +227,9 @@ complaint read_trigger(const words& line, action& to) {
     }
     for (size_t i = 1; i < line.size(); ++i) {
         const bool is_and = i % 2 == 0;
-        const complaint wrong = !is_and              ? add_condition(line[i], to)
+        const complaint wrong = !is_and           ? add_condition(line[i], to)
                                 : line[i] == "&&" ? ""
-                                                     : "'&&' expected, not '" + line[i] + "'";
+                                                  : "'&&' expected, not '" + line[i] + "'";
         if (!wrong.empty()) {
             return wrong;
         }

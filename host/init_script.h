@@ -11,12 +11,24 @@
 
 namespace init {
 
-enum class verb { chmod, chown, class_start, mkdir, restart, setprop, start, stop, symlink, trigger };
+enum class verb {
+    chmod,
+    chown,
+    class_start,
+    mkdir,
+    restart,
+    setprop,
+    start,
+    stop,
+    symlink,
+    trigger
+};
 
 struct command {
     verb what;
-    std::vector<std::string> arguments;  // checked: their number, and that each is what it should be
-    std::string text;                    // "FILE:LINE: " and the line's words, for messages
+    std::vector<std::string>
+        arguments;     // checked: their number, and that each is what it should be
+    std::string text;  // "FILE:LINE: " and the line's words, for messages
 };
 
 struct property_condition {

@@ -118,13 +118,13 @@ const AndroidLogEntry* kernel_reader::peek() {
     char text[kMaxRecord];
     while (!head_ && records_left_ > 0) {
         const ssize_t size = TEMP_FAILURE_RETRY(read(kmsg_, text, sizeof(text)));
-        if (size < 0 && errno == EAGAIN) {
+        if (size == 0 || (size < 0 && errno == EAGAIN)) {
             return nullptr;
         }
         if (size < 0 && errno != EPIPE) {  // EPIPE: some were overwritten
             throw std::system_error(errno, std::generic_category(), "/dev/kmsg");
         }
-        if (size <= 0) {
+        if (size < 0) {
             continue;
         }
         --records_left_;

@@ -108,8 +108,8 @@ verdict parse(std::string_view bytes, size_t& size, AndroidLogEntry& entry) {
 
 // --- Writing -------------------------------------------------------------------------------------
 
-// Anyone may log, whoever's program wrote the first line and with whatever umask: the segment gets its
-// mode before it gets its name.
+// Anyone may log, whoever's program wrote the first line and with whatever umask: the segment gets
+// its mode before it gets its name.
 void create_segment(const std::string& path) {
     const unique_fd fd(open(kLogFolder, O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
     if (fd >= 0 && fchmod(fd, 0666) == 0) {
@@ -131,8 +131,7 @@ int open_for_appending(const std::string& path) {
 // ends with the last copy of its descriptor, and a child forked meanwhile may keep one.
 class locked_segment {
   public:
-    explicit locked_segment(const std::string& path)
-        : fd_(open_for_appending(path)) {
+    explicit locked_segment(const std::string& path) : fd_(open_for_appending(path)) {
         if (fd_ >= 0 && (flock(fd_, LOCK_EX) != 0 || fstat(fd_, &stat_) != 0)) {
             fd_.reset();
         }

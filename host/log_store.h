@@ -19,7 +19,8 @@
 
 inline constexpr char kLogFolder[] = "/dev/log";
 
-// The buffers that anyone may write to. That of the kernel has a store, too, but klogd alone writes.
+// The buffers that anyone may write to. That of the kernel has a store, too, but klogd alone
+// writes.
 inline constexpr log_id_t kStoredBuffers[] = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH,
                                               LOG_ID_EVENTS, LOG_ID_RADIO};
 

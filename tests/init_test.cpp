@@ -8,7 +8,6 @@
 
 namespace {
 
-using fixture::child;
 using fixture::outcome;
 using fixture::run;
 using testing::AllOf;
@@ -105,22 +104,24 @@ TEST(Language, RefusesWhatItDoesNotKnow) {
 
 // --- The running device --------------------------------------------------------------------------
 
-// Boots with `text` as the only script and ends with the command's status.
+// Boots with `text` as the only script, runs a shell script on the console, and ends with its
+// status.
 outcome boot(const std::string& text, const std::string& command) {
     fixture::write_file("/data/test.rc", text);
-    return run({"init", "-f", "/data/test.rc", "sh", "-c", command});
+    fixture::write_file("/data/command", command);
+    return run("init -f /data/test.rc sh /data/command");
 }
 
 TEST(Init, StartsNothingWhenALineIsWrong) {
     fixture::write_file("/data/second.rc", "on boot\n  fly\nservice s /b\n  wings 2\n");
     fixture::write_file("/data/first.rc", "on init\n  mkdir /data/made 0755 root root\n");
-    const outcome refused = run({"init", "-f", "/data/first.rc", "-f", "/data/second.rc"});
+    const outcome refused = run("init -f /data/first.rc -f /data/second.rc");
     EXPECT_EQ(refused.exit_status, 1);
     EXPECT_EQ(refused.output,
               "/data/second.rc:2: unknown command 'fly'\n"
               "/data/second.rc:4: unknown service option 'wings'\n");
     EXPECT_FALSE(std::filesystem::exists("/data/made"));
-    EXPECT_THAT(run({"init", "-f", "/data/none.rc"}).output, HasSubstr("/data/none.rc: No such"));
+    EXPECT_THAT(run("init -f /data/none.rc").output, HasSubstr("/data/none.rc: No such"));
 }
 
 TEST(Init, BootsInOrderAndGoesOnAfterACommandThatFails) {
@@ -157,8 +158,8 @@ TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
         "setprop test.b x\n"  // once more the same
         "waitprop test.both 1 30 && echo again\n");
     EXPECT_EQ(ended.output, "again\n");
-    EXPECT_THAT(fixture::read_lines("/data/notes"), AllOf(testing::Contains("early").Times(1),
-                                                          testing::Contains("both")));
+    EXPECT_THAT(fixture::read_lines("/data/notes"),
+                AllOf(testing::Contains("early").Times(1), testing::Contains("both")));
 }
 
 TEST(Init, StopEndsTheWholeGroupAndForGood) {
@@ -179,12 +180,12 @@ TEST(Init, EndsServicesAndOrphansOnASignal) {
                            "trap 'echo ended >/data/ended; exit' TERM; sleep 1000 & wait");
     fixture::write_file("/data/test.rc",
                         "service s /system/bin/parent\non init\n  class_start default\n");
-    child init({"init", "-f", "/data/test.rc"});
-    ASSERT_EQ(run({"waitprop", "init.svc.s", "running", "30"}).exit_status, 0);
+    const pid_t init = fixture::start("exec init -f /data/test.rc");
+    ASSERT_EQ(run("waitprop init.svc.s running 30").exit_status, 0);
     ASSERT_TRUE(fixture::wait_until("/dev/__properties__",
                                     [] { return !fixture::processes_named("sleep").empty(); }));
-    kill(init.pid(), SIGTERM);
-    EXPECT_EQ(WEXITSTATUS(init.wait()), 128 + SIGTERM);
+    kill(init, SIGTERM);
+    EXPECT_EQ(WEXITSTATUS(fixture::wait(init)), 128 + SIGTERM);
     EXPECT_EQ(fixture::read_file("/data/ended"), "ended\n");
     EXPECT_THAT(fixture::processes_named("sleep"), IsEmpty());
 }
@@ -193,7 +194,7 @@ TEST(Init, EndsServicesAndOrphansOnASignal) {
 
 TEST(ServiceFile, AKilledDaemonComesBackAndGoesOnWithTheNextCount) {
     fixture::write_file("/dev/__properties__/persist.service.start.capture", "1");
-    child init({"init"});
+    fixture::start("exec init");
     const auto captures = [] {
         const char* const dir = "/data/logs/general_log";
         return std::filesystem::exists(dir) ? fixture::names_in(dir) : std::vector<std::string>();
@@ -210,8 +211,8 @@ TEST(ServiceFile, AKilledDaemonComesBackAndGoesOnWithTheNextCount) {
     kill(daemons[0], SIGKILL);
     ASSERT_TRUE(there_are(2));
     EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(6));
-    EXPECT_THAT(captures(), ElementsAre(testing::StartsWith("ZQLog_0_"),
-                                        testing::StartsWith("ZQLog_1_")));
+    EXPECT_THAT(captures(),
+                ElementsAre(testing::StartsWith("ZQLog_0_"), testing::StartsWith("ZQLog_1_")));
     for (const pid_t old : children) {
         EXPECT_TRUE(fixture::wait_for_end(old));
     }
@@ -219,7 +220,8 @@ TEST(ServiceFile, AKilledDaemonComesBackAndGoesOnWithTheNextCount) {
 
 // What the kernel says of a process, as "Uid:\t1000\t...".
 std::string status_line(pid_t pid, const std::string& key) {
-    for (const std::string& line : fixture::read_lines("/proc/" + std::to_string(pid) + "/status")) {
+    for (const std::string& line :
+         fixture::read_lines("/proc/" + std::to_string(pid) + "/status")) {
         if (line.starts_with(key)) {
             return line;
         }
@@ -233,19 +235,18 @@ TEST(ServiceFile, TheDaemonIsSystemAndReadsWhatIsSystems) {
     }
     fixture::write_file("/dev/__properties__/persist.service.event.detect", "1");
     fixture::write_file("/dev/__properties__/persist.service.crashlog.enable", "1");
-    child init({"init"});
+    fixture::start("exec init");
     ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
     ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
     const pid_t daemon = fixture::processes_named("zq_brevix").at(0);
     EXPECT_EQ(status_line(daemon, "Uid:"), "Uid:\t1000\t1000\t1000\t1000");
     EXPECT_EQ(status_line(daemon, "Groups:"), "Groups:\t1007 ");
     EXPECT_EQ(status_line(daemon, "CapBnd:"), "CapBnd:\t0000000000000000");
-    const std::string dropbox_file = run({"crash", "anr"}).output;
+    const std::string dropbox_file = run("crash anr").output;
     EXPECT_EQ(fixture::mode_of(dropbox_file.substr(0, dropbox_file.size() - 1)), 0600);
-    ASSERT_EQ(run({"crash", "tombstone"}).exit_status, 0);
-    ASSERT_TRUE(fixture::wait_until("/data/brevix", [] {
-        return fixture::read_lines("/data/brevix/queue.log").size() == 2;
-    }));
+    ASSERT_EQ(run("crash tombstone").exit_status, 0);
+    ASSERT_TRUE(fixture::wait_until(
+        "/data/brevix", [] { return fixture::read_lines("/data/brevix/queue.log").size() == 2; }));
     struct stat folder {};
     for (const std::string& name : fixture::names_in("/data/logs/crashlog")) {
         const std::string path = "/data/logs/crashlog/" + name;
@@ -269,8 +270,8 @@ TEST(Launch, AServiceHasTheCapabilitiesItNamesAlone) {
     EXPECT_EQ(ended.exit_status, 0);
     EXPECT_THAT(fixture::read_file("/tmp/s"),
                 AllOf(HasSubstr("Uid:\t2000"), HasSubstr("Gid:\t1007"),
-                      HasSubstr("CapEff:\t0000000000002000"), HasSubstr("CapBnd:\t0000000000002000"),
-                      testing::EndsWith("\n077\n")));
+                      HasSubstr("CapEff:\t0000000000002000"),
+                      HasSubstr("CapBnd:\t0000000000002000"), testing::EndsWith("\n077\n")));
     EXPECT_THAT(fixture::read_file("/tmp/r"),
                 AllOf(HasSubstr("Uid:\t0"), HasSubstr("CapEff:\t0000000000000001")));
 }

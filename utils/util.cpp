@@ -261,20 +261,24 @@ using unique_dir = std::unique_ptr<DIR, dir_closer>;
 
 int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top);
 
+bool is_directory(int dir_fd, const dirent& entry) {
+    struct stat st {};
+    return entry.d_type == DT_DIR ||
+           (entry.d_type == DT_UNKNOWN &&
+            fstatat(dir_fd, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode));
+}
+
 // 0 for what is neither a regular file nor a directory, and for what has vanished meanwhile.
 int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
-    struct stat st {};
-    unsigned char type = entry.d_type;
-    if (type == DT_UNKNOWN && fstatat(dir_fd, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
-        type = IFTODT(st.st_mode);
-    }
-    if (type == DT_DIR) {
+    if (is_directory(dir_fd, entry)) {
         return directory_size(dir_fd, entry.d_name, dir + "/" + entry.d_name, false);
     }
-    if ((type == DT_REG || type == DT_LNK) && fstatat(dir_fd, entry.d_name, &st, 0) == 0) {
-        return S_ISREG(st.st_mode) ? st.st_size : 0;
-    }
-    return 0;
+    struct stat st {};
+    const bool may_be_file =
+        entry.d_type == DT_REG || entry.d_type == DT_LNK || entry.d_type == DT_UNKNOWN;
+    return may_be_file && fstatat(dir_fd, entry.d_name, &st, 0) == 0 && S_ISREG(st.st_mode)
+               ? st.st_size
+               : 0;
 }
 
 // A walk of its own: logcat children that were just stopped may still rename files below, and the

@@ -199,8 +199,8 @@ bool give(const std::string& path, const std::string& user, const std::string& g
 bool make_folder(const std::vector<std::string>& arguments) {
     const std::string& path = arguments[0];
     const mode_t mode = *init::mode_of(arguments[1]);
-    return (mkdir(path.c_str(), mode) == 0 || errno == EEXIST) &&
-           chmod(path.c_str(), mode) == 0 && give(path, arguments[2], arguments[3]);
+    return (mkdir(path.c_str(), mode) == 0 || errno == EEXIST) && chmod(path.c_str(), mode) == 0 &&
+           give(path, arguments[2], arguments[3]);
 }
 
 bool set_property(const std::string& name, const std::string& value) {
