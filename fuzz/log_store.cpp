@@ -1,0 +1,16 @@
+// What may stand in the log store.
+
+#include "host/log_store.h"
+
+#include <cstdlib>
+#include <cstring>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    while (const auto entry = take_log_entry(bytes)) {
+        if (strlen(entry->tag) != entry->tagLen || strlen(entry->message) != entry->messageLen) {
+            abort();
+        }
+    }
+    return 0;
+}
