@@ -362,7 +362,8 @@ class logcat {
     void add_kernel() {
         unique_fd kmsg(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         if (kmsg < 0) {
-            add_store(LOG_ID_KERNEL);  // klogd's copy
+            perror("logcat: cannot open /dev/kmsg, going on with klogd's copy");
+            add_store(LOG_ID_KERNEL);
             return;
         }
         fds_.push_back({kmsg.get(), POLLIN, 0});
