@@ -8,6 +8,10 @@
 #include <cstring>
 #include <string>
 
+#include "tool/mtk/zq_audio_dump.h"
+#include "tool/zq_dump_info.h"
+#include "tool/zq_tcpdump.h"
+#include "tool/zq_touchpanel.h"
 #include "utils/system_property_observer.h"
 #include "utils/upgrade.h"
 #include "utils/util.h"
@@ -38,8 +42,18 @@ void cmd(int argc, char* argv[]) {
     run_shell(line.c_str());
 }
 
-// Of a sub-command whose tool is not part of this build.
-void no_tool(int /*argc*/, char* /*argv*/[]) {}
+// "COMMAND:VALUE"; without a colon there is nothing to send.
+void audio_cmd(int /*argc*/, char* argv[]) {
+    if (const char* colon = strchr(argv[2], ':')) {
+        setAudioCommand(atoi(argv[2]), atoi(colon + 1));
+    }
+}
+
+// A tool that takes no arguments.
+template <auto Tool>
+void run_tool(int /*argc*/, char* /*argv*/[]) {
+    Tool();
+}
 
 struct sub_command {
     const char* name;
@@ -52,13 +66,13 @@ constexpr int kAny = INT_MAX;
 
 // clang-format off
 constexpr sub_command kSubCommands[] = {
-    {"tcpdump",     2, kAny, no_tool},
-    {"dump_info",   2, kAny, no_tool},
+    {"tcpdump",     2, kAny, run_tool<ZQTCPDumpDetect>},
+    {"dump_info",   2, kAny, run_tool<ZQDumpInfo>},
     {"copy_folder", 4, kAny, copy_folder},
     {"cmd",         2, kAny, cmd},
-    {"touchpanel",  2, kAny, no_tool},
-    {"audio_dump",  2, kAny, no_tool},
-    {"audio_cmd",   3, 3,    no_tool},
+    {"touchpanel",  2, kAny, run_tool<ZQTouchPanelDump>},
+    {"audio_dump",  2, kAny, run_tool<ZQCopyAudioHalDumpFiles>},
+    {"audio_cmd",   3, 3,    audio_cmd},
 };
 // clang-format on
 

@@ -274,6 +274,7 @@ TEST(Children, StartWithDefaultSignalsAndNoDescriptorOfTheParent) {
             wait_status(record({"/system/bin/sh", "-c", line}));
         },
         [=] { run_shell(line); },
+        [=] { wait_status(start_shell_group(line)); },
         [=] { execute_cmd(line); },
     };
     for (const auto& start : ways) {
@@ -284,6 +285,18 @@ TEST(Children, StartWithDefaultSignalsAndNoDescriptorOfTheParent) {
                     ElementsAre("SigBlk:" + none, "SigIgn:" + none, "SigCgt:" + none));
         EXPECT_THAT(fixture::read_file("/data/fds"),
                     AllOf(HasSubstr("/data/fds"), Not(HasSubstr("/data/held"))));
+    }
+}
+
+TEST(Children, AShellGroupIsReachedAsAWhole) {
+    const pid_t group = start_shell_group("sleep 1000 & echo >/data/up; sleep 1000; true");
+    ASSERT_TRUE(fixture::wait_until("/data", [] { return fs::exists("/data/up"); }));
+    EXPECT_EQ(getpgid(group), group);
+    const std::vector<pid_t> sleepers = fixture::processes_named("sleep");
+    kill(-group, SIGKILL);
+    EXPECT_EQ(wait_status(group), SIGKILL);
+    for (const pid_t sleeper : sleepers) {
+        EXPECT_TRUE(fixture::wait_for_end(sleeper));
     }
 }
 

@@ -52,17 +52,23 @@ void default_signals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+enum class process_group { inherited, own };
+
 // Every signal is blocked across the fork: one that reaches the child before its dispositions are
 // the default ones would run a handler of the daemon and be lost, and the program would run on
 // unstopped. Between fork and exec only async-signal-safe calls are made: another thread may have
 // held any lock. Returns 0 in a child whose program cannot be started.
-pid_t fork_exec(const char* const argv[], int standard_output = STDOUT_FILENO) {
+pid_t fork_exec(const char* const argv[], int standard_output = STDOUT_FILENO,
+                process_group group = process_group::inherited) {
     sigset_t all;
     sigset_t previous;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &previous);
     const pid_t pid = fork();
     if (pid == 0) {
+        if (group == process_group::own) {
+            setpgid(0, 0);
+        }
         default_signals();
         if (standard_output == STDOUT_FILENO || dup2(standard_output, STDOUT_FILENO) >= 0) {
             execv(argv[0], const_cast<char* const*>(argv));
@@ -70,14 +76,18 @@ pid_t fork_exec(const char* const argv[], int standard_output = STDOUT_FILENO) {
         return 0;
     }
     const int fork_errno = errno;
+    if (pid > 0 && group == process_group::own) {
+        setpgid(pid, pid);  // here, too: a signal to the group may come before the child runs
+    }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     errno = fork_errno;
     return pid;
 }
 
-pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO) {
+pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO,
+                  process_group group = process_group::inherited) {
     const char* const argv[] = {"/system/bin/sh", "-c", command, nullptr};
-    const pid_t pid = fork_exec(argv, standard_output);
+    const pid_t pid = fork_exec(argv, standard_output, group);
     if (pid == 0) {
         _exit(127);
     }
@@ -107,6 +117,10 @@ int ZQRecordLog(const std::string& tag, char* const argv[]) {
 int run_shell(const char* command) {
     const pid_t pid = start_shell(command);
     return pid < 0 ? -1 : wait_for(pid);
+}
+
+pid_t start_shell_group(const char* command) {
+    return start_shell(command, STDOUT_FILENO, process_group::own);
 }
 
 void execute_cmd(const char* command) {

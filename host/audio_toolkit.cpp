@@ -1,0 +1,103 @@
+// The audio toolkit over plain files: the HAL's dump files lie in a folder of the device.
+#define LOG_TAG "audiotoolkit"
+
+#include "platform/audio_toolkit.h"
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kDumpFolder = "/vendor/audiohal/dump/";
+// When it is there, the list as a HAL would give it, true or not.
+constexpr const char* kDumpList = "/vendor/audiohal/dump_list";
+
+std::map<std::string, uintmax_t> dump_file_sizes() {
+    std::map<std::string, uintmax_t> sizes;
+    std::error_code ec;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kDumpFolder, ec)) {
+        if (entry.is_regular_file(ec)) {
+            sizes[entry.path().filename()] = entry.file_size(ec);
+        }
+    }
+    return sizes;
+}
+
+size_t read_at(int fd, unsigned char* out, size_t length, size_t offset) {
+    size_t total = 0;
+    while (total < length) {
+        const ssize_t bytes = TEMP_FAILURE_RETRY(
+            pread(fd, out + total, length - total, static_cast<off_t>(offset + total)));
+        if (bytes < 0) {
+            PLOG(ERROR) << "cannot read a dump file";
+        }
+        if (bytes <= 0) {
+            break;
+        }
+        total += static_cast<size_t>(bytes);
+    }
+    return total;
+}
+
+}  // namespace
+
+android::String8 android::getAudioHalDumpFileList() {
+    std::string list;
+    if (base::ReadFileToString(kDumpList, &list)) {
+        if (list.ends_with('\n')) {
+            list.pop_back();
+        }
+        return String8(list.c_str());
+    }
+    for (const auto& [name, bytes] : dump_file_sizes()) {
+        list.append(list.empty() ? "" : ",").append(name);
+        list.append(",").append(std::to_string(bytes + 1));
+    }
+    return String8(list.c_str());
+}
+
+unsigned long android::readAudioHalDumpFileContent(char* name, unsigned char** data,
+                                                   unsigned long offset, unsigned long length) {
+    const base::unique_fd fd(open((std::string(kDumpFolder) + name).c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd < 0) {
+        PLOG(ERROR) << "cannot open dump file " << name;
+        return 0;
+    }
+    auto piece = std::make_unique<unsigned char[]>(length);
+    const size_t bytes = read_at(fd, piece.get(), length, offset);
+    if (bytes > 0) {
+        *data = piece.release();
+    }
+    return bytes;
+}
+
+unsigned long android::Base64_OutputSize(bool encode, unsigned long length) {
+    return encode ? (length + 2) / 3 * 4 : length / 4 * 3;
+}
+
+unsigned long android::Base64_Encode(const unsigned char* data, char* out, unsigned long length) {
+    constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const char* const begin = out;
+    for (size_t i = 0; i < length; i += 3) {
+        const size_t bytes = std::min<size_t>(3, length - i);
+        unsigned group = 0;
+        for (size_t k = 0; k < 3; ++k) {
+            group = group << 8 | (k < bytes ? data[i + k] : 0U);
+        }
+        for (size_t k = 0; k < 4; ++k) {
+            const unsigned digit = group >> (18 - 6 * k) & 63;
+            *out++ = k <= bytes ? kAlphabet[digit] : '=';
+        }
+    }
+    return static_cast<unsigned long>(out - begin);
+}

@@ -1,0 +1,233 @@
+#include <arpa/inet.h>
+#include <cutils/properties.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "tests/child.h"
+#include "tests/device_fixture.h"
+#include "tool/zq_tcpdump.h"
+
+// The tool's thread creation goes through here (see the linker's --wrap).
+static bool thread_fails = false;
+
+extern "C" {
+
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument) {
+    if (thread_fails) {
+        *thread = pthread_self();  // what a failure leaves here means nothing
+        return EAGAIN;
+    }
+    return __real_pthread_create(thread, attributes, body, argument);
+}
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+constexpr char kSwitch[] = "sys.tcpdump";
+constexpr char kOutput[] = "/data/output";
+
+TEST(CaptureCommand, IsMadeOfTheProperties) {
+    struct {
+        const char* size;
+        const char* file;
+        const char* limitation;
+        std::string options;
+        std::string name;
+    } const cases[] = {
+        {"100,10", "", "1", "-s 128 -C 100 -W 10", "$(date +%Y.%m.%d.%H:%M:%S)"},
+        {"20,3", "net", "0", "-C 20 -W 3", "net"},
+        {"500,50", "a b/c", "00", "-s 128 -C 100 -W 10", "a b/c"},
+        {"-5,-3", "x", "", "-s 128 -C -5 -W -3", "x"},
+        {" 7x,+2y,9", "x", "0 ", "-s 128 -C 7 -W 2", "x"},
+        {"50", "x", "0", "-C 50 -W 0", "x"},
+        {"5,", "x", "0", "-C 5 -W 0", "x"},
+        {"", "x", "0", "-C 0 -W 0", "x"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(capture_command(c.size, c.file, c.limitation),
+                  "tcpdump -i any -p " + c.options + " -w/data/tcpdump/" + c.name + ".pcap")
+            << c.size;
+    }
+    EXPECT_EQ(capture_command("1,1", std::string(300, 'x').c_str(), "0").size(), 254U);
+    for (const char* size : {"5,,", ",", " , ", ",5", "abc,3", "5,abc"}) {
+        EXPECT_THROW(capture_command(size, "", "1"), std::invalid_argument) << size;
+    }
+    for (const char* size : {"2147483648,1", "1,-2147483649"}) {
+        EXPECT_THROW(capture_command(size, "", "1"), std::out_of_range) << size;
+    }
+}
+
+std::vector<std::string> tool_lines() {
+    std::vector<std::string> lines;
+    for (const std::string& line : fixture::read_lines(kOutput)) {
+        const size_t begin = line.find("ZQ_TCPDUMP: ");
+        if (begin != std::string::npos) {
+            lines.push_back(line.substr(line.find(": ", begin) + 2));
+        }
+    }
+    return lines;
+}
+
+// Whatever else runs in the device, zombies included.
+std::vector<std::string> other_processes() {
+    std::vector<std::string> names;
+    for (const std::string& pid : fixture::names_in("/proc")) {
+        if (isdigit(pid[0]) != 0 && pid != "1" && pid != std::to_string(getpid())) {
+            names.push_back(pid + " " + fixture::read_file("/proc/" + pid + "/comm"));
+        }
+    }
+    return names;
+}
+
+class Capture : public testing::Test {
+  protected:
+    void SetUp() override {
+        fs::create_directories("/data/tcpdump");
+        chmod("/data/tcpdump", 0777);
+    }
+
+    void use_tcpdump(const std::string& shell_text) {
+        fixture::write_program("/system/bin/tcpdump", shell_text);
+    }
+
+    void start() {
+        property_set(kSwitch, "0");
+        fs::remove(kOutput);
+        tool_ = fixture::start("exec zq_brevix tcpdump >/data/output 2>&1");
+        property_set(kSwitch, "1");
+        ASSERT_TRUE(fixture::wait_for_text(kOutput, "start recording"));
+    }
+
+    // The tool's wait status.
+    int stop() {
+        property_set(kSwitch, "0");
+        return fixture::wait(tool_);
+    }
+
+    pid_t tool_ = -1;
+};
+
+bool has_started() {
+    return fixture::wait_until("/data", [] { return fs::exists("/data/started"); });
+}
+
+void send_packets(int count) {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(4242);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const std::string payload(1000, 'x');
+    for (int i = 0; i < count; ++i) {
+        sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    }
+    close(fd);
+}
+
+TEST_F(Capture, LeavesReadablePacketsAndNoProcess) {
+    if (chown("/data/tcpdump", 2900, 2900) != 0) {
+        GTEST_SKIP() << "Debian's tcpdump changes its user, which only a real root may";
+    }
+    start();
+    // tcpdump writes what it has in blocks: the first one in the file shows that it is at work, the
+    // rest of what was sent until then is what a kill would lose.
+    std::string file;
+    ASSERT_TRUE(fixture::wait_until("/data/tcpdump", [&] {
+        for (const std::string& name : fixture::names_in("/data/tcpdump")) {
+            file = "/data/tcpdump/" + name;
+            send_packets(100);
+        }
+        return !file.empty() && fs::file_size(file) > 0;
+    }));
+    EXPECT_THAT(file, MatchesRegex("/data/tcpdump/20..\\...\\...\\...:..:..\\.pcap0"));
+    EXPECT_EQ(stop(), 0);
+    EXPECT_THAT(other_processes(), ElementsAre());
+    EXPECT_THAT(tool_lines(), ElementsAre("start recording", "stop recording", "exit"));
+    EXPECT_EQ(fixture::mode_of(file), 0666);
+    const fixture::outcome packets = fixture::run("tcpdump -n -r " + file);
+    EXPECT_EQ(packets.exit_status, 0);
+    EXPECT_THAT(packets.output,
+                AllOf(HasSubstr("snapshot length 128"),
+                      HasSubstr("127.0.0.1.4242: UDP, length 1000"), Not(HasSubstr("truncated"))));
+}
+
+TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
+    use_tcpdump("echo >/data/started; exec sleep 1000");
+    for (int i = 0; i < 40; ++i) {
+        fs::remove("/data/started");
+        start();
+        if (i % 2 == 1) {
+            ASSERT_TRUE(has_started());
+        }
+        ASSERT_EQ(stop(), 0) << i;
+        ASSERT_THAT(other_processes(), ElementsAre()) << i;
+        ASSERT_THAT(tool_lines(), ElementsAre("start recording", "stop recording", "exit")) << i;
+    }
+}
+
+constexpr char kEndsInItsOwnTime[] =
+    "trap 'sleep 0.2; echo >/data/flushed; exit' TERM; echo >/data/started; "
+    "while true; do sleep 1000; done";
+
+TEST_F(Capture, WhateverEndsEarlyTheRestWaitsForTheStop) {
+    const std::string orphan = std::string("kill -9 $PPID; ") + kEndsInItsOwnTime;
+    for (const std::string& program : {std::string("echo >/data/started; exit 1"),
+                                       std::string("echo >/data/started; kill -9 $$"), orphan}) {
+        use_tcpdump(program);
+        fs::remove("/data/started");
+        start();
+        ASSERT_TRUE(has_started());
+        EXPECT_EQ(stop(), 0);
+        EXPECT_EQ(fs::exists("/data/flushed"), program == orphan);
+        EXPECT_THAT(other_processes(), ElementsAre()) << program;
+        EXPECT_THAT(tool_lines(), ElementsAre("start recording", "stop recording", "exit"));
+    }
+}
+
+TEST_F(Capture, ASigtermEndsTheCaptureFirst) {
+    use_tcpdump(kEndsInItsOwnTime);
+    start();
+    ASSERT_TRUE(has_started());
+    kill(tool_, SIGTERM);
+    EXPECT_EQ(fixture::wait(tool_), SIGTERM);
+    EXPECT_TRUE(fs::exists("/data/flushed"));
+    EXPECT_THAT(other_processes(), ElementsAre());
+    EXPECT_THAT(tool_lines(), ElementsAre("start recording", "exit"));
+}
+
+TEST_F(Capture, WithoutAThreadTheStopStillComes) {
+    fixture::write_file("/data/tcpdump/old.pcap", "");
+    thread_fails = true;
+    property_set(kSwitch, "1");
+    const fixture::log_lines log;
+    std::thread app([] {
+        EXPECT_TRUE(fixture::wait_for_text(fixture::log_lines::kFile, "thread create fail"));
+        property_set(kSwitch, "0");
+    });
+    EXPECT_EQ(ZQTCPDumpDetect(), 0);
+    app.join();
+    EXPECT_THAT(log.lines(),
+                ElementsAre("I ZQ_TCPDUMP: start recording", "E ZQ_TCPDUMP: thread create fail",
+                            "I ZQ_TCPDUMP: stop recording"));
+    EXPECT_EQ(fixture::mode_of("/data/tcpdump/old.pcap"), 0666);
+}
+
+TEST_F(Capture, ASizeThatIsNoneEndsTheTool) {
+    property_set("sys.tcpdump.size", ",5");
+    start();
+    EXPECT_EQ(fixture::wait(tool_) & 0x7f, SIGABRT);
+}
+
+}  // namespace

@@ -1,0 +1,13 @@
+#pragma once
+
+// The audio HAL's dump files and commands, by the chip vendor's audio toolkit.
+
+// Copies every dump file that the HAL lists to its name in /data/logs/audiohal/audio_dump/, which
+// is made when missing (mode 0770), then sets "sys.brevix.mtk.audio.dump" to "0". Blocks meanwhile
+// and holds at most one piece of 350,000 bytes. Failures are logged: a list that makes no sense
+// ends the copying, a file that cannot be opened makes its successor's name its size.
+void ZQCopyAudioHalDumpFiles();
+
+// Sends the HAL the command number `command` with `value` and writes the HAL's status, 0 or a
+// negative error, to "sys.brevix.mkt.audio.cmd". Blocks until the HAL has answered.
+void setAudioCommand(int command, int value);

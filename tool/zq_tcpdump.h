@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+// Packet capture: tcpdump runs while the property "sys.tcpdump" is "1" and leaves its files in
+// /data/tcpdump, which must be there.
+
+// One capture: waits without limit for "1", starts a recorder thread, waits for "0", ends the
+// recorder with its tcpdump and gives the files mode 0666. By then no process of the capture is
+// left and its last file is complete. Returns 0. Makes this process the one that orphans of its
+// children fall to.
+//
+// A SIGTERM to the process before the capture ends it as usual; during a capture the capture ends
+// first. A value of "sys.tcpdump.size" that is no number ends the process (std::terminate).
+int ZQTCPDumpDetect();
+
+// The recorder thread's body, to be started with SIGTERM blocked: the thread takes that signal only
+// where it waits, with the capture running. The argument is not used. Never returns.
+void* record_tcpdump(void*);
+
+// SIGTERM on the recorder thread ends the capture, waits for its processes, and ends the thread; on
+// any other thread it does so for the recorder, if there is one, and then ends the process.
+void tcpdump_sig_handler(int sig);
+
+// The shell line of a capture, at most 254 bytes. `size` is FILE_SIZE[,FILES[,...]] in tcpdump's
+// units of a million bytes: at most 100 and 10 are used, and FILES is 0 when there is none or
+// nothing behind the comma. `file` is the base name in /data/tcpdump, empty for one made of the
+// start time. A `limitation` of "0" records whole packets instead of 128 bytes of each. Throws
+// std::invalid_argument or std::out_of_range when a field of `size` is not an int.
+std::string capture_command(const char* size, const char* file, const char* limitation);
