@@ -221,8 +221,8 @@ void storm() {
         fixture::wait_until("/data", [=] { return count_in_log("stop detecting") > size_t(i); });
         deliver_app_event("p" + std::to_string(i));
         property_set(kDetect, "1");
-        fixture::wait_until("/data",
-                            [=] { return count_in_log("start detecting") > size_t(i) + 1; });
+        fixture::wait_until(
+            "/data", [=] { return count_in_log("tombstones has been snooped") > size_t(i) + 1; });
         deliver_app_event("q" + std::to_string(i));
     }
     deliver_app_event("last");
