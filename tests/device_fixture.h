@@ -126,9 +126,9 @@ inline int wait_status(pid_t child) {
 }
 
 // Also of a process that is not a child of the test.
-inline bool wait_for_end(pid_t pid) {
+inline bool wait_for_end(pid_t pid, std::chrono::milliseconds span = kPatience) {
     const android::base::unique_fd fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    return fd < 0 ? errno == ESRCH : wait_for_input(fd);
+    return fd < 0 ? errno == ESRCH : wait_for_input(fd, span);
 }
 
 struct outcome {

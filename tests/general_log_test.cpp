@@ -143,7 +143,7 @@ TEST_F(Daemon, RealLogsEndUpInTheCapture) {
     const std::vector<pid_t> children = processes_named("logcat");
     EXPECT_THAT(children, SizeIs(4));
     set_switch(false);
-    EXPECT_THAT(children, Each(Truly(wait_for_end)));
+    EXPECT_TRUE(std::ranges::all_of(children, [](pid_t pid) { return wait_for_end(pid); }));
 }
 
 TEST_F(Daemon, FlippedAsFastAsItGoesTheLastStateHolds) {
