@@ -148,16 +148,34 @@ TEST(PropertyWait, LosesNoChange) {
     answers.join();
 }
 
-TEST(PropertyWait, EndsWithItsThread) {
-    signal(SIGUSR2, [](int) { pthread_exit(nullptr); });
-    std::thread waiting([] {
-        set("waiting", "1");
-        WaitForProperty("w", "1");
+TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
+    static std::atomic<int> handled = 0;
+    signal(SIGUSR1, [](int) {
+        ++handled;
+        handled.notify_all();
     });
-    ASSERT_TRUE(WaitForProperty("waiting", "1", kPatience));
-    pthread_kill(waiting.native_handle(), SIGUSR2);
-    waiting.join();
-    EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
+    signal(SIGUSR2, [](int) { pthread_exit(nullptr); });
+    const auto wait_in_thread = [](void*) -> void* {
+        set("waiting", "1");
+        EXPECT_TRUE(WaitForProperty("w", "1"));
+        set("waited", "1");
+        return nullptr;
+    };
+    for (const bool is_ended : {true, false}) {
+        pthread_t thread{};
+        set("waiting", "");
+        ASSERT_EQ(pthread_create(&thread, nullptr, wait_in_thread, nullptr), 0);
+        ASSERT_TRUE(WaitForProperty("waiting", "1", kPatience));
+        for (int i = 0; i < 100; ++i) {
+            const int before = handled;
+            pthread_kill(thread, SIGUSR1);
+            handled.wait(before);
+        }
+        is_ended ? pthread_kill(thread, SIGUSR2) : set("w", "1");
+        pthread_join(thread, nullptr);
+        EXPECT_EQ(get("waited"), is_ended ? "unset" : "1");
+        EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
+    }
 }
 
 TEST(PropertyWait, AbortsWithoutAFolder) {
