@@ -2,7 +2,6 @@
 
 #include <android-base/logging.h>
 #include <sys/file.h>
-#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 
@@ -316,19 +315,6 @@ TEST(Programs, LogcatWritesEverythingBeforeItEnds) {
     }
     done = true;
     flood.join();
-}
-
-TEST(Programs, LogcatEndsWhenNobodyReadsItsPipe) {
-    for (int i = 0; i < 500; ++i) {
-        append(LOG_ID_MAIN, std::string(1000, 'x'));
-    }
-    ASSERT_EQ(mkfifo("/data/pipe", 0600), 0);
-    const int pipe = open("/data/pipe", O_RDWR | O_CLOEXEC);
-    const pid_t logcat = start("exec logcat >/data/pipe");
-    ASSERT_TRUE(wait_for_input(pipe));
-    kill(logcat, SIGTERM);
-    EXPECT_EQ(wait_status(logcat), SIGTERM);
-    close(pipe);
 }
 
 }  // namespace

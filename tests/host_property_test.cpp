@@ -1,6 +1,5 @@
 #include <android-base/properties.h>
 #include <cutils/properties.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include <thread>
@@ -176,16 +175,6 @@ TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
         EXPECT_EQ(get("waited"), is_ended ? "unset" : "1");
         EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
     }
-}
-
-TEST(PropertyWait, AbortsWithoutAFolder) {
-    ASSERT_EQ(umount2(kFolder.c_str(), MNT_DETACH), 0);
-    ASSERT_EQ(rmdir(kFolder.c_str()), 0);
-    EXPECT_EQ(get("a"), "unset");
-    EXPECT_FALSE(set("a", "1"));
-    std::filesystem::create_directory("/tmp");  // of EXPECT_EXIT
-    EXPECT_EXIT(WaitForProperty("a", "1"), KilledBySignal(SIGABRT),
-                "F properties: cannot watch /dev/__properties__: No such file or directory");
 }
 
 }  // namespace
