@@ -308,7 +308,7 @@ TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
     ASSERT_TRUE(wait_for_notices(8));
     EXPECT_THAT(types_in_history(), ElementsAre("UIWDT", "ANR", "JAVACRASH", "Hang", "ANR",
                                                 "JAVACRASH", "x", "JAVACRASH", "ANR"));
-    EXPECT_THAT(read_file("/data/logs/sf.log"), HasSubstr("SurfaceFlinger"));
+    EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
     EXPECT_THAT(daemon_.log.lines(),
                 Contains(MatchesRegex("I ZQ_EVENT_LOG: event\\[wd:1, mask:0x128, cookie:[0-9]+, "
                                       "len:32, name:system_server_watchdog_crash@1\\]")));
