@@ -5,7 +5,6 @@
 #include <sys/mount.h>
 
 #include "platform/audio_toolkit.h"
-#include "tests/child.h"
 #include "tests/device_fixture.h"
 #include "tool/mtk/zq_audio_dump.h"
 

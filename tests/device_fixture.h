@@ -3,23 +3,17 @@
 // What the tests of the product share. Every case runs in a fresh virtual device: files, properties
 // and programs may be put where the phone has them.
 
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <regex>
 
 namespace fixture {
 
@@ -31,7 +25,7 @@ inline std::string read_file(const std::string& path) {
 }
 
 inline std::vector<std::string> read_lines(const std::string& path) {
-    std::istringstream in(read_file(path));
+    std::ifstream in(path, std::ios::binary);
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
@@ -48,12 +42,11 @@ inline void write_file(const std::string& path, const std::string& text) {
 inline void write_program(const std::string& path, const std::string& shell_text) {
     std::filesystem::remove(path);
     write_file(path, "#!/system/bin/sh\n" + shell_text + "\n");
-    chmod(path.c_str(), 0755);
+    std::filesystem::permissions(path, std::filesystem::perms(0755));
 }
 
-inline mode_t mode_of(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+inline int mode_of(const std::string& path) {
+    return static_cast<int>(std::filesystem::status(path).permissions());
 }
 
 inline std::vector<std::string> names_in(const std::string& dir) {
@@ -65,22 +58,27 @@ inline std::vector<std::string> names_in(const std::string& dir) {
     return names;
 }
 
+// --- Waiting -------------------------------------------------------------------------------------
+
+inline bool wait_for_input(int fd, std::chrono::milliseconds span = kPatience) {
+    pollfd waiting{fd, POLLIN, 0};
+    return poll(&waiting, 1, static_cast<int>(span.count())) == 1;
+}
+
 // Waits in the kernel until `condition`, looked at again whenever something changes in `dir`.
 inline bool wait_until(const std::string& dir, const std::function<bool()>& condition) {
-    const int fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    const android::base::unique_fd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     inotify_add_watch(fd, dir.c_str(),
                       IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_CLOSE_WRITE);
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     bool met = condition();
     while (!met && std::chrono::steady_clock::now() < deadline) {
-        pollfd waiting{fd, POLLIN, 0};
-        poll(&waiting, 1, 1000);
+        wait_for_input(fd, std::chrono::seconds(1));
         char events[4096];
         while (read(fd, events, sizeof(events)) > 0) {
         }
         met = condition();
     }
-    close(fd);
     return met;
 }
 
@@ -89,88 +87,102 @@ inline bool wait_for_text(const std::string& file, const std::string& text) {
                       [&] { return read_file(file).find(text) != std::string::npos; });
 }
 
-// Also of a process that is not a child of the test.
-inline bool wait_for_end(pid_t pid) {
-    const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (fd < 0) {
-        return errno == ESRCH;
-    }
-    pollfd waiting{fd, POLLIN, 0};
-    const bool ended = poll(&waiting, 1, std::chrono::milliseconds(kPatience).count()) == 1;
-    close(fd);
-    return ended;
-}
+// --- Processes; what still runs in the end goes with the device ----------------------------------
 
-// The processes whose /proc status holds `line` and not `without`.
-inline std::vector<pid_t> processes_with(const std::string& line, const std::string& without) {
+// Those whose /proc status holds a match of `pattern`.
+inline std::vector<pid_t> processes_with(const std::string& pattern) {
     std::vector<pid_t> pids;
     for (const std::string& entry : names_in("/proc")) {
-        const std::string status = read_file("/proc/" + entry + "/status");
-        if (status.find(line + "\n") != std::string::npos &&
-            (without.empty() || status.find(without) == std::string::npos)) {
+        if (std::regex_search(read_file("/proc/" + entry + "/status"), std::regex(pattern))) {
             pids.push_back(std::stoi(entry));
         }
     }
     return pids;
 }
 
-// The processes that run a program of this name, without those that have ended and wait for their
-// parent.
+// Those that run a program of this name, without those that have ended and wait for their parent.
 inline std::vector<pid_t> processes_named(const std::string& name) {
-    return processes_with("Name:\t" + name, "\nState:\tZ");
+    return processes_with("^Name:\t" + name + "\n(Umask:.*\n)?State:\t[^Z]");
 }
 
 // Of all threads of a process, those that have ended and wait for it included.
 inline std::vector<pid_t> children_of(pid_t parent) {
-    return processes_with("\nPPid:\t" + std::to_string(parent), "");
+    return processes_with("\nPPid:\t" + std::to_string(parent) + "\n");
+}
+
+inline pid_t start(const std::string& shell_line) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execl("/system/bin/sh", "sh", "-c", shell_line.c_str(), nullptr);
+        _exit(127);
+    }
+    return pid;
+}
+
+inline int wait_status(pid_t child) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+// Also of a process that is not a child of the test.
+inline bool wait_for_end(pid_t pid, std::chrono::milliseconds span = kPatience) {
+    const android::base::unique_fd fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    return fd < 0 ? errno == ESRCH : wait_for_input(fd, span);
+}
+
+struct outcome {
+    int status;          // of waitpid
+    std::string output;  // standard error too
+};
+
+inline outcome run(const std::string& shell_line) {
+    const int status = wait_status(start("exec >/data/output 2>&1; " + shell_line));
+    return {status, read_file("/data/output")};
 }
 
 // Standard error, where the device's log lines go, kept in a file: a pipe would stay open in
 // children that outlive the test.
 class log_lines {
   public:
-    log_lines() : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
-        const int fd = open(kFile, O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
-        dup2(fd, STDERR_FILENO);
-        close(fd);
+    static constexpr const char* kFile = "/data/standard_error";
+
+    log_lines() {
+        dup2(android::base::unique_fd(open(kFile, O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0600)),
+             STDERR_FILENO);
     }
     // What a sanitizer has to say about a program under test stands there too.
     ~log_lines() {
         const std::string text = read_file(kFile);
-        EXPECT_EQ(text.find("Sanitizer"), std::string::npos) << text;
+        EXPECT_EQ(text.find("Sanitizer"), std::string::npos);
         dup2(saved_, STDERR_FILENO);
-        close(saved_);
+        std::cerr << (testing::Test::HasFailure() ? text : "");
     }
-    log_lines(const log_lines&) = delete;
-    log_lines& operator=(const log_lines&) = delete;
 
-    // As "I ZQ_UTIL: text": priority, tag, text.
-    std::vector<std::string> lines() const {
-        std::vector<std::string> result;
-        for (const std::string& line : read_lines(kFile)) {
-            result.push_back(without_columns(line));
+    // "11-21 09:30:05.123  4242  4243 I ZQ_UTIL : text" as "I ZQ_UTIL: text".
+    static std::vector<std::string> lines() {
+        std::vector<std::string> result = read_lines(kFile);
+        const std::regex columns(R"(^(\S+ +){4}(\w \w+) *: )");
+        for (std::string& line : result) {
+            line = std::regex_replace(line, columns, "$2: ");
         }
         return result;
     }
 
-    static constexpr const char* kFile = "/data/standard_error";
-
   private:
-    // "11-21 09:30:05.123  4242  4243 I ZQ_UTIL : text": the fifth column begins the rest.
-    static std::string without_columns(const std::string& line) {
-        std::istringstream in(line);
-        std::string column;
-        for (int i = 0; i < 4; ++i) {
-            in >> column;
-        }
-        std::string rest;
-        std::getline(in >> std::ws, rest);
-        const size_t colon = rest.find(": ");
-        const size_t tag_end = rest.find_last_not_of(' ', colon - 1);
-        return colon == std::string::npos ? line : rest.erase(tag_end + 1, colon - tag_end - 1);
+    const android::base::unique_fd saved_{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)};
+};
+
+// The product as a service, and its log; it must live as long as this.
+struct daemon_process {
+    ~daemon_process() {
+        EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "the daemon is gone";
+        kill(pid, SIGKILL);
+        wait_status(pid);
     }
 
-    int saved_;
+    const log_lines log;
+    const pid_t pid = start("exec zq_brevix");
 };
 
 }  // namespace fixture

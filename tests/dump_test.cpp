@@ -8,7 +8,6 @@
 
 #include <thread>
 
-#include "tests/child.h"
 #include "tests/device_fixture.h"
 #include "tool/zq_touchpanel.h"
 

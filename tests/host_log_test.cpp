@@ -2,32 +2,22 @@
 
 #include <android-base/logging.h>
 #include <sys/file.h>
-#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 
 #include <atomic>
 #include <cstring>
-#include <random>
 #include <semaphore>
 #include <thread>
 
 #include "host/kernel_log.h"
 #include "host/log_store.h"
-#include "tests/child.h"
 #include "tests/device_fixture.h"
 
 namespace {
 
-using fixture::read_file;
-using fixture::read_lines;
-using fixture::run;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::MatchesRegex;
-using testing::SizeIs;
-using testing::StartsWith;
+using namespace fixture;
+using namespace testing;
 
 constexpr char kMain[] = "/dev/log/main";
 constexpr char kDivider[] = "--------- beginning of main\n";
@@ -57,11 +47,8 @@ class follower {
     }
 
     bool wait() const {
-        pollfd more{inotify_.get(), POLLIN, 0};
-        const bool has_more =
-            poll(&more, 1, std::chrono::milliseconds(fixture::kPatience).count()) == 1;
         char events[4096];
-        return has_more && read(inotify_, events, sizeof(events)) > 0;
+        return wait_for_input(inotify_) && read(inotify_, events, sizeof(events)) > 0;
     }
 
   private:
@@ -70,7 +57,7 @@ class follower {
 };
 
 TEST(Log, LinesGoToStandardErrorAndToTheStore) {
-    const fixture::log_lines standard_error;
+    const log_lines standard_error;
     std::filesystem::create_directory(kMain);  // a store that cannot be written
     errno = ENOTTY;
     LOG(VERBOSE) << "left out";
@@ -79,11 +66,11 @@ TEST(Log, LinesGoToStandardErrorAndToTheStore) {
     EXPECT_EQ(errno, ENOTTY);
     std::filesystem::remove(kMain);
     std::filesystem::create_directory("/tmp");  // of EXPECT_EXIT
-    EXPECT_EXIT(LOG(FATAL) << "bye", testing::KilledBySignal(SIGABRT), "F HOST_LOG: bye");
+    EXPECT_EXIT(LOG(FATAL) << "bye", KilledBySignal(SIGABRT), "F HOST_LOG: bye");
     std::thread([] { LOG(ERROR) << "stored"; }).join();
     const std::string prefix = "[0-9-]+ [0-9:.]+ +" + std::to_string(getpid()) + " +";
     const std::string first = prefix + std::to_string(gettid());
-    const std::vector<std::string> lines = read_lines(fixture::log_lines::kFile);
+    const std::vector<std::string> lines = read_lines(log_lines::kFile);
     EXPECT_THAT(lines, ElementsAre(MatchesRegex(first + " D HOST_LOG: one"),
                                    MatchesRegex(first + " D HOST_LOG: two"),
                                    MatchesRegex(first + " W HOST_LOG: 25"),
@@ -94,24 +81,6 @@ TEST(Log, LinesGoToStandardErrorAndToTheStore) {
 }
 
 // --- The store -----------------------------------------------------------------------------------
-
-TEST(LogStore, KeepsTheNewestWithinItsBound) {
-    constexpr size_t kEntries = 2000;
-    for (size_t i = 0; i < kEntries; ++i) {
-        ASSERT_EQ(append(LOG_ID_MAIN, std::to_string(i) + std::string(10000, '.')), 0);
-    }
-    uintmax_t bytes = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(kLogFolder)) {
-        bytes += entry.file_size();
-    }
-    EXPECT_LE(bytes, 2U * kLogSegmentBytes);
-    const std::vector<std::string> kept = follower().read_all();
-    EXPECT_GE(kept.size(), kLogSegmentBytes / 4100U) << "a full segment at least";
-    for (size_t i = 0; i < kept.size(); ++i) {
-        ASSERT_EQ(std::stoul(kept[i]), kEntries - kept.size() + i);
-        ASSERT_GT(kept[i].size(), 4000U) << "too long for an entry, so cut";
-    }
-}
 
 // The writers are at most half a segment ahead, so nothing may be missing, through ten rotations.
 TEST(LogStore, AFollowerLosesNothingOfManyWriters) {
@@ -141,6 +110,14 @@ TEST(LogStore, AFollowerLosesNothingOfManyWriters) {
     for (std::thread& writer : writers) {
         writer.join();
     }
+    uintmax_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(kLogFolder)) {
+        bytes += entry.file_size();
+    }
+    EXPECT_LE(bytes, 2U * kLogSegmentBytes);
+    EXPECT_GE(follower().read_all().size(), kLogSegmentBytes / 1100U) << "a full segment at least";
+    append(LOG_ID_MAIN, std::string(10000, '.'));
+    EXPECT_THAT(follower().read_all().back(), SizeIs(AllOf(Gt(4000U), Lt(4100U))));
 }
 
 TEST(LogStore, AnEntryTakenBackHalfwayIsNeverSeen) {
@@ -169,18 +146,14 @@ TEST(LogStore, SoundEntriesAreFoundBetweenDamage) {
     const std::string whole = read_file(kMain);
     std::string longer = whole;
     longer[0] += 100;
-    std::string longest = whole.substr(0, 29) + std::string(70000, 'x');
-    longest[0] = longest[1] = '\xff';
-    std::mt19937 random(1);
-    std::string noise(5000, '\0');
-    std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(random()); });
+    const std::string longest = "\xff\xff" + whole.substr(2, 27) + std::string(70000, 'x');
     std::string text;
-    for (const std::string& damage : {std::string(70, '\0'), std::string("text\n"), noise, longer,
-                                      longest, whole.substr(0, 27), whole.substr(0, 29)}) {
+    for (const std::string& damage : {std::string(70, '\0'), std::string("text\n"), longer, longest,
+                                      whole.substr(0, 27), whole.substr(0, 29)}) {
         text.append(damage).append(whole);
     }
-    fixture::write_file(kMain, text + whole.substr(0, 30));
-    EXPECT_THAT(follower().read_all(), AllOf(SizeIs(7), testing::Each("model")));
+    write_file(kMain, text + whole.substr(0, 30));
+    EXPECT_THAT(follower().read_all(), AllOf(SizeIs(6), Each("model")));
 }
 
 // --- The kernel's log
@@ -238,16 +211,16 @@ TEST(Programs, RejectWhatTheyCannotDo) {
     for (const char* options :
          {"-x", "-b nope", "-b main,", "-b", "-v nope", "-v UTC", "-r 5", "-f /data/x -r 0",
           "-f /data/x -r 1k", "-n 0", "-f /none/x", "-f /dev/full", "tag:q"}) {
-        const auto [exit_status, output] = run(std::string("logcat -d ") + options);
-        EXPECT_EQ(exit_status, 1) << options;
+        const auto [status, output] = run(std::string("logcat -d ") + options);
+        EXPECT_EQ(status, 1 << 8) << options;
         EXPECT_THAT(output, MatchesRegex("logcat: [^\n]*\n")) << options;
     }
     for (const char* bad : {"log", "log -p x m", "log -b kernel m", "log -b"}) {
-        EXPECT_EQ(run(bad).exit_status, 1) << bad;
+        EXPECT_EQ(run(bad).status, 1 << 8) << bad;
     }
     umount2(kLogFolder, MNT_DETACH);
     rmdir(kLogFolder);
-    EXPECT_EQ(run("log m").exit_status, 1);
+    EXPECT_EQ(run("log m").status, 1 << 8);
 }
 
 TEST(Programs, LogcatMergesBuffersByTime) {
@@ -263,10 +236,8 @@ TEST(Programs, LogcatMergesBuffersByTime) {
             .output;
     };
     EXPECT_EQ(shown(""), "=system s1 more =main m2 =crash c2 s3 ");
-    EXPECT_EQ(shown("-b default -b main"), shown(""));
     EXPECT_EQ(shown("-b events,system"), "=events e0 =system s1 more s3 ");
     EXPECT_THAT(shown("-b all"), HasSubstr("=events e0 =system s1 more =main m2 =crash c2"));
-    EXPECT_EQ(shown("'*:S'"), "");
     EXPECT_THAT(run("logcat -d -b radio -v tag").output,
                 HasSubstr("\nW/t       : two -words\nE/log     : line\n"));
 }
@@ -276,29 +247,29 @@ TEST(Programs, LogcatRotatesItsFile) {
     for (int i = 0; i < 110; ++i) {
         append(LOG_ID_MAIN, std::to_string(1000 + i) + std::string(95, '.'));
     }
-    fixture::write_file("/data/log", std::string(199, '-') + "\n");
-    fixture::write_file("/data/log.10", "goes");
+    write_file("/data/log", std::string(199, '-') + "\n");
+    write_file("/data/log.10", "goes");
     std::filesystem::create_directory("/data/2");
     run("logcat -d -v raw -f /data/log -r 1 -n 10");
     run("logcat -d -v raw -f /data/2/log -r 1 -n 2");
-    EXPECT_THAT(fixture::names_in("/data"),
+    EXPECT_THAT(names_in("/data"),
                 ElementsAre("2", "log", "log.01", "log.02", "log.03", "log.04", "log.05", "log.06",
                             "log.07", "log.08", "log.09", "log.10", "output"));
     EXPECT_EQ(std::filesystem::file_size("/data/log.10"), 200 + strlen(kDivider) + 8 * 100);
     EXPECT_EQ(std::filesystem::file_size("/data/log.01"), 1100U);
     EXPECT_THAT(read_file("/data/log"), StartsWith("1107."));
-    EXPECT_EQ(fixture::mode_of("/data/log"), 0640U & ~022U);
-    EXPECT_THAT(fixture::names_in("/data/2"), ElementsAre("log", "log.1", "log.2"));
+    EXPECT_EQ(mode_of("/data/log"), 0640U & ~022U);
+    EXPECT_THAT(names_in("/data/2"), ElementsAre("log", "log.1", "log.2"));
     EXPECT_THAT(read_file("/data/2/log.2"), StartsWith("1087."));
 }
 
 TEST(Programs, LogcatFollowsWithoutWakingUpInVain) {
     append(LOG_ID_MAIN, "before");
-    const pid_t logcat = fixture::start("exec logcat -v raw -f /data/log");
-    ASSERT_TRUE(fixture::wait_for_text("/data/log", "before\n"));
+    const pid_t logcat = start("exec logcat -v raw -f /data/log");
+    ASSERT_TRUE(wait_for_text("/data/log", "before\n"));
     for (const char* message : {"first of its buffer", "second"}) {
         append(LOG_ID_SYSTEM, message);
-        ASSERT_TRUE(fixture::wait_for_text("/data/log", message));
+        ASSERT_TRUE(wait_for_text("/data/log", message));
     }
     const auto switches = [&] {
         const std::string text = read_file("/proc/" + std::to_string(logcat) + "/status");
@@ -307,8 +278,7 @@ TEST(Programs, LogcatFollowsWithoutWakingUpInVain) {
     const int before = switches();
     append(LOG_ID_RADIO, "one creates the file");
     append(LOG_ID_RADIO, "of another buffer");
-    pollfd end{static_cast<int>(syscall(SYS_pidfd_open, logcat, 0)), POLLIN, 0};
-    ASSERT_EQ(poll(&end, 1, 500), 0);
+    ASSERT_FALSE(wait_for_end(logcat, std::chrono::milliseconds(500)));
     EXPECT_LE(switches() - before, 2);
 }
 
@@ -330,12 +300,11 @@ TEST(Programs, LogcatWritesEverythingBeforeItEnds) {
             }
         };
         send(2000);
-        const pid_t logcat = fixture::start("exec logcat -v raw -f /data/log");
-        ASSERT_TRUE(fixture::wait_until("/data", [] { return access("/data/log", F_OK) == 0; }));
+        const pid_t logcat = start("exec logcat -v raw -f /data/log");
+        ASSERT_TRUE(wait_until("/data", [] { return access("/data/log", F_OK) == 0; }));
         send(2000);
         kill(logcat, SIGTERM);
-        const int status = fixture::wait(logcat);
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+        EXPECT_EQ(wait_status(logcat), SIGTERM);
         std::vector<std::string> written = read_lines("/data/log");
         std::erase_if(written, [&](const std::string& line) {
             return !line.starts_with(std::to_string(round) + ".");
@@ -346,21 +315,6 @@ TEST(Programs, LogcatWritesEverythingBeforeItEnds) {
     }
     done = true;
     flood.join();
-}
-
-TEST(Programs, LogcatEndsWhenNobodyReadsItsPipe) {
-    for (int i = 0; i < 500; ++i) {
-        append(LOG_ID_MAIN, std::string(1000, 'x'));
-    }
-    ASSERT_EQ(mkfifo("/data/pipe", 0600), 0);
-    const int pipe = open("/data/pipe", O_RDWR | O_CLOEXEC);
-    const pid_t logcat = fixture::start("exec logcat >/data/pipe");
-    pollfd begun{pipe, POLLIN, 0};
-    ASSERT_EQ(poll(&begun, 1, std::chrono::milliseconds(fixture::kPatience).count()), 1);
-    kill(logcat, SIGTERM);
-    const int status = fixture::wait(logcat);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
-    close(pipe);
 }
 
 }  // namespace

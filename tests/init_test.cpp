@@ -4,7 +4,6 @@
 
 #include "host/init_launch.h"
 #include "host/init_script.h"
-#include "tests/child.h"
 
 namespace {
 

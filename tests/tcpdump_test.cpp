@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <thread>
 
-#include "tests/child.h"
 #include "tests/device_fixture.h"
 #include "tool/zq_tcpdump.h"
 
