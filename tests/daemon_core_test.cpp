@@ -111,7 +111,7 @@ TEST(Dispatch, ToolsAnswerToTheirArgumentsAndAlwaysEndWithZero) {
          {"unknown", "CMD 'touch x'", "cmdx", "''", "copy_folder", "copy_folder /a", "cmd",
           "audio_cmd", "audio_cmd 7", "audio_cmd 1:2 x", "copy_folder /a /b /c",
           "cmd touch 'a b' c", "cmd 'exit 9'"}) {
-        EXPECT_EQ(run(std::string("zq_brevix ") + arguments).status, 0) << arguments;
+        EXPECT_EQ(run(std::string("zq_brevix ") + arguments).exit_status, 0) << arguments;
     }
     EXPECT_THAT(read_lines("/data/ran"), ElementsAre("cp -r /a /b", "touch 3"));
 }

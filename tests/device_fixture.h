@@ -132,13 +132,13 @@ inline bool wait_for_end(pid_t pid, std::chrono::milliseconds span = kPatience) 
 }
 
 struct outcome {
-    int status;          // of waitpid
+    int exit_status;     // -1: did not exit
     std::string output;  // standard error too
 };
 
 inline outcome run(const std::string& shell_line) {
     const int status = wait_status(start("exec >/data/output 2>&1; " + shell_line));
-    return {status, read_file("/data/output")};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file("/data/output")};
 }
 
 // Standard error, where the device's log lines go, kept in a file: a pipe would stay open in

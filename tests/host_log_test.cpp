@@ -211,16 +211,16 @@ TEST(Programs, RejectWhatTheyCannotDo) {
     for (const char* options :
          {"-x", "-b nope", "-b main,", "-b", "-v nope", "-v UTC", "-r 5", "-f /data/x -r 0",
           "-f /data/x -r 1k", "-n 0", "-f /none/x", "-f /dev/full", "tag:q"}) {
-        const auto [status, output] = run(std::string("logcat -d ") + options);
-        EXPECT_EQ(status, 1 << 8) << options;
+        const auto [exit_status, output] = run(std::string("logcat -d ") + options);
+        EXPECT_EQ(exit_status, 1) << options;
         EXPECT_THAT(output, MatchesRegex("logcat: [^\n]*\n")) << options;
     }
     for (const char* bad : {"log", "log -p x m", "log -b kernel m", "log -b"}) {
-        EXPECT_EQ(run(bad).status, 1 << 8) << bad;
+        EXPECT_EQ(run(bad).exit_status, 1) << bad;
     }
     umount2(kLogFolder, MNT_DETACH);
     rmdir(kLogFolder);
-    EXPECT_EQ(run("log m").status, 1 << 8);
+    EXPECT_EQ(run("log m").exit_status, 1);
 }
 
 TEST(Programs, LogcatMergesBuffersByTime) {

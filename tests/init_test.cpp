@@ -4,6 +4,7 @@
 
 #include "host/init_launch.h"
 #include "host/init_script.h"
+#include "tests/device_fixture.h"
 
 namespace {
 
@@ -184,7 +185,7 @@ TEST(Init, EndsServicesAndOrphansOnASignal) {
     ASSERT_TRUE(fixture::wait_until("/dev/__properties__",
                                     [] { return !fixture::processes_named("sleep").empty(); }));
     kill(init, SIGTERM);
-    EXPECT_EQ(WEXITSTATUS(fixture::wait(init)), 128 + SIGTERM);
+    EXPECT_EQ(WEXITSTATUS(fixture::wait_status(init)), 128 + SIGTERM);
     EXPECT_EQ(fixture::read_file("/data/ended"), "ended\n");
     EXPECT_THAT(fixture::processes_named("sleep"), IsEmpty());
 }

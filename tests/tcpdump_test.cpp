@@ -112,7 +112,7 @@ class Capture : public testing::Test {
     // The tool's wait status.
     int stop() {
         property_set(kSwitch, "0");
-        return fixture::wait(tool_);
+        return fixture::wait_status(tool_);
     }
 
     pid_t tool_ = -1;
@@ -200,7 +200,7 @@ TEST_F(Capture, ASigtermEndsTheCaptureFirst) {
     start();
     ASSERT_TRUE(has_started());
     kill(tool_, SIGTERM);
-    EXPECT_EQ(fixture::wait(tool_), SIGTERM);
+    EXPECT_EQ(fixture::wait_status(tool_), SIGTERM);
     EXPECT_TRUE(fs::exists("/data/flushed"));
     EXPECT_THAT(other_processes(), ElementsAre());
     EXPECT_THAT(tool_lines(), ElementsAre("start recording", "exit"));
@@ -226,7 +226,7 @@ TEST_F(Capture, WithoutAThreadTheStopStillComes) {
 TEST_F(Capture, ASizeThatIsNoneEndsTheTool) {
     property_set("sys.tcpdump.size", ",5");
     start();
-    EXPECT_EQ(fixture::wait(tool_) & 0x7f, SIGABRT);
+    EXPECT_EQ(fixture::wait_status(tool_) & 0x7f, SIGABRT);
 }
 
 }  // namespace
