@@ -153,28 +153,19 @@ TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
         ++handled;
         handled.notify_all();
     });
-    signal(SIGUSR2, [](int) { pthread_exit(nullptr); });
-    const auto wait_in_thread = [](void*) -> void* {
+    std::thread waiting([] {
         set("waiting", "1");
         EXPECT_TRUE(WaitForProperty("w", "1"));
-        set("waited", "1");
-        return nullptr;
-    };
-    for (const bool is_ended : {true, false}) {
-        pthread_t thread{};
-        set("waiting", "");
-        ASSERT_EQ(pthread_create(&thread, nullptr, wait_in_thread, nullptr), 0);
-        ASSERT_TRUE(WaitForProperty("waiting", "1", kPatience));
-        for (int i = 0; i < 100; ++i) {
-            const int before = handled;
-            pthread_kill(thread, SIGUSR1);
-            handled.wait(before);
-        }
-        is_ended ? pthread_kill(thread, SIGUSR2) : set("w", "1");
-        pthread_join(thread, nullptr);
-        EXPECT_EQ(get("waited"), is_ended ? "unset" : "1");
-        EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
+    });
+    ASSERT_TRUE(WaitForProperty("waiting", "1", kPatience));
+    for (int i = 0; i < 100; ++i) {
+        const int before = handled;
+        pthread_kill(waiting.native_handle(), SIGUSR1);
+        handled.wait(before);
     }
+    set("w", "1");
+    waiting.join();
+    EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
 }
 
 }  // namespace
