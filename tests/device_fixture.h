@@ -13,7 +13,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 
 namespace fixture {
 
@@ -89,11 +88,13 @@ inline bool wait_for_text(const std::string& file, const std::string& text) {
 
 // --- Processes; what still runs in the end goes with the device ----------------------------------
 
-// Those whose /proc status holds a match of `pattern`.
-inline std::vector<pid_t> processes_with(const std::string& pattern) {
+// Those whose /proc status holds `line` and not `without`.
+inline std::vector<pid_t> processes_with(const std::string& line, const std::string& without) {
     std::vector<pid_t> pids;
     for (const std::string& entry : names_in("/proc")) {
-        if (std::regex_search(read_file("/proc/" + entry + "/status"), std::regex(pattern))) {
+        const std::string status = read_file("/proc/" + entry + "/status");
+        if (status.find(line + "\n") != std::string::npos &&
+            (without.empty() || status.find(without) == std::string::npos)) {
             pids.push_back(std::stoi(entry));
         }
     }
@@ -102,12 +103,12 @@ inline std::vector<pid_t> processes_with(const std::string& pattern) {
 
 // Those that run a program of this name, without those that have ended and wait for their parent.
 inline std::vector<pid_t> processes_named(const std::string& name) {
-    return processes_with("^Name:\t" + name + "\n(Umask:.*\n)?State:\t[^Z]");
+    return processes_with("Name:\t" + name, "\nState:\tZ");
 }
 
 // Of all threads of a process, those that have ended and wait for it included.
 inline std::vector<pid_t> children_of(pid_t parent) {
-    return processes_with("\nPPid:\t" + std::to_string(parent) + "\n");
+    return processes_with("\nPPid:\t" + std::to_string(parent), "");
 }
 
 inline pid_t start(const std::string& shell_line) {
@@ -162,9 +163,15 @@ class log_lines {
     // "11-21 09:30:05.123  4242  4243 I ZQ_UTIL : text" as "I ZQ_UTIL: text".
     static std::vector<std::string> lines() {
         std::vector<std::string> result = read_lines(kFile);
-        const std::regex columns(R"(^(\S+ +){4}(\w \w+) *: )");
         for (std::string& line : result) {
-            line = std::regex_replace(line, columns, "$2: ");
+            std::istringstream in(line);
+            std::string day, time, pid, tid, rest;
+            in >> day >> time >> pid >> tid;
+            std::getline(in >> std::ws, rest);
+            if (const size_t colon = rest.find(": "); colon != std::string::npos) {
+                const size_t tag_end = rest.find_last_not_of(' ', colon - 1) + 1;
+                line = rest.erase(tag_end, colon - tag_end);
+            }
         }
         return result;
     }
