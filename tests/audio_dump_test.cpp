@@ -111,6 +111,8 @@ TEST(AudioDump, SizesCountOneByteMoreThanThereIsToRead) {
         fixture::write_file("/vendor/audiohal/dump_list", std::string("x.pcm,") + c.size + "\n");
         copy();
         EXPECT_EQ(requests, c.requests) << c.size << " of " << c.bytes;
+        const size_t end = requests.empty() ? 0 : requests.back().first + requests.back().second;
+        EXPECT_EQ(fs::file_size(kCopy + "x.pcm"), std::min(c.bytes, end)) << c.size;
     }
 }
 
