@@ -107,7 +107,7 @@ TEST(Init, BootsInOrderAndGoesOnAfterACommandThatFails) {
     const outcome ended = boot(
         "on boot\n  setprop test.order third\n"
         "on late-init\n  trigger boot\n"
-        "on init\n  mkdir /data/none/x 0755 root root\n"
+        "on init\n  mkdir /data/none/x 0755 root root\n  mkdir /data 0710 root root\n"
         "  setprop test.order first\n"
         "on boot && property:test.order=first\n  setprop test.condition wrong\n",
         "getprop test.order; getprop test.condition; logcat -d | grep ' E init'; exit 9");
@@ -115,6 +115,7 @@ TEST(Init, BootsInOrderAndGoesOnAfterACommandThatFails) {
     EXPECT_THAT(ended.output, AllOf(testing::StartsWith("third\nwrong\n"),
                                     HasSubstr("/data/test.rc:6: mkdir /data/none/x 0755 root root: "
                                               "No such file or directory")));
+    EXPECT_EQ(fixture::mode_of("/data"), 0710);
 }
 
 TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
