@@ -21,6 +21,7 @@ using testing::EndsWith;
 using testing::Ge;
 using testing::HasSubstr;
 using testing::Lt;
+using testing::MatchesRegex;
 using testing::Not;
 
 // --- System dump ---------------------------------------------------------------------------------
@@ -118,7 +119,7 @@ class TouchPanel : public testing::Test {
 
     static std::string output(const std::string& suffix) {
         for (const std::string& name : fixture::names_in(kOutputDir)) {
-            if (std::regex_match(name, std::regex("tp_log_20..-..-.._..-..-.." + suffix))) {
+            if (testing::Matches(MatchesRegex("tp_log_20..-..-.._..-..-.." + suffix))(name)) {
                 return fixture::read_file(kOutputDir + name);
             }
         }
