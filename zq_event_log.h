@@ -40,8 +40,7 @@ extern event_watch event_watches[2];
 // read afterwards.
 extern int event_num_limit;
 
-// --- Operations
-// ------------------------------------------------------------------------------------
+// --- Operations ---------------------------------------------------------------------------------
 
 // Notes the reboot in the history, saves the preserved console log of the boot before, and
 // subscribes detection and its categories to their switches. For the main thread, once, before any

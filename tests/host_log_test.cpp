@@ -156,8 +156,7 @@ TEST(LogStore, SoundEntriesAreFoundBetweenDamage) {
     EXPECT_THAT(follower().read_all(), AllOf(SizeIs(6), Each("model")));
 }
 
-// --- The kernel's log
-// ------------------------------------------------------------------------------
+// --- The kernel's log ---------------------------------------------------------------------------
 
 TEST(KernelLog, RecordsAreParsed) {
     const struct {
