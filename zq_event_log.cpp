@@ -567,6 +567,9 @@ void classify(const event_watch& watch, const std::string& name) {
 }
 
 void handle_record(const inotify_event& record) {
+    if ((record.mask & IN_Q_OVERFLOW) != 0) {
+        LOG(ERROR) << "the queue has overflowed, events were lost";
+    }
     event_watch* watch = watch_of(record);
     if (watch == nullptr) {
         return;
@@ -660,10 +663,13 @@ void start_watcher() {
     pthread_sigmask(SIG_BLOCK, &stop, &previous);  // the thread inherits it
     {
         const std::lock_guard lock(detection.mutex);
-        detection.thread_is_current =
-            pthread_create(&detection.event_thread, nullptr, start_event_detecting, nullptr) == 0;
-        if (detection.thread_is_current) {
+        const int error =
+            pthread_create(&detection.event_thread, nullptr, start_event_detecting, nullptr);
+        detection.thread_is_current = error == 0;
+        if (error == 0) {
             pthread_detach(detection.event_thread);
+        } else {
+            LOG(ERROR) << "fail to start the watcher: " << strerror(error);
         }
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);

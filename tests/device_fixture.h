@@ -57,6 +57,14 @@ inline std::vector<std::string> names_in(const std::string& dir) {
     return names;
 }
 
+const std::string kDropbox = "/data/system/dropbox/";
+
+// As the platform does it: another name first.
+inline void move_into_dropbox(const std::string& name, const std::string& content = "content") {
+    write_file(kDropbox + "drop1.tmp", content);
+    std::filesystem::rename(kDropbox + "drop1.tmp", kDropbox + name);
+}
+
 // --- Waiting -------------------------------------------------------------------------------------
 
 inline bool wait_for_input(int fd, std::chrono::milliseconds span = kPatience) {
@@ -176,6 +184,15 @@ class log_lines {
         return result;
     }
 
+    static size_t count(const std::string& text) {
+        const std::string log = read_file(kFile);
+        size_t count = 0;
+        for (size_t at = log.find(text); at != log.npos; at = log.find(text, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
+
   private:
     const android::base::unique_fd saved_{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)};
 };
@@ -187,9 +204,16 @@ struct daemon_process {
         kill(pid, SIGKILL);
         wait_status(pid);
     }
+    // As init does when it has ended. Returns its wait status.
+    int start_again_after_its_end(const std::string& shell_line = kShellLine) {
+        const int status = wait_status(pid);
+        pid = start(shell_line);
+        return status;
+    }
 
+    static constexpr const char* kShellLine = "exec zq_brevix";
     const log_lines log;
-    const pid_t pid = start("exec zq_brevix");
+    pid_t pid = start(kShellLine);
 };
 
 }  // namespace fixture

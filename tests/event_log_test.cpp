@@ -1,11 +1,16 @@
 #include <cutils/properties.h>
 #include <sys/mount.h>
 
-#include <set>
-
 #include "tests/device_fixture.h"
 #include "utils/util.h"
 #include "zq_event_log.h"
+
+// The clock of the events.
+static time_t clock_offset = 0;
+extern "C" time_t __real_time(time_t* out);
+extern "C" time_t __wrap_time(time_t* out) {
+    return __real_time(out) + clock_offset;
+}
 
 namespace {
 
@@ -13,8 +18,6 @@ namespace fs = std::filesystem;
 using namespace fixture;
 using namespace testing;
 
-const std::string kDropbox = "/data/system/dropbox/";
-const std::string kTombstones = "/data/tombstones/";
 const std::string kCrashlog = "/data/logs/crashlog/";
 const std::string kStaging = "/data/brevix/eventTemp/";
 const std::string kHistory = "/data/logs/history.event";
@@ -26,27 +29,6 @@ const tm kSomeTime = [] {
     strptime("2026-11-05 09", "%Y-%m-%d %H", &time);
     return time;
 }();
-
-// As the platform does it: another name first.
-void move_into_dropbox(const std::string& name, const std::string& content = "content") {
-    write_file(kDropbox + "drop1.tmp", content);
-    fs::rename(kDropbox + "drop1.tmp", kDropbox + name);
-}
-
-size_t count_in_log(const std::string& text) {
-    const std::string log = read_file(log_lines::kFile);
-    size_t count = 0;
-    for (size_t at = log.find(text); at != log.npos; at = log.find(text, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-void deliver(int first, int end) {
-    for (int i = first; i < end; ++i) {
-        move_into_dropbox("ZQEvent_p" + std::to_string(i) + "_e@1");
-    }
-}
 
 class Events : public Test {
   protected:
@@ -97,16 +79,16 @@ TEST_F(Events, BaseLogDumpTakesFourSnapshots) {
                             logcat + "pre_event.log -b events -v threadtime -d",
                             logcat + "pre_kernel.log -b kernel -v threadtime -d",
                             logcat + "pre_radio.log -b radio -v threadtime -d"));
-    EXPECT_EQ(count_in_log("still have some work"), 0U);
-    EXPECT_EQ(count_in_log("dump base log done"), 4U);
+    EXPECT_EQ(log_lines::count("still have some work"), 0U);
+    EXPECT_EQ(log_lines::count("dump base log done"), 4U);
 }
 
 TEST_F(Events, BaseLogDumpEndsWhatHangsAfterTenPasses) {
     write_program("/system/bin/timeout", "case $4 in *pre_radio*) exec sleep 1000 ;; esac");
     const log_lines log;
     ZQDumpBaseLog("/data/logs");
-    EXPECT_EQ(count_in_log("dump base log not done"), 10U);
-    EXPECT_EQ(count_in_log("still have some work not done yet, skip"), 1U);
+    EXPECT_EQ(log_lines::count("dump base log not done"), 10U);
+    EXPECT_EQ(log_lines::count("still have some work not done yet, skip"), 1U);
     while (waitpid(-1, nullptr, 0) > 0) {
     }
     EXPECT_THAT(processes_named("sleep"), IsEmpty());
@@ -143,7 +125,8 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
         if (!folder.empty()) {
             folders.push_back(MatchesRegex(folder + kTime));
         }
-        EXPECT_EQ(count_in_log("filename format incorrectly"), folder.empty() ? 1U : 0U) << name;
+        EXPECT_EQ(log_lines::count("filename format incorrectly"), folder.empty() ? 1U : 0U)
+            << name;
         EXPECT_THAT(names_in(dir), UnorderedElementsAreArray(folders)) << name;
     }
 }
@@ -160,6 +143,17 @@ TEST_F(Events, TenFoldersOfAPrefixAreKept) {
                                                  MatchesRegex("crashlog_11_ANR_" + kTime),
                                                  MatchesRegex("crashlog_9_ANR_" + kTime)));
     EXPECT_THAT(names_in(kStaging), SizeIs(3)) << "one goes for each that comes";
+}
+
+TEST_F(Events, AClockSetBackDoesNotDisturbTheOrder) {
+    event_num_limit = 2;
+    for (const time_t day : {0, -400, 1}) {
+        clock_offset = day * 24 * 3600;
+        EXPECT_EQ(collect(0, 1, "anr"), collect_result::done);
+    }
+    EXPECT_THAT(names_in(kCrashlog), ElementsAre(MatchesRegex("crashlog_1_ANR_" + kTime),
+                                                 MatchesRegex("crashlog_2_ANR_" + kTime)));
+    EXPECT_LT(read_lines(kHistory).at(1), read_lines(kHistory).at(0)) << "the time was not back";
 }
 
 TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
@@ -247,191 +241,6 @@ TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     EXPECT_THAT(read_lines(kHistory).at(0), MatchesRegex("REBOOT  .{19} KERNELPANIC     "));
     EXPECT_THAT(read_file("/data/e/eventfile"),
                 AllOf(HasSubstr("BOARD=board\n"), HasSubstr("DEBUGGABLE=1\n")));
-}
-
-// --- The watcher, in the daemon ------------------------------------------------------------------
-
-class Watcher : public Events {
-  protected:
-    void SetUp() override {
-        Events::SetUp();
-        for (const char* name : {"crashlog.enable", "custom.event", "event.detect"}) {
-            set_switch(name, true);
-            ASSERT_TRUE(wait_for_log(std::string(name) + " changed to 1", 1));
-        }
-        ASSERT_TRUE(wait_for_log("tombstones has been snooped", 1));
-    }
-    static void set_switch(const std::string& name, bool on) {
-        property_set(("persist.service." + name).c_str(), on ? "1" : "0");
-    }
-    static bool wait_for_log(const std::string& text, size_t times) {
-        return wait_until("/data", [&] { return count_in_log(text) >= times; });
-    }
-    static bool wait_for_notices(size_t count) {
-        return wait_until("/data/brevix", [=] { return read_lines(kNotices).size() >= count; });
-    }
-    static std::set<std::string> packages_told() {
-        std::set<std::string> packages;
-        for (const std::string& line : read_lines(kNotices)) {
-            packages.insert(line.substr(line.find("--es name "), 20));
-        }
-        return packages;
-    }
-    static std::vector<std::string> types_in_history() {
-        std::vector<std::string> types;
-        for (const std::string& line : read_lines(kHistory)) {
-            types.push_back(line.substr(28, line.find(' ', 28) - 28));
-        }
-        types.erase(types.begin());  // the reboot
-        return types;
-    }
-    size_t daemon_entries(const char* kind) const {
-        return names_in("/proc/" + std::to_string(daemon_.pid) + "/" + kind).size();
-    }
-
-    daemon_process daemon_;
-};
-
-TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
-    fs::create_directories(kDropbox + "dir_crash");
-    write_file(kDropbox + "created_crash", "moved files only");
-    const std::string no_folder = "ZQEvent_" + std::string(235, 'p');  // so the next row's chance
-    const std::vector<std::string> names = {"system_server_watchdog_crash@1",
-                                            "anr_crash@2",
-                                            "data_app_crash@3",
-                                            "ZQEvent_pkg_Hang@4",
-                                            "ZQEvent_pkg_anr@5",
-                                            "boring@6",
-                                            "with blank crash@7",
-                                            no_folder + "_x",
-                                            "ZQEvent_a_b_crash",
-                                            "system_server_pre_watchdog@8",
-                                            "pre_watchdog_anr@9"};
-    for (const std::string& name : names) {
-        move_into_dropbox(name);
-    }
-    ASSERT_TRUE(wait_for_notices(8));
-    EXPECT_THAT(types_in_history(), ElementsAre("UIWDT", "ANR", "JAVACRASH", "Hang", "ANR",
-                                                "JAVACRASH", "x", "JAVACRASH", "ANR"));
-    EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
-    EXPECT_THAT(daemon_.log.lines(),
-                Contains(MatchesRegex("I ZQ_EVENT_LOG: event\\[wd:1, mask:0x128, cookie:[0-9]+, "
-                                      "len:32, name:system_server_watchdog_crash@1\\]")));
-}
-
-TEST_F(Watcher, TombstonesCountAsTheyArrive) {
-    const std::string other = "/data/elsewhere";
-    write_file(other, "stone");
-    ASSERT_EQ(link(other.c_str(), (kTombstones + "tombstone_01").c_str()), 0);
-    link(other.c_str(), (kTombstones + "tombstone_01.pb").c_str());
-    link(other.c_str(), (kTombstones + "tombstone_02.tmp").c_str());
-    write_file(kTombstones + "tombstone_03", "created and written: two records");
-    fs::rename(other, kTombstones + "tombstone_04");
-    write_file(kTombstones + "other", "");
-    ASSERT_EQ(link((kTombstones + "other").c_str(), (kTombstones + "tombstone_05").c_str()), 0);
-    ASSERT_TRUE(wait_for_notices(4));
-    EXPECT_THAT(types_in_history(), AllOf(SizeIs(4), Each("TOMBSTONE")));
-    EXPECT_EQ(count_in_log("monitor a changed event: tombstone_01"), 1U);
-    EXPECT_EQ(count_in_log("monitor a changed event: tombstone_03"), 2U);
-    EXPECT_EQ(count_in_log("monitor a changed event: tombstone_05"), 1U);
-}
-
-TEST_F(Watcher, ASwitchedOffCategoryMakesNothing) {
-    set_switch("crashlog.enable", false);
-    ASSERT_TRUE(wait_for_log("persist.service.crashlog.enable changed to 0", 1));
-    move_into_dropbox("anr@1");
-    move_into_dropbox("ZQEvent_p_e@2");
-    ASSERT_TRUE(wait_for_notices(1));
-    EXPECT_THAT(types_in_history(), ElementsAre("e"));
-    EXPECT_THAT(daemon_.log.lines(), Contains("I ZQ_EVENT_LOG: disable detecting CRASH"));
-}
-
-TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
-    for (size_t i = 1; i <= 10; ++i) {
-        if (i % 2 == 0) {
-            fs::rename(kTombstones, "/data/moved" + std::to_string(i));
-        } else {
-            fs::remove_all(kTombstones);
-        }
-        ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted", i));
-        write_file("/data/stone", "");
-        ASSERT_EQ(link("/data/stone", (kTombstones + "tombstone_01").c_str()), 0);
-        ASSERT_TRUE(wait_for_notices(i));
-    }
-    fs::remove_all(kDropbox);
-    ASSERT_TRUE(wait_for_log("/data/system/dropboxhas been deleted", 1));
-    move_into_dropbox("anr");
-    ASSERT_TRUE(wait_for_notices(11));
-    EXPECT_EQ(types_in_history().size(), 11U);
-}
-
-TEST_F(Watcher, ABurstIsCollectedOnceEach) {
-    constexpr int kFiles = 300;
-    deliver(0, kFiles);
-    ASSERT_TRUE(wait_for_notices(kFiles));
-    EXPECT_THAT(packages_told(), SizeIs(kFiles));
-    EXPECT_THAT(read_lines(kNotices), SizeIs(kFiles));
-    EXPECT_THAT(types_in_history(), SizeIs(kFiles));
-    // The last child is collected with the next record.
-    move_into_dropbox("boring");
-    ASSERT_TRUE(wait_for_log("name:boring]", 1));
-    EXPECT_TRUE(wait_until("/data", [&] { return children_of(daemon_.pid).empty(); }));
-}
-
-TEST_F(Watcher, NothingQueuedIsLostByASwitchOff) {
-    write_program("/system/bin/cp", "exec sleep 0.05");  // events take their time
-    deliver(0, 30);
-    set_switch("event.detect", false);
-    ASSERT_TRUE(wait_for_log("stop detecting", 1));
-    move_into_dropbox("ZQEvent_while_off@1");
-    set_switch("event.detect", true);
-    ASSERT_TRUE(wait_for_log("tombstones has been snooped", 2));
-    deliver(30, 40);
-    ASSERT_TRUE(wait_for_notices(40));
-    ASSERT_TRUE(wait_for_log("I ZQ_EVENT_LOG: exit", 1));
-    EXPECT_THAT(types_in_history(), AllOf(SizeIs(40), Not(Contains("off"))));
-}
-
-TEST_F(Watcher, SwitchesInAStormLeaveItWhole) {
-    const size_t threads = daemon_entries("task");
-    const size_t descriptors = daemon_entries("fd");
-    for (int i = 0; i < 300; ++i) {
-        set_switch("event.detect", false);
-        deliver(i, i + 1);
-        set_switch("event.detect", true);
-    }
-    wait_until("/data", [] {
-        const size_t stops = count_in_log("stop detecting");
-        return count_in_log("I ZQ_EVENT_LOG: exit") == stops &&
-               count_in_log("start detecting") == stops + 1;
-    });
-    EXPECT_GT(count_in_log("stop detecting"), 10U);
-    move_into_dropbox("ZQEvent_last_e@1");
-    ASSERT_TRUE(wait_for_text(kNotices, "--es name last "));
-    EXPECT_TRUE(wait_until("/data", [&] { return daemon_entries("task") == threads; }));
-    EXPECT_LE(daemon_entries("fd"), descriptors + 1);
-    EXPECT_THAT(packages_told(), SizeIs(types_in_history().size())) << "none twice";
-}
-
-TEST_F(Events, SigtermForTheProcessEndsIt) {
-    const log_lines log;
-    property_set("persist.service.event.detect", "1");
-    const pid_t daemon = start("exec zq_brevix");
-    ASSERT_TRUE(wait_for_text(log.kFile, "tombstones has been snooped"));
-    kill(daemon, SIGTERM);
-    EXPECT_EQ(wait_status(daemon), SIGTERM);
-}
-
-TEST_F(Watcher, AFullDiskCostsFilesNotEvents) {
-    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", 0, "size=256k"), 0);
-    write_file("/data/logs/fill", std::string(300000, 'x'));
-    move_into_dropbox("anr@1", std::string(10000, 'y'));
-    ASSERT_TRUE(wait_for_notices(1));
-    fs::remove("/data/logs/fill");
-    move_into_dropbox("anr@2", std::string(10000, 'y'));
-    ASSERT_TRUE(wait_for_notices(2));
-    const std::string folder = kCrashlog + names_in(kCrashlog).back();
-    EXPECT_EQ(fs::file_size(folder + "/anr@2"), 10000U);
 }
 
 }  // namespace

@@ -172,14 +172,4 @@ TEST_F(GeneralLog, ANumberThatIsNoneEndsTheDaemon) {
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
 }
 
-TEST_F(Daemon, AFullDiskEndsCapturesNotTheDaemon) {
-    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", 0, "size=64k"), 0);
-    ASSERT_TRUE(flip(true));
-    run("head -c 200000 /dev/zero >/data/logs/fill; log -t demo full");
-    ASSERT_TRUE(flip(false));
-    fs::remove("/data/logs/fill");
-    ASSERT_TRUE(flip(true));
-    EXPECT_THAT(names_in(kGeneral), SizeIs(2));
-}
-
 }  // namespace

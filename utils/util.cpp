@@ -116,7 +116,11 @@ int ZQRecordLog(const std::string& tag, char* const argv[]) {
 
 int run_shell(const char* command) {
     const pid_t pid = start_shell(command);
-    return pid < 0 ? -1 : wait_for(pid);
+    if (pid < 0) {
+        LOG(ERROR) << "fail to run " << command << ", error: " << strerror(errno);
+        return -1;
+    }
+    return wait_for(pid);
 }
 
 pid_t start_shell_group(const char* command) {

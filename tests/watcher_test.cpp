@@ -1,0 +1,402 @@
+// The watcher, in the daemon.
+
+#include <cutils/properties.h>
+#include <sys/mount.h>
+
+#include <map>
+#include <set>
+
+#include "tests/device_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fixture;
+using namespace testing;
+
+const std::string kTombstones = "/data/tombstones/";
+const std::string kCrashlog = "/data/logs/crashlog/";
+const std::string kHistory = "/data/logs/history.event";
+const std::string kNotices = "/data/brevix/queue.log";
+
+void deliver(int first, int end) {
+    for (int i = first; i < end; ++i) {
+        move_into_dropbox("ZQEvent_p" + std::to_string(i) + "_e@1");
+    }
+}
+
+class Watcher : public Test {
+  protected:
+    void SetUp() override {
+        for (const char* dir : {"system/dropbox", "tombstones", "brevix", "logs"}) {
+            fs::create_directories(std::string("/data/") + dir);
+        }
+        for (const char* name : {"crashlog.enable", "custom.event", "event.detect"}) {
+            set_switch(name, true);
+        }
+        wait_until_armed(1);
+    }
+    // For the so manieth time.
+    static void wait_until_armed(size_t times) {
+        for (const char* text : {"crashlog.enable changed to 1", "custom.event changed to 1",
+                                 "tombstones has been snooped"}) {
+            ASSERT_TRUE(wait_for_log(text, times)) << text;
+        }
+    }
+    static void set_switch(const std::string& name, bool on) {
+        property_set(("persist.service." + name).c_str(), on ? "1" : "0");
+    }
+    static bool wait_for_log(const std::string& text, size_t times) {
+        return wait_until("/data", [&] { return log_lines::count(text) >= times; });
+    }
+    static bool wait_for_notices(size_t count) {
+        return wait_until("/data/brevix", [=] { return read_lines(kNotices).size() >= count; });
+    }
+    static std::set<std::string> packages_told() {
+        std::set<std::string> packages;
+        for (const std::string& line : read_lines(kNotices)) {
+            packages.insert(line.substr(line.find("--es name "), 20));
+        }
+        return packages;
+    }
+    static std::vector<std::string> types_in_history() {
+        std::vector<std::string> types;
+        for (const std::string& line : read_lines(kHistory)) {
+            if (!line.starts_with("REBOOT")) {
+                types.push_back(line.substr(28, line.find(' ', 28) - 28));
+            }
+        }
+        return types;
+    }
+    size_t daemon_entries(const char* kind) const {
+        return names_in("/proc/" + std::to_string(daemon_.pid) + "/" + kind).size();
+    }
+
+    daemon_process daemon_;
+};
+
+TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
+    fs::create_directories(kDropbox + "dir_crash");
+    write_file(kDropbox + "created_crash", "moved files only");
+    const std::string no_folder = "ZQEvent_" + std::string(235, 'p');  // so the next row's chance
+    const std::vector<std::string> names = {"system_server_watchdog_crash@1",
+                                            "anr_crash@2",
+                                            "data_app_crash@3",
+                                            "ZQEvent_pkg_Hang@4",
+                                            "ZQEvent_pkg_anr@5",
+                                            "boring@6",
+                                            "with blank crash@7",
+                                            no_folder + "_x",
+                                            "ZQEvent_a_b_crash",
+                                            "system_server_pre_watchdog@8",
+                                            "pre_watchdog_anr@9"};
+    for (const std::string& name : names) {
+        move_into_dropbox(name);
+    }
+    ASSERT_TRUE(wait_for_notices(8));
+    EXPECT_THAT(types_in_history(), ElementsAre("UIWDT", "ANR", "JAVACRASH", "Hang", "ANR",
+                                                "JAVACRASH", "x", "JAVACRASH", "ANR"));
+    EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
+    EXPECT_THAT(daemon_.log.lines(),
+                Contains(MatchesRegex("I ZQ_EVENT_LOG: event\\[wd:1, mask:0x128, cookie:[0-9]+, "
+                                      "len:32, name:system_server_watchdog_crash@1\\]")));
+}
+
+TEST_F(Watcher, TombstonesCountAsTheyArrive) {
+    const std::string other = "/data/elsewhere";
+    write_file(other, "stone");
+    ASSERT_EQ(link(other.c_str(), (kTombstones + "tombstone_01").c_str()), 0);
+    link(other.c_str(), (kTombstones + "tombstone_01.pb").c_str());
+    link(other.c_str(), (kTombstones + "tombstone_02.tmp").c_str());
+    write_file(kTombstones + "tombstone_03", "created and written: two records");
+    fs::rename(other, kTombstones + "tombstone_04");
+    write_file(kTombstones + "other", "");
+    ASSERT_EQ(link((kTombstones + "other").c_str(), (kTombstones + "tombstone_05").c_str()), 0);
+    ASSERT_TRUE(wait_for_notices(4));
+    EXPECT_THAT(types_in_history(), AllOf(SizeIs(4), Each("TOMBSTONE")));
+    EXPECT_EQ(log_lines::count("monitor a changed event: tombstone_01"), 1U);
+    EXPECT_EQ(log_lines::count("monitor a changed event: tombstone_03"), 2U);
+    EXPECT_EQ(log_lines::count("monitor a changed event: tombstone_05"), 1U);
+}
+
+TEST_F(Watcher, ASwitchedOffCategoryMakesNothing) {
+    set_switch("crashlog.enable", false);
+    ASSERT_TRUE(wait_for_log("persist.service.crashlog.enable changed to 0", 1));
+    move_into_dropbox("anr@1");
+    move_into_dropbox("ZQEvent_p_e@2");
+    ASSERT_TRUE(wait_for_notices(1));
+    EXPECT_THAT(types_in_history(), ElementsAre("e"));
+    EXPECT_THAT(daemon_.log.lines(), Contains("I ZQ_EVENT_LOG: disable detecting CRASH"));
+}
+
+TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
+    for (size_t i = 1; i <= 10; ++i) {
+        if (i % 2 == 0) {
+            fs::rename(kTombstones, "/data/moved" + std::to_string(i));
+        } else {
+            fs::remove_all(kTombstones);
+        }
+        ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted", i));
+        write_file("/data/stone", "");
+        ASSERT_EQ(link("/data/stone", (kTombstones + "tombstone_01").c_str()), 0);
+        ASSERT_TRUE(wait_for_notices(i));
+    }
+    fs::remove_all(kDropbox);
+    ASSERT_TRUE(wait_for_log("/data/system/dropboxhas been deleted", 1));
+    move_into_dropbox("anr");
+    ASSERT_TRUE(wait_for_notices(11));
+    EXPECT_EQ(types_in_history().size(), 11U);
+}
+
+TEST_F(Watcher, ABurstIsCollectedOnceEach) {
+    constexpr int kFiles = 300;
+    deliver(0, kFiles);
+    ASSERT_TRUE(wait_for_notices(kFiles));
+    EXPECT_THAT(packages_told(), SizeIs(kFiles));
+    EXPECT_THAT(read_lines(kNotices), SizeIs(kFiles));
+    EXPECT_THAT(types_in_history(), SizeIs(kFiles));
+    // The last child is collected with the next record.
+    move_into_dropbox("boring");
+    ASSERT_TRUE(wait_for_log("name:boring]", 1));
+    EXPECT_TRUE(wait_until("/data", [&] { return children_of(daemon_.pid).empty(); }));
+}
+
+TEST_F(Watcher, NothingQueuedIsLostByASwitchOff) {
+    write_program("/system/bin/cp", "exec sleep 0.05");  // events take their time
+    deliver(0, 30);
+    set_switch("event.detect", false);
+    ASSERT_TRUE(wait_for_log("stop detecting", 1));
+    move_into_dropbox("ZQEvent_while_off@1");
+    set_switch("event.detect", true);
+    ASSERT_TRUE(wait_for_log("tombstones has been snooped", 2));
+    deliver(30, 40);
+    ASSERT_TRUE(wait_for_notices(40));
+    ASSERT_TRUE(wait_for_log("I ZQ_EVENT_LOG: exit", 1));
+    EXPECT_THAT(types_in_history(), AllOf(SizeIs(40), Not(Contains("off"))));
+}
+
+TEST_F(Watcher, SwitchesInAStormLeaveItWhole) {
+    const size_t threads = daemon_entries("task");
+    const size_t descriptors = daemon_entries("fd");
+    for (int i = 0; i < 300; ++i) {
+        set_switch("event.detect", false);
+        deliver(i, i + 1);
+        set_switch("event.detect", true);
+    }
+    wait_until("/data", [] {
+        const size_t stops = log_lines::count("stop detecting");
+        return log_lines::count("I ZQ_EVENT_LOG: exit") == stops &&
+               log_lines::count("start detecting") == stops + 1;
+    });
+    EXPECT_GT(log_lines::count("stop detecting"), 10U);
+    move_into_dropbox("ZQEvent_last_e@1");
+    ASSERT_TRUE(wait_for_text(kNotices, "--es name last "));
+    EXPECT_TRUE(wait_until("/data", [&] { return daemon_entries("task") == threads; }));
+    EXPECT_LE(daemon_entries("fd"), descriptors + 1);
+    EXPECT_THAT(packages_told(), SizeIs(types_in_history().size())) << "none twice";
+}
+
+TEST_F(Watcher, SigtermForTheProcessEndsIt) {
+    kill(daemon_.pid, SIGTERM);
+    EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
+}
+
+// --- Faults --------------------------------------------------------------------------------------
+
+// What an event runs, in its order.
+const std::string kSteps[] = {"cp", "timeout", "am"};
+
+// While it lives, that program of the device is replaced.
+class replaced_program {
+  public:
+    replaced_program(const std::string& name, const std::string& shell_text)
+        : path_("/system/bin/" + name) {
+        fs::rename(path_, path_ + ".kept");
+        write_program(path_, shell_text);
+    }
+    ~replaced_program() { fs::rename(path_ + ".kept", path_); }
+    replaced_program(const replaced_program&) = delete;
+    replaced_program& operator=(const replaced_program&) = delete;
+
+  private:
+    const std::string path_;
+};
+
+std::map<std::string, std::string> files_below(const std::string& dir) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+        files[entry.path()] = entry.is_regular_file() ? read_file(entry.path()) : "";
+    }
+    return files;
+}
+
+class Faults : public Watcher {
+  protected:
+    // By a program of the daemon's own user: others may not.
+    bool limit(const std::string& user, const std::string& what) const {
+        return run(user + "/usr/bin/prlimit --pid " + std::to_string(daemon_.pid) + " --" + what)
+                   .exit_status == 0;
+    }
+    // What came before must not stand in the way of the next event.
+    void expect_next_event() {
+        const size_t told = read_lines(kNotices).size();
+        move_into_dropbox("anr@" + std::to_string(++next_));
+        ASSERT_TRUE(wait_for_notices(told + 1));
+        const std::string folder = "/data/logs/crashlog/crashlog_" + std::to_string(count_++);
+        EXPECT_THAT(read_lines(kNotices).back(), HasSubstr("--es path " + folder + "_ANR_"));
+    }
+
+    int next_ = 0;
+    int count_ = 0;  // of the next folder
+};
+
+TEST_F(Faults, AFullDiskCostsFilesNotEvents) {
+    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", 0, "size=256k"), 0);
+    set_switch("start.capture", true);
+    ASSERT_TRUE(wait_for_log("tag: kernel, pid", 1));
+    write_file("/data/logs/fill", std::string(300000, 'x'));
+    run("log -t demo full");
+    move_into_dropbox("anr@full", std::string(10000, 'y'));
+    ASSERT_TRUE(wait_for_notices(1));
+    fs::remove("/data/logs/fill");
+    ++count_;
+    expect_next_event();
+    EXPECT_THAT(names_in(kCrashlog + names_in(kCrashlog).back()),
+                ElementsAre("anr@1", "eventfile"));
+    set_switch("start.capture", false);
+    EXPECT_TRUE(wait_until("/data", [] { return processes_named("logcat").empty(); }));
+}
+
+TEST_F(Faults, AReadOnlyDiskIsSaidAndPasses) {
+    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", 0, nullptr), 0);
+    expect_next_event();
+    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    move_into_dropbox("anr@read-only");
+    set_switch("start.capture", true);
+    EXPECT_TRUE(wait_for_log("open to write history event failed /data/logs/history.event", 1));
+    EXPECT_TRUE(wait_for_log("create new log dir failed! /data/logs/crashlog/crashlog_1_ANR_", 1));
+    EXPECT_TRUE(wait_for_log("create general dir failed!", 1));
+    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", MS_REMOUNT, nullptr), 0);
+    expect_next_event();
+    set_switch("start.capture", false);
+    ASSERT_TRUE(wait_for_log("stop capturing", 1));
+    set_switch("start.capture", true);
+    EXPECT_TRUE(wait_for_log("tag: kernel, pid", 1));
+}
+
+TEST_F(Faults, WithoutDescriptorsAnEventIsMadeOrTheDaemonStartsAnew) {
+    size_t starts = 1;
+    for (int spare = -2; spare < 6; ++spare) {
+        ASSERT_TRUE(limit("", "nofile=" + std::to_string(int(daemon_entries("fd")) + spare) + ":"));
+        const size_t ends = log_lines::count("terminate called");
+        const size_t told = log_lines::count("notify eventreport");
+        move_into_dropbox("anr@spare" + std::to_string(spare));
+        ASSERT_TRUE(wait_until("/data", [=] {
+            return log_lines::count("terminate called") + log_lines::count("notify eventreport") >
+                   ends + told;
+        }));
+        if (log_lines::count("terminate called") > ends) {
+            EXPECT_EQ(WTERMSIG(daemon_.start_again_after_its_end()), SIGABRT);
+            wait_until_armed(++starts);
+        } else {
+            ASSERT_TRUE(limit("", "nofile=1024:"));
+            ++count_;
+        }
+        move_into_dropbox("anr@spare" + std::to_string(spare) + "after");
+        ASSERT_TRUE(wait_for_text(kNotices, "crashlog_" + std::to_string(count_++) + "_ANR_"));
+    }
+    EXPECT_GT(starts, 1U);
+    EXPECT_GT(types_in_history().size(), 8U);
+}
+
+TEST_F(Faults, WithoutProcessesAnEventIsKeptUntold) {
+    // The limit counts for users without rights alone; a device without a real root has only those.
+    for (const char* dir : {"/data/logs", "/data/brevix", kDropbox.c_str(), kTombstones.c_str()}) {
+        fs::permissions(dir, fs::perms::all);
+    }
+    fs::remove(kHistory);
+    kill(daemon_.pid, SIGKILL);
+    const std::string app = "/usr/bin/setpriv --reuid=1000 --clear-groups ";
+    const std::string user = run(app + "true").exit_status == 0 ? app : "";
+    daemon_.start_again_after_its_end("exec " + user + "zq_brevix");
+    wait_until_armed(2);
+    ASSERT_TRUE(limit(user, "nproc=0:"));
+    set_switch("start.capture", true);
+    move_into_dropbox("system_server_crash@1");
+    EXPECT_TRUE(wait_for_log("tag: kernel, error: Resource temporarily unavailable", 2));
+    EXPECT_TRUE(wait_for_log("no task to do", 1));
+    EXPECT_TRUE(wait_for_log("fail to run am startservice", 1));
+    EXPECT_THAT(types_in_history(), ElementsAre("JAVACRASH"));
+    ASSERT_TRUE(limit(user, "nproc=1024:"));
+    ++count_;
+    expect_next_event();
+}
+
+TEST_F(Faults, AChildKilledAtAnyStepCostsItsPartAlone) {
+    size_t told = 0;
+    for (const std::string& step : kSteps) {
+        {
+            const replaced_program killed(step, "kill -KILL $$");
+            move_into_dropbox("system_server_crash@" + step);
+            ASSERT_TRUE(wait_for_log("notify eventreport", ++told));
+            // The next record shows that the one before is through.
+            move_into_dropbox("boring@" + step);
+            ASSERT_TRUE(wait_for_log("name:boring@" + step, 1));
+        }
+        ++told;
+        ++count_;
+        expect_next_event();
+    }
+}
+
+TEST_F(Faults, ADaemonKilledAtAnyStepGoesOnWithTheNextCount) {
+    size_t starts = 1;
+    for (const std::string& step : kSteps) {
+        {
+            const replaced_program killer(step, "kill -KILL " + std::to_string(daemon_.pid));
+            move_into_dropbox("system_server_crash@" + step);
+            EXPECT_EQ(daemon_.start_again_after_its_end(), SIGKILL);
+        }
+        wait_until_armed(++starts);
+        const auto before = files_below(kCrashlog);
+        ++count_;
+        expect_next_event();
+        EXPECT_THAT(files_below(kCrashlog), IsSupersetOf(before));
+    }
+    EXPECT_THAT(types_in_history(), SizeIs(2 * std::size(kSteps)));
+}
+
+TEST_F(Faults, TheAppMayEmptyItsStagingFolderAtAnyTime) {
+    fs::create_directories("/data/brevix/eventTemp");
+    const pid_t app = start("while :; do rm -rf /data/brevix/eventTemp/*; done");
+    deliver(0, 100);
+    EXPECT_TRUE(wait_for_notices(100));
+    kill(app, SIGKILL);
+    wait_status(app);
+    expect_next_event();
+}
+
+TEST_F(Faults, AQueueThatOverflowsIsSaidAndWatchedOn) {
+    const size_t queued = std::stoul(read_file("/proc/sys/fs/inotify/max_queued_events"));
+    fs::create_directories("/data/gates");
+    {
+        const replaced_program waiting("am",
+                                       "echo >>/data/gates/reached; "
+                                       "exec cat /data/gates/am");
+        mkfifo("/data/gates/am", 0600);
+        move_into_dropbox("anr@blocks");
+        ASSERT_TRUE(wait_until("/data/gates", [] { return fs::exists("/data/gates/reached"); }));
+        // Two names in turn, because the kernel drops a record that repeats the one before it.
+        write_file(kDropbox + "a", "");
+        for (size_t i = 0; i <= queued / 2; ++i) {
+            fs::rename(kDropbox + "a", kDropbox + "b");
+            fs::rename(kDropbox + "b", kDropbox + "a");
+        }
+        write_file("/data/gates/am", "go on");
+        ASSERT_TRUE(wait_for_log("events were lost", 1));
+    }
+    ++count_;
+    expect_next_event();
+}
+
+}  // namespace
