@@ -11,13 +11,13 @@ set xtics rotate by -30
 set yrange [0:*]
 plot dir."/goals.tsv" using 0:2:xtic(1) with boxes notitle, 1 with lines dashtype 2 linecolor "black" notitle
 
-set output dir."/road.svg"
-stats dir."/road.tsv" using 1 nooutput
-if (STATS_blocks > 1) {
+if (system("test -s ".dir."/road.tsv && echo yes") eq "yes") {
+    set output dir."/road.svg"
     set title "Event road: share of events with their notice within"
     set xlabel "ms"
     set xtics norotate
     set logscale x
     set key right bottom
+    stats dir."/road.tsv" using 1 nooutput
     plot for [side=0:STATS_blocks-2] dir."/road.tsv" index side using 1:(1) smooth cnormal linewidth 2 title columnheader(1)
 }
