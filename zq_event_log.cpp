@@ -4,7 +4,6 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
@@ -192,14 +191,15 @@ void write_report(const std::string& path, const char* event, const std::string&
         {"DEBUGGABLE", device_info.debuggable},
         {"TYPE", type},
     };
+    std::string text;
     for (const auto& line : lines) {
-        android::base::WriteStringToFd(android::base::StringPrintf("%s=%s\n", line.key, line.value),
-                                       fd);
+        text.append(line.key).append("=").append(line.value).append("\n");
     }
     if (name[0] != '\0') {
-        android::base::WriteStringToFd(android::base::StringPrintf("NAME=%s\n", name), fd);
+        text.append("NAME=").append(name).append("\n");
     }
-    android::base::WriteStringToFd("_END\n", fd);
+    text.append("_END\n");
+    android::base::WriteStringToFd(text, fd);
     close(fd);
 }
 

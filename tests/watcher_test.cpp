@@ -25,12 +25,18 @@ void deliver(int first, int end) {
     }
 }
 
-class Watcher : public Test {
-  protected:
-    void SetUp() override {
+// Made before the daemon starts, as init does.
+struct event_folders {
+    event_folders() {
         for (const char* dir : {"system/dropbox", "tombstones", "brevix", "logs"}) {
             fs::create_directories(std::string("/data/") + dir);
         }
+    }
+};
+
+class Watcher : event_folders, public Test {
+  protected:
+    void SetUp() override {
         for (const char* name : {"crashlog.enable", "custom.event", "event.detect"}) {
             set_switch(name, true);
         }

@@ -1,0 +1,171 @@
+// Switch, armed and idle: how soon the daemon is at work, and what it takes while nothing happens.
+
+#include <sched.h>
+
+#include "bench/figures.h"
+#include "tests/device_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::vector<std::string> kInotifywait = {"/usr/bin/inotifywait",
+                                               "-m",
+                                               "-e",
+                                               "moved_to",
+                                               "-e",
+                                               "create",
+                                               "-e",
+                                               "close_write",
+                                               "/data/system/dropbox",
+                                               "/data/tombstones"};
+
+std::string proc(pid_t pid, const std::string& file) {
+    return "/proc/" + std::to_string(pid) + "/" + file;
+}
+
+long number_in(const std::string& file, const std::string& name) {
+    for (const std::string& line : fixture::read_lines(file)) {
+        if (line.starts_with(name)) {
+            return std::stol(line.substr(name.size()));
+        }
+    }
+    throw std::runtime_error("no " + name + " in " + file);
+}
+
+// --- Switch --------------------------------------------------------------------------------------
+
+constexpr int kChannels = 4;
+
+bool waits_in_inotify(pid_t pid) {
+    const std::vector<std::string> fds = fixture::names_in(proc(pid, "fdinfo"));
+    return std::any_of(fds.begin(), fds.end(), [pid](const std::string& fd) {
+        return fixture::read_file(proc(pid, "fdinfo/" + fd)).find("inotify wd") !=
+               std::string::npos;
+    });
+}
+
+// The script's program for that; it is a new one after each change, and its start shall not count.
+void wait_for_waitprop() {
+    const stopwatch watch;
+    while (true) {
+        const std::vector<pid_t> pids = fixture::processes_named("waitprop");
+        if (!pids.empty() && waits_in_inotify(pids[0])) {
+            return;
+        }
+        require(watch.millis() < 10000, "the script does not wait for its property");
+        sched_yield();
+    }
+}
+
+void switch_on_and_off(const char* side, const char* property, line_fifo& started) {
+    wait_for_waitprop();
+    const stopwatch watch;
+    set_property(property, "1");
+    std::vector<pid_t> pids;
+    for (int channel = 0; channel < kChannels; ++channel) {
+        pids.push_back(std::stoi(started.next()));
+    }
+    print_sample("switch", kChannels, side, watch.millis());
+    wait_for_waitprop();
+    set_property(property, "0");
+    for (const pid_t pid : pids) {
+        require(fixture::wait_for_end(pid), "a capture has not ended");
+    }
+}
+
+// --- Idle ----------------------------------------------------------------------------------------
+
+// Voluntary switches of all threads.
+long wakeups(pid_t pid) {
+    long sum = 0;
+    for (const std::string& task : fixture::names_in(proc(pid, "task"))) {
+        sum += number_in(proc(pid, "task/" + task + "/status"), "voluntary_ctxt_switches:");
+    }
+    return sum;
+}
+
+long private_kbytes(pid_t pid) {
+    const std::string file = proc(pid, "smaps_rollup");
+    return number_in(file, "Private_Clean:") + number_in(file, "Private_Dirty:");
+}
+
+// --- Armed ---------------------------------------------------------------------------------------
+
+void measure_armed(const char* side, const std::vector<std::string>& argv,
+                   const std::string& line) {
+    int fds[2];
+    require(pipe2(fds, O_CLOEXEC) == 0, "no pipe");
+    const android::base::unique_fd errors(fds[0]);
+    android::base::unique_fd writer(fds[1]);
+    const android::base::unique_fd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const stopwatch watch;
+    const pid_t pid = start_program(argv, nowhere, writer);
+    writer.reset();
+    std::string text;
+    while (text.find(line) == std::string::npos) {
+        char bytes[4096];
+        const ssize_t count =
+            fixture::wait_for_input(errors) ? read(errors, bytes, sizeof(bytes)) : 0;
+        require(count > 0, std::string(side) + " does not watch: " + text);
+        text.append(bytes, static_cast<size_t>(count));
+    }
+    print_sample("armed", 1, side, watch.millis());
+    kill(pid, SIGKILL);
+    fixture::wait_status(pid);
+}
+
+}  // namespace
+
+void capture_switch() {
+    make_phone_folders();
+    // Says its pid as soon as it runs: what a real one does after that is not the switch.
+    fs::remove("/system/bin/logcat");
+    fs::create_symlink("/bench/started", "/system/bin/logcat");
+    line_fifo started("/data/started");
+    const side_process daemon("exec zq_brevix 2>/data/daemon.log");
+    const side_process script("exec capture_script bench.capture /data/script");
+    require(fixture::wait_for_text("/data/daemon.log", "main start"), "no daemon");
+    for (int round = 0; round < 30; ++round) {
+        switch_on_and_off("daemon", "persist.service.start.capture", started);
+        switch_on_and_off("script", "bench.capture", started);
+    }
+}
+
+void idle() {
+    make_phone_folders();
+    switch_detection_on();
+    set_property("persist.service.start.capture", "1");
+    std::string command = "exec";
+    for (const std::string& word : kInotifywait) {
+        command += " " + word;
+    }
+    const side_process daemon("exec zq_brevix >/dev/null 2>/data/daemon.log");
+    const side_process watcher(command + " >/dev/null 2>/data/inotifywait.log");
+    for (const char* line : {"tag: kernel, pid", "tombstones has been snooped",
+                             "crashlog.enable changed to 1", "custom.event changed to 1"}) {
+        require(fixture::wait_for_text("/data/daemon.log", line), "the daemon is not at work");
+    }
+    require(fixture::wait_for_text("/data/inotifywait.log", "established"), "nothing watches");
+    // Both spans are the measurement; the first shows nothing but the end of the start.
+    constexpr int kSeconds = 60;
+    poll(nullptr, 0, 2000);
+    const long daemon_before = wakeups(daemon.pid());
+    const long watcher_before = wakeups(watcher.pid());
+    poll(nullptr, 0, kSeconds * 1000);
+    const auto print = [](const char* side, pid_t pid, long before) {
+        print_sample("wakeups", kSeconds, side, static_cast<double>(wakeups(pid) - before));
+        print_sample("memory", kSeconds, side, static_cast<double>(private_kbytes(pid)));
+    };
+    print("daemon", daemon.pid(), daemon_before);
+    print("inotifywait", watcher.pid(), watcher_before);
+}
+
+void armed() {
+    make_phone_folders();
+    switch_detection_on();
+    for (int round = 0; round < 100; ++round) {
+        measure_armed("daemon", {"/system/bin/zq_brevix"}, "/data/tombstones has been snooped");
+        measure_armed("inotifywait", kInotifywait, "Watches established");
+    }
+}

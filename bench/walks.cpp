@@ -1,0 +1,89 @@
+// Count and size: the walks that retention makes over the folders that are kept.
+
+#include "bench/figures.h"
+#include "tests/device_fixture.h"
+#include "utils/util.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A fresh device's disk cache is cold once; the first round is not printed.
+constexpr int kRounds = 21;
+
+void measure(const char* figure, int work, const std::string& side, int round, const auto& walk) {
+    const stopwatch watch;
+    walk();
+    if (round > 0) {
+        print_sample(figure, work, side, watch.millis());
+    }
+}
+
+void measure_count(int folders) {
+    const std::string dir = "/data/count_" + std::to_string(folders) + "/";
+    for (int i = 0; i < folders; ++i) {
+        fs::create_directories(dir + "crashlog_" + std::to_string(i) + "_ANR_2026-11-21-09-30-05");
+    }
+    const std::string last = "crashlog_" + std::to_string(folders - 1) + "_";
+    const auto list = [&](const std::string& tools) {
+        run_shell(("cd " + dir + "; " + tools + "ls | " + tools + "sort -t_ -k2n | " + tools +
+                   "tail -n 1 >/data/last")
+                      .c_str());
+        require(fixture::read_file("/data/last").starts_with(last), "the shell line is wrong");
+    };
+    for (int round = 0; round < kRounds; ++round) {
+        measure("count", folders, "daemon", round, [&] {
+            require(ZQGetNewLogCount(dir, "crashlog_", 4) == folders, "wrong count");
+            require(!ZQRemoveOldFile(dir, "crashlog_", 4, 0, false, false), "removal failed");
+        });
+        measure("count", folders, "toybox", round, [&] { list("/system/bin/"); });
+        measure("count", folders, "coreutils", round, [&] { list("/usr/bin/"); });
+    }
+    require(ZQGetFileCount(dir) == folders, "folders were removed");
+}
+
+int64_t plain_walk(const std::string& dir) {
+    int64_t sum = 0;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(dir)) {
+        sum += entry.is_regular_file() ? static_cast<int64_t>(entry.file_size()) : 0;
+    }
+    return sum;
+}
+
+void disk_usage(const std::string& dir) {
+    const android::base::unique_fd output(open("/data/du", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    require(fixture::wait_status(
+                start_program({"/usr/bin/du", "-sb", dir}, output, STDERR_FILENO)) == 0,
+            "du failed");
+}
+
+// Captures of 20 files, as four channels with their rotated files leave them.
+void measure_size(int files) {
+    constexpr int kFilesOfCapture = 20;
+    const std::string dir = "/data/size_" + std::to_string(files);
+    for (int i = 0; i < files; ++i) {
+        fixture::write_file(dir + "/ZQLog_" + std::to_string(i / kFilesOfCapture) +
+                                "_2026-11-21-09-30-05/android.log." +
+                                std::to_string(i % kFilesOfCapture),
+                            "x");
+    }
+    for (int round = 0; round < kRounds; ++round) {
+        measure("size", files, "daemon", round,
+                [&] { require(GetDirectorySize(dir) == files, "wrong size"); });
+        measure("size", files, "du", round, [&] { disk_usage(dir); });
+        measure("size", files, "iterator", round,
+                [&] { require(plain_walk(dir) == files, "wrong size of the plain walk"); });
+    }
+}
+
+}  // namespace
+
+void count() {
+    measure_count(1000);
+    measure_count(10000);
+}
+
+void size() {
+    measure_size(5000);
+    measure_size(50000);
+}
