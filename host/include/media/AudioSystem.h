@@ -1,11 +1,10 @@
 // The part of the phone's audio client that is used here.
 #pragma once
 
+#include <utils/Errors.h>
 #include <utils/String8.h>
 
 namespace android {
-
-using status_t = int;
 
 class AudioSystem {
   public:
