@@ -13,14 +13,17 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 namespace fixture {
 
 constexpr std::chrono::seconds kPatience{60};
 
+// Empty also when it vanishes meanwhile, as files of processes do.
 inline std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 inline std::vector<std::string> read_lines(const std::string& path) {

@@ -42,38 +42,6 @@ std::string cut_format(size_t max_bytes, const char* format, ...) {
 
 namespace {
 
-void default_signals() {
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    for (int signal = 1; signal < NSIG; ++signal) {
-        sigaction(signal, &action, nullptr);
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-// Every signal is blocked across the fork: one that reaches the child before its dispositions are
-// the default ones would run a handler of the daemon and be lost, and the program would run on
-// unstopped. Between fork and exec only async-signal-safe calls are made: another thread may have
-// held any lock. Returns 0 in a child whose program cannot be started.
-pid_t fork_exec(const char* const argv[]) {
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        default_signals();
-        execv(argv[0], const_cast<char* const*>(argv));
-        return 0;
-    }
-    const int fork_errno = errno;
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    errno = fork_errno;
-    return pid;
-}
-
 enum class process_group { inherited, own };
 
 struct spawn_settings {
@@ -92,10 +60,12 @@ struct spawn_settings {
     spawn_settings& operator=(const spawn_settings&) = delete;
 };
 
-// Shell lines are most of what an event costs, and a spawn, unlike a fork, copies no page tables.
-// It keeps signals away as above.
-pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO,
-                  process_group group = process_group::inherited) {
+// Children are most of what an event costs, and a spawn, unlike a fork, copies no page tables. It
+// keeps every signal from the child until its dispositions are the default ones: a handler of the
+// daemon would swallow it there, and the program would run on unstopped. Returns -1, with errno,
+// when the program cannot be started.
+pid_t spawn(const char* const argv[], int standard_output = STDOUT_FILENO,
+            process_group group = process_group::inherited) {
     spawn_settings settings;
     sigset_t signals;
     // Not sigfillset: it leaves out two that a spawn would then have the program ignore.
@@ -111,11 +81,22 @@ pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO,
     if (standard_output != STDOUT_FILENO) {
         posix_spawn_file_actions_adddup2(&settings.files, standard_output, STDOUT_FILENO);
     }
-    const char* const argv[] = {"/system/bin/sh", "-c", command, nullptr};
     pid_t pid = -1;
     errno = posix_spawn(&pid, argv[0], &settings.files, &settings.attributes,
                         const_cast<char* const*>(argv), environ);
     return errno == 0 ? pid : -1;
+}
+
+// As after a fork: a program that cannot be started gives 0, in a child of its own.
+pid_t spawn_or_fork(const char* const argv[]) {
+    const pid_t pid = spawn(argv);
+    return pid < 0 ? fork() : pid;
+}
+
+pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO,
+                  process_group group = process_group::inherited) {
+    const char* const argv[] = {"/system/bin/sh", "-c", command, nullptr};
+    return spawn(argv, standard_output, group);
 }
 
 // The wait status, -1 when the event watcher's reaping came first.
@@ -129,7 +110,7 @@ constexpr size_t kMaxCommandBytes = 1023;
 }  // namespace
 
 int ZQRecordLog(const std::string& tag, char* const argv[]) {
-    const pid_t pid = fork_exec(argv);
+    const pid_t pid = spawn_or_fork(argv);
     if (pid > 0) {
         LOG(INFO) << "tag: " << tag << ", pid: " << pid;
     } else if (pid < 0) {
@@ -364,7 +345,7 @@ void pack(const std::string& path) {
     const std::string archive = path + ".tar.gz";
     const char* const argv[] = {"/system/bin/tar", "-czf", archive.c_str(), "-C",
                                 path.c_str(),      ".",    nullptr};
-    const pid_t pid = fork_exec(argv);
+    const pid_t pid = spawn_or_fork(argv);
     if (pid == 0) {
         _exit(127);
     }
