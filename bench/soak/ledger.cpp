@@ -86,7 +86,7 @@ void ledger::read() {
 void ledger::take(const std::string& line) {
     const std::vector<std::string> fields = android::base::Split(line, "|");
     folders_.push_back(fields[0]);
-    if (fields.size() != 4 || fields[2] != "_END" || fields[3] != "same") {
+    if (fields.size() != 4 || fields[1].empty() || fields[2] != "_END" || fields[3] != "same") {
         faults_.push_back("a notice of something incomplete: " + line);
         return;
     }
@@ -125,7 +125,8 @@ std::vector<std::string> ledger::missing() const {
     return ids;
 }
 
-// Event by event the history, the notices and the deliveries say the same.
+// Event by event the history, the notices and the deliveries say the same. The first that does not
+// is named: those behind it are out of step.
 void ledger::check_lists(std::vector<std::string>& faults) const {
     const std::vector<told_event> history = events_in_history();
     const std::vector<told_event> notices = events_in_notices();
@@ -147,11 +148,13 @@ void ledger::check_lists(std::vector<std::string>& faults) const {
             faults.push_back("the history's event " + std::to_string(i) + " is " +
                              history[i].category + " " + history[i].type + " " + history[i].folder +
                              ", not " + one.id);
+            return;
         }
         if (notices[i].folder != folders_[i] || notices[i].type != one.type ||
             notices[i].package != package) {
             faults.push_back("the notice " + std::to_string(i) + " is of " + notices[i].type + " " +
                              notices[i].folder + ", not " + one.id);
+            return;
         }
     }
 }
