@@ -37,7 +37,8 @@ void write_log(log_id_t buffer, const char* tag, const std::string& text) {
 daemon_log::daemon_log()
     : logcat_(fixture::start("exec logcat -b main -b system -f " + kFile +
                              " ZQ_EVENT_LOG:I ZQ_OBSERVER:I ZQ_GENERAL_LOG:I ZQ_TCPDUMP:I "
-                             "ActivityManager:I SOAK:I '*:S'")) {}
+                             "ActivityManager:I SOAK:I '*:S'")),
+      file_(kFile) {}
 
 size_t daemon_log::count(const std::string& line) {
     read();
@@ -50,12 +51,8 @@ bool daemon_log::has_refused(const std::string& name) {
     return refused_.count(name) != 0;
 }
 
-// A last line without its end is left for the next time.
 void daemon_log::read() {
-    std::ifstream in(kFile, std::ios::binary);
-    in.seekg(static_cast<std::streamoff>(offset_));
-    for (std::string line; std::getline(in, line) && !in.eof();) {
-        offset_ += line.size() + 1;
+    for (const std::string& line : file_.read()) {
         take(line);
     }
 }

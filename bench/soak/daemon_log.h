@@ -7,6 +7,8 @@
 #include <set>
 #include <string>
 
+#include "bench/soak/device.h"
+
 namespace soak {
 
 // What the soak keeps for itself.
@@ -34,7 +36,7 @@ class daemon_log {
     void take(const std::string& line);
 
     const pid_t logcat_;
-    size_t offset_ = 0;
+    growing_file file_;
     std::map<std::string, size_t> lines_;
     std::string monitored_;
     std::set<std::string> refused_;

@@ -46,6 +46,18 @@ figures figures_of(pid_t pid);
 
 // --- Files ---------------------------------------------------------------------------------------
 
+class growing_file {
+  public:
+    explicit growing_file(std::string path) : path_(std::move(path)) {}
+
+    // The whole lines that have come since the last call.
+    std::vector<std::string> read();
+
+  private:
+    std::string path_;
+    size_t offset_ = 0;
+};
+
 // What is on the device against the contract, a line each, while nothing changes it. `events` are
 // the folders of all events in the order of the history.
 std::vector<std::string> check_files(const std::vector<std::string>& events);

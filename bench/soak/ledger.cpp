@@ -74,12 +74,14 @@ void ledger::doubt(const std::string& category) {
     }
 }
 
+// An event is told of when its notice, which comes after the witness's line, is there, too.
 void ledger::read() {
-    const std::vector<std::string> lines = fixture::read_lines(kWitness);
-    // The last line may still be on its way.
-    const size_t notices = fixture::read_lines(kNotices).size();
-    while (folders_.size() < std::min(lines.size(), notices)) {
-        take(lines[folders_.size()]);
+    given_ += notices_.read().size();
+    for (const std::string& line : witness_.read()) {
+        witnessed_.push_back(line);
+    }
+    while (folders_.size() < std::min(witnessed_.size(), given_)) {
+        take(witnessed_[folders_.size()]);
     }
 }
 

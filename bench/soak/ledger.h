@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "bench/soak/device.h"
+
 namespace soak {
 
 enum class answer { no, yes, unknown };
@@ -58,6 +60,10 @@ class ledger {
 
     std::vector<delivery> deliveries_;
     size_t dealt_with_ = 0;  // so many of the first deliveries
+    growing_file witness_{kWitness};
+    growing_file notices_{kNotices};
+    std::vector<std::string> witnessed_;
+    size_t given_ = 0;  // notices
     std::vector<std::string> folders_;
     std::map<std::string, const delivery> by_folder_;
     std::vector<std::string> faults_;  // met while reading
