@@ -26,8 +26,8 @@ namespace fs = std::filesystem;
 using std::chrono::steady_clock;
 
 constexpr unsigned kActionsBetweenRests = 100;
-// When more watchers than ever end one after the other, each has had a heap of its own, of some 25
-// kB, which glibc keeps for later threads; up to 16 on two processors.
+// Each of several watchers at once has a heap of its own, of some 25 kB, which glibc keeps for
+// later threads: up to 16 of them on two processors.
 constexpr long kGrowthKbytes = 512;
 constexpr uintmax_t kFillerBytes = 900 << 20;  // three of them are beyond the ceiling
 
