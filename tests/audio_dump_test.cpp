@@ -1,9 +1,6 @@
 // The toolkit's calls go through wrappers here (see the linker's --wrap), which note what is asked
 // for and can be made to fail.
 
-#include <cutils/properties.h>
-#include <sys/mount.h>
-
 #include <regex>
 
 #include "platform/audio_toolkit.h"
@@ -41,24 +38,17 @@ unsigned long __wrap__ZN7android13Base64_EncodeEPKhPcm(const unsigned char* data
 
 namespace {
 
-namespace fs = std::filesystem;
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::MatchesRegex;
+using namespace fixture;
+using namespace testing;
 
 const std::string kDump = "/vendor/audiohal/dump/";
 const std::string kCopy = "/data/logs/audiohal/audio_dump/";
 
-std::string property(const std::string& name) {
-    return fixture::read_file("/dev/__properties__/" + name);
-}
-
 // As "W (), text", without the operation's name.
 std::vector<std::string> copy() {
     requests.clear();
-    property_set("sys.brevix.mtk.audio.dump", "1");
-    const fixture::log_lines log;
+    set_property("sys.brevix.mtk.audio.dump", "1");
+    const log_lines log;
     ZQCopyAudioHalDumpFiles();
     EXPECT_EQ(property("sys.brevix.mtk.audio.dump"), "0");
     std::vector<std::string> lines = log.lines();
@@ -77,8 +67,8 @@ TEST(AudioDump, CopiesWhatTheHalLists) {
     for (int i = 0; content.size() < (8U << 20); i = (i + 1) % 200003) {
         content += std::to_string(i);
     }
-    fixture::write_file(kDump + "big.pcm", content);
-    fixture::write_file(kDump + "empty.pcm", "");
+    write_file(kDump + "big.pcm", content);
+    write_file(kDump + "empty.pcm", "");
     const std::string size = std::to_string(content.size() + 1);
     const std::string kilobytes = std::to_string(content.size() / 1024);
     EXPECT_THAT(copy(),
@@ -86,8 +76,8 @@ TEST(AudioDump, CopiesWhatTheHalLists) {
                       Contains(MatchesRegex("D , Copy big.pcm\\(size: " + kilobytes +
                                             " KB\\) spend [0-9.]+ ms\\(speed: [0-9.e-]+ MB/s, "
                                             "MAX_READ_SIZE: 350000"))));
-    EXPECT_EQ(fixture::mode_of("/data/logs/audiohal/audio_dump"), 0770);
-    EXPECT_TRUE(fixture::read_file(kCopy + "big.pcm") == content);
+    EXPECT_EQ(mode_of("/data/logs/audiohal/audio_dump"), 0770);
+    EXPECT_TRUE(read_file(kCopy + "big.pcm") == content);
     EXPECT_TRUE(fs::exists(kCopy + "empty.pcm"));
 }
 
@@ -106,8 +96,8 @@ TEST(AudioDump, SizesCountOneByteMoreThanThereIsToRead) {
         {"700002", 700001, {{0, 350000}, {350000, 350000}, {700000, 2}}},
     };
     for (const auto& c : cases) {
-        fixture::write_file(kDump + "x.pcm", std::string(c.bytes, 'x'));
-        fixture::write_file("/vendor/audiohal/dump_list", std::string("x.pcm,") + c.size + "\n");
+        write_file(kDump + "x.pcm", std::string(c.bytes, 'x'));
+        write_file("/vendor/audiohal/dump_list", std::string("x.pcm,") + c.size + "\n");
         copy();
         EXPECT_EQ(requests, c.requests) << c.size << " of " << c.bytes;
         const size_t end = requests.empty() ? 0 : requests.back().first + requests.back().second;
@@ -116,8 +106,8 @@ TEST(AudioDump, SizesCountOneByteMoreThanThereIsToRead) {
 }
 
 TEST(AudioDump, ListsThatMakeNoSenseAreGivenUp) {
-    fixture::write_file(kDump + "x.pcm", "12345");
-    fixture::write_file(kDump + "y.pcm", "12345");
+    write_file(kDump + "x.pcm", "12345");
+    write_file(kDump + "y.pcm", "12345");
     struct {
         const char* list;
         std::vector<std::string> copied;
@@ -135,31 +125,31 @@ TEST(AudioDump, ListsThatMakeNoSenseAreGivenUp) {
     };
     for (const auto& c : cases) {
         fs::remove_all(kCopy);
-        fixture::write_file("/vendor/audiohal/dump_list", c.list);
+        write_file("/vendor/audiohal/dump_list", c.list);
         std::vector<std::string> warnings = copy();
         std::erase_if(warnings, [](const std::string& line) { return line[0] != 'W'; });
         EXPECT_EQ(warnings, c.warnings) << c.list;
-        EXPECT_EQ(fixture::names_in(kCopy), c.copied) << c.list;
+        EXPECT_EQ(names_in(kCopy), c.copied) << c.list;
     }
 }
 
 TEST(AudioDump, WhatStandsInTheWayIsSaid) {
-    fixture::write_file(kDump + "x.pcm", std::string(800000, 'x'));
+    write_file(kDump + "x.pcm", std::string(800000, 'x'));
     fs::create_directories(kCopy);
-    ASSERT_EQ(mount("none", kCopy.c_str(), "tmpfs", 0, "size=400k"), 0);
+    ASSERT_TRUE(mount_memory(kCopy, 0, "size=400k"));
     EXPECT_THAT(copy(), AllOf(Contains(MatchesRegex(
                                   "W \\(\\), write size \\([0-9]+\\) but the size is not 350000")),
                               Contains("D (), read data from 700000 to 800000")));
     umount(kCopy.c_str());
     fs::remove_all("/data/logs");
-    fixture::write_file("/data/logs", "");
+    write_file("/data/logs", "");
     EXPECT_THAT(copy(), AllOf(Contains("E AudioDumpPCM: mkdir error! Not a directory"),
                               Contains("W (), Cannot open file " + kCopy + "x.pcm")));
 }
 
 TEST(AudioCommand, IsEncodedAndItsStatusPublished) {
-    property_set("host.audio.status", "-38");
-    const fixture::log_lines log;
+    set_property("host.audio.status", "-38");
+    const log_lines log;
     setAudioCommand(-1, 3);
     encoder_fails = true;  // what cannot be encoded is sent empty
     setAudioCommand(0, 0);
@@ -176,14 +166,14 @@ TEST(AudioCommand, IsEncodedAndItsStatusPublished) {
             "E ZQ_AUDIO_DUMP: PrintEncodedString, Encode Error!! after encode (AAAAAAAAAAA=), "
             "len(8), sz_Needed(12), sz_enc(11)"));
     EXPECT_EQ(property("sys.brevix.mkt.audio.cmd"), "-38");
-    EXPECT_EQ(fixture::read_file("/vendor/audiohal/parameters"), "0 SetCmd=/////wMAAAA=\n0 \n");
+    EXPECT_EQ(read_file("/vendor/audiohal/parameters"), "0 SetCmd=/////wMAAAA=\n0 \n");
 }
 
 TEST(AudioCommand, IsReadFromItsArgument) {
     for (const char* argument : {"12:34", "1:2:3", "5:", ":x"}) {
-        fixture::run(std::string("zq_brevix audio_cmd ") + argument);
+        run(std::string("zq_brevix audio_cmd ") + argument);
     }
-    EXPECT_THAT(fixture::read_lines("/vendor/audiohal/parameters"),
+    EXPECT_THAT(read_lines("/vendor/audiohal/parameters"),
                 ElementsAre("0 SetCmd=DAAAACIAAAA=", "0 SetCmd=AQAAAAIAAAA=",
                             "0 SetCmd=BQAAAAAAAAA=", "0 SetCmd=AAAAAAAAAAA="));
 }

@@ -1,7 +1,5 @@
 // The property observer, the upgrade check and the dispatch of the executable.
 
-#include <cutils/properties.h>
-
 #include <condition_variable>
 #include <mutex>
 
@@ -13,12 +11,6 @@ namespace {
 
 using namespace fixture;
 using namespace testing;
-
-std::string property(const char* name) {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(name, value, "(unset)");
-    return value;
-}
 
 // --- Observer ----------------------------------------------------------------------------------
 
@@ -46,14 +38,14 @@ std::vector<std::string> calls_once_there_are(size_t count) {
 
 TEST(Observer, CallsHandlersInOrderAndInTurn) {
     ZQSubscribe("test.switch", first);
-    property_set("test.switch", "true");  // is no "on"
-    property_set("test.switch", "1");
+    set_property("test.switch", "true");  // is no "on"
+    set_property("test.switch", "1");
     calls_once_there_are(1);
     ZQSubscribe("test.switch", second);           // too late for this "on"
     using step = std::pair<const char*, size_t>;  // a value, and the calls there are then
     for (const auto& [value, count] :
          {step{"0", 3}, step{"1", 5}, step{"2", 5}, step{"1", 5}, step{"0", 7}}) {
-        property_set("test.switch", value);
+        set_property("test.switch", value);
         calls_once_there_are(count);
     }
     EXPECT_THAT(
@@ -69,7 +61,7 @@ TEST(Observer, EachPointerIsASubscriptionOfItsOwn) {
     const log_lines log;
     ZQSubscribe(one, first);
     ZQSubscribe(two, first);
-    property_set(one, "1");
+    set_property(one, "1");
     EXPECT_THAT(calls_once_there_are(2), Each("first test.switch on"));
     const std::string line = "I ZQ_OBSERVER: test.switch changed to 1";
     EXPECT_THAT(log.lines(), ElementsAre(line, line));
@@ -91,16 +83,16 @@ TEST(Upgrade, MovesOldDefaultsAlone) {
         {"-3x", "2", "-3", "2", "(unset)"},
     };
     for (const auto& c : cases) {
-        property_set("persist.service.brevix.version", c.version);
-        property_set("persist.sys.apklogfs.size", c.size);
-        property_set("persist.sys.apklogfs.rotate_kbytes", "");
+        set_property("persist.service.brevix.version", c.version);
+        set_property("persist.sys.apklogfs.size", c.size);
+        set_property("persist.sys.apklogfs.rotate_kbytes", "");
         EXPECT_EQ(ZQCheckUpgrade(), 0);
         EXPECT_EQ(property("persist.service.brevix.version"), c.version_after) << c.version;
         EXPECT_EQ(property("persist.sys.apklogfs.size"), c.size_after) << c.version;
         EXPECT_EQ(property("persist.sys.apklogfs.rotate_kbytes"), c.rotate_after) << c.version;
     }
     EXPECT_EQ(property("persist.sys.kmsglogfs.rotate_kbytes"), "6000");
-    property_set("persist.service.brevix.version", "new");
+    set_property("persist.service.brevix.version", "new");
     EXPECT_THROW(ZQCheckUpgrade(), std::invalid_argument);
 }
 

@@ -4,10 +4,12 @@
 // and programs may be put where the phone has them.
 
 #include <android-base/unique_fd.h>
+#include <cutils/properties.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -16,6 +18,8 @@
 #include <sstream>
 
 namespace fixture {
+
+namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kPatience{60};
 
@@ -36,36 +40,66 @@ inline std::vector<std::string> read_lines(const std::string& path) {
 }
 
 inline void write_file(const std::string& path, const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    fs::create_directories(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;
 }
 
 // Puts a stand-in in the place of one of the device's programs.
 inline void write_program(const std::string& path, const std::string& shell_text) {
-    std::filesystem::remove(path);
+    fs::remove(path);
     write_file(path, "#!/system/bin/sh\n" + shell_text + "\n");
-    std::filesystem::permissions(path, std::filesystem::perms(0755));
+    fs::permissions(path, fs::perms(0755));
 }
 
 inline int mode_of(const std::string& path) {
-    return static_cast<int>(std::filesystem::status(path).permissions());
+    return static_cast<int>(fs::status(path).permissions());
 }
 
 inline std::vector<std::string> names_in(const std::string& dir) {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    for (const auto& entry : fs::directory_iterator(dir)) {
         names.push_back(entry.path().filename());
     }
     std::sort(names.begin(), names.end());
     return names;
 }
 
+// Another file system at this place, with `options` like "size=256k".
+inline bool mount_memory(const std::string& dir, unsigned long flags = 0,
+                         const char* options = nullptr) {
+    return mount("none", dir.c_str(), "tmpfs", flags, options) == 0;
+}
+
+inline bool set_property(const std::string& name, const std::string& value) {
+    return property_set(name.c_str(), value.c_str()) == 0;
+}
+
+inline std::string property(const std::string& name, const std::string& fallback = "(unset)") {
+    char value[PROPERTY_VALUE_MAX];
+    const int length = property_get(name.c_str(), value, fallback.c_str());
+    return {value, static_cast<size_t>(length)};
+}
+
+// --- Where events come from and go to ------------------------------------------------------------
+
 const std::string kDropbox = "/data/system/dropbox/";
+const std::string kTombstones = "/data/tombstones/";
+const std::string kCrashlog = "/data/logs/crashlog/";
+const std::string kHistory = "/data/logs/history.event";
+const std::string kNotices = "/data/brevix/queue.log";
+const std::string kTime = "20..-..-..-..-..-..";  // as an expression
+
+inline void make_event_folders() {
+    for (const char* dir :
+         {"/data/system/dropbox", "/data/tombstones", "/data/brevix", "/data/logs"}) {
+        fs::create_directories(dir);
+    }
+}
 
 // As the platform does it: another name first.
 inline void move_into_dropbox(const std::string& name, const std::string& content = "content") {
     write_file(kDropbox + "drop1.tmp", content);
-    std::filesystem::rename(kDropbox + "drop1.tmp", kDropbox + name);
+    fs::rename(kDropbox + "drop1.tmp", kDropbox + name);
 }
 
 // --- Waiting -------------------------------------------------------------------------------------
@@ -93,7 +127,7 @@ inline bool wait_until(const std::string& dir, const std::function<bool()>& cond
 }
 
 inline bool wait_for_text(const std::string& file, const std::string& text) {
-    return wait_until(std::filesystem::path(file).parent_path(),
+    return wait_until(fs::path(file).parent_path(),
                       [&] { return read_file(file).find(text) != std::string::npos; });
 }
 

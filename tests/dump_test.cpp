@@ -1,8 +1,6 @@
 // The system dump and the touch panel dump.
 
 #include <arpa/inet.h>
-#include <cutils/properties.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -15,14 +13,8 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-using testing::AllOf;
-using testing::EndsWith;
-using testing::Ge;
-using testing::HasSubstr;
-using testing::Lt;
-using testing::MatchesRegex;
-using testing::Not;
+using namespace fixture;
+using namespace testing;
 
 // --- System dump ---------------------------------------------------------------------------------
 
@@ -48,22 +40,22 @@ TEST(SystemDump, LeavesSevenFilesWithTheStateOfTheSystem) {
     };
     const std::string dir = "/data/logs/dumpsys/";
     for (const auto& [file, text] : dumps) {
-        fixture::write_file(dir + file, "of the last time");
+        write_file(dir + file, "of the last time");
     }
     const std::string request = "setprop sys.brevix.dumplog.enable 1; zq_brevix dump_info && ";
     const std::string answer = "getprop sys.brevix.dumplog.enable";
-    EXPECT_THAT(fixture::run(request + answer).output,
+    EXPECT_THAT(run(request + answer).output,
                 AllOf(HasSubstr("I ZQ_DUMPINFO: dumpinfo\n"), EndsWith("\n0\n")));
-    EXPECT_EQ(fixture::names_in(dir).size(), dumps.size());
+    EXPECT_EQ(names_in(dir).size(), dumps.size());
     for (const auto& [file, text] : dumps) {
-        EXPECT_THAT(fixture::read_file(dir + file),
+        EXPECT_THAT(read_file(dir + file),
                     AllOf(HasSubstr(text), Not(HasSubstr("of the last time"))))
             << file;
     }
 
     fs::remove_all("/data/logs");
-    fixture::write_file("/data/logs", "");  // no dump can be written
-    EXPECT_THAT(fixture::run(request + answer).output, EndsWith("\n0\n"));
+    write_file("/data/logs", "");  // no dump can be written
+    EXPECT_THAT(run(request + answer).output, EndsWith("\n0\n"));
 }
 
 // --- Touch panel dump ----------------------------------------------------------------------------
@@ -93,34 +85,33 @@ const std::string kNoTarget =
     "Error: Unable to open file: " +
     kDiffMode + "\nError: Unable to create target file: " + kOutputDir + "tp_log_.txt\n";
 
-class TouchPanel : public testing::Test {
+class TouchPanel : public Test {
   protected:
     void SetUp() override {
         fs::remove_all("/data/logs");
         fs::create_directories(kOutputDir);
-        fixture::write_file(kOwners, "");
-        fixture::write_file(kReplay, "");
-        fixture::write_file(kReplayData, "never changes");
-        fixture::write_file(kDiffMode, "");
-        fixture::write_file(kDiffData, kDiffs);
-        fixture::write_program("/system/bin/chown",
-                               "test -e /data/owners && echo $* >/data/owners");
-        fixture::write_file(kRequest, "1");
+        write_file(kOwners, "");
+        write_file(kReplay, "");
+        write_file(kReplayData, "never changes");
+        write_file(kDiffMode, "");
+        write_file(kDiffData, kDiffs);
+        write_program("/system/bin/chown", "test -e /data/owners && echo $* >/data/owners");
+        write_file(kRequest, "1");
     }
 
     // Log lines, and what goes to standard error as it is.
     static std::string dump(const char* features) {
-        property_set("ro.zq.features", features);
-        const fixture::log_lines log;
+        set_property("ro.zq.features", features);
+        const log_lines log;
         EXPECT_EQ(ZQTouchPanelDump(), 0);
         const std::regex varying("[^\n]*I ZQ_TOUCHPANEL: |20..-..-.._..-..-..");
-        return std::regex_replace(fixture::read_file(fixture::log_lines::kFile), varying, "");
+        return std::regex_replace(read_file(log_lines::kFile), varying, "");
     }
 
     static std::string output(const std::string& suffix) {
-        for (const std::string& name : fixture::names_in(kOutputDir)) {
-            if (testing::Matches(MatchesRegex("tp_log_20..-..-.._..-..-.." + suffix))(name)) {
-                return fixture::read_file(kOutputDir + name);
+        for (const std::string& name : names_in(kOutputDir)) {
+            if (Matches(MatchesRegex("tp_log_20..-..-.._..-..-.." + suffix))(name)) {
+                return read_file(kOutputDir + name);
             }
         }
         return "none";
@@ -150,12 +141,12 @@ TEST_F(TouchPanel, EveryControllerIsCapturedAsFarAsItCanBe) {
         EXPECT_EQ(dump("62,63"), kStart + c.messages + kEnd);
         const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
         EXPECT_THAT(taken.count() / 2, AllOf(Ge(c.captures), Lt(c.captures + 1)));
-        EXPECT_EQ(fixture::read_file(kReplay) + fixture::read_file(kDiffMode), c.switches);
-        EXPECT_EQ(fixture::read_file(kRequest), c.captures > 0 ? "0" : "1");
+        EXPECT_EQ(read_file(kReplay) + read_file(kDiffMode), c.switches);
+        EXPECT_EQ(read_file(kRequest), c.captures > 0 ? "0" : "1");
         fs::create_directories(kOutputDir);
         EXPECT_EQ(output(".txt"), c.text);
         EXPECT_EQ(output(".rep"), c.captures == 2 ? "" : "none");
-        EXPECT_EQ(fixture::read_file(kOwners),
+        EXPECT_EQ(read_file(kOwners),
                   c.missing.empty() ? "-R system:system /data/logs/touch_panel/\n" : "");
     }
 }
@@ -166,12 +157,12 @@ TEST_F(TouchPanel, EveryChangeOfTheNodeIsASnapshot) {
     fs::create_symlink("/proc/self/mounts", kReplayData);
     std::string expected;
     std::thread driver([&] {
-        fixture::wait_until(kGoodix, [] { return fixture::read_file(kReplay) == "1"; });
+        wait_until(kGoodix, [] { return read_file(kReplay) == "1"; });
         for (const char* place : {"/m0", "/m1", "/m2"}) {
             fs::create_directory(place);
-            EXPECT_EQ(mount("none", place, "tmpfs", 0, nullptr), 0);
-            expected += fixture::read_file("/proc/self/mounts").substr(0, 2500);
-            fixture::wait_until(kOutputDir, [&] { return output(".rep") == expected; });
+            EXPECT_TRUE(mount_memory(place));
+            expected += read_file("/proc/self/mounts").substr(0, 2500);
+            wait_until(kOutputDir, [&] { return output(".rep") == expected; });
         }
     });
     EXPECT_THAT(dump("62"), HasSubstr(kTimeIsOver));
@@ -181,7 +172,7 @@ TEST_F(TouchPanel, EveryChangeOfTheNodeIsASnapshot) {
 
 TEST_F(TouchPanel, WithoutAControllerNothingIsTouched) {
     EXPECT_EQ(dump("6,2,620"), kStart + kEnd);
-    EXPECT_EQ(fixture::read_file(kReplay) + fixture::read_file(kDiffMode), "");
+    EXPECT_EQ(read_file(kReplay) + read_file(kDiffMode), "");
 }
 
 TEST_F(TouchPanel, AnInterruptedPollEndsTheCaptureAsUsual) {
@@ -189,7 +180,7 @@ TEST_F(TouchPanel, AnInterruptedPollEndsTheCaptureAsUsual) {
     const itimerval often{{0, 20000}, {0, 20000}};
     setitimer(ITIMER_REAL, &often, nullptr);
     EXPECT_EQ(dump("62"), kStart + "TouchPanel polling!! break poll\n" + kHandOver + kEnd);
-    EXPECT_EQ(fixture::read_file(kReplay) + fixture::read_file(kRequest), "00");
+    EXPECT_EQ(read_file(kReplay) + read_file(kRequest), "00");
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include <cutils/properties.h>
-#include <sys/mount.h>
 
 #include "tests/device_fixture.h"
 #include "utils/util.h"
@@ -14,15 +12,10 @@ extern "C" time_t __wrap_time(time_t* out) {
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace fixture;
 using namespace testing;
 
-const std::string kCrashlog = "/data/logs/crashlog/";
 const std::string kStaging = "/data/brevix/eventTemp/";
-const std::string kHistory = "/data/logs/history.event";
-const std::string kNotices = "/data/brevix/queue.log";
-const std::string kTime = "20..-..-..-..-..-..";
 
 const tm kSomeTime = [] {
     tm time{};
@@ -33,9 +26,7 @@ const tm kSomeTime = [] {
 class Events : public Test {
   protected:
     void SetUp() override {
-        for (const char* dir : {"system/dropbox", "tombstones", "brevix", "logs"}) {
-            fs::create_directories(std::string("/data/") + dir);
-        }
+        make_event_folders();
         event_num_limit = 10;
     }
 };
@@ -209,7 +200,7 @@ TEST_F(Events, WhatFailsIsSaidAndTheRestGoesOn) {
 
     event_num_limit = 1;
     const std::string folder = kCrashlog + names_in(kCrashlog).at(0);
-    ASSERT_EQ(mount("none", folder.c_str(), "tmpfs", 0, nullptr), 0);
+    ASSERT_TRUE(mount_memory(folder));
     EXPECT_EQ(collect(0, 1, "gone_anr"), collect_result::done);
     EXPECT_EQ(log.lines().back(), "E ZQ_EVENT_LOG: remove old file failed!");
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));
@@ -219,10 +210,10 @@ TEST_F(Events, WhatFailsIsSaidAndTheRestGoesOn) {
 
 TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     write_file("/data/config/console-ramoops-0-tmp", "panic");
-    property_set("ro.boot.panicmode", "1");
-    property_set("ro.product.name", "board");
-    property_set("ro.debuggable", "1");
-    property_set("persist.service.brevix.ev.num", "12");
+    set_property("ro.boot.panicmode", "1");
+    set_property("ro.product.name", "board");
+    set_property("ro.debuggable", "1");
+    set_property("persist.service.brevix.ev.num", "12");
     fs::create_directories("/data/e");
     // Its observer threads have no end but that of their process.
     const pid_t pid = fork();
@@ -231,7 +222,7 @@ TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
         write_history_event("CRASH", "ANR", "/data/e", "", kSomeTime);
         _exit(result == 0 && event_num_limit == 12 ? 0 : 1);
     }
-    EXPECT_EQ(fixture::wait_status(pid), 0);
+    EXPECT_EQ(wait_status(pid), 0);
     EXPECT_FALSE(fs::exists("/data/config/console-ramoops-0-tmp"));
     EXPECT_THAT(names_in("/data/logs"),
                 ElementsAre(MatchesRegex("console-ramoops-0-" + kTime), "history.event"));

@@ -1,5 +1,3 @@
-#include <cutils/properties.h>
-#include <sys/mount.h>
 
 #include "tests/device_fixture.h"
 #include "utils/util.h"
@@ -7,15 +5,10 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace fixture;
 using namespace testing;
 
 const std::string kGeneral = "/data/logs/general_log";
-
-void set(const std::string& name, const std::string& value) {
-    property_set(name.c_str(), value.c_str());
-}
 
 class GeneralLog : public Test {
   protected:
@@ -45,7 +38,8 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
     for (const auto& c : cases) {
         fs::remove("/data/commands");
         for (const std::string& property : c.properties) {
-            set(property.substr(0, property.find('=')), property.substr(property.find('=') + 1));
+            set_property(property.substr(0, property.find('=')),
+                         property.substr(property.find('=') + 1));
         }
         const log_lines log;
         capturing(nullptr, true);
@@ -79,13 +73,13 @@ TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
 
     const std::string oldest = kGeneral + "/ZQLog_0_t";
     fs::create_directories(oldest);
-    set("persist.service.brevix.gl.num", "1");
-    ASSERT_EQ(mount("none", oldest.c_str(), "tmpfs", 0, nullptr), 0);
+    set_property("persist.service.brevix.gl.num", "1");
+    ASSERT_TRUE(mount_memory(oldest));
     EXPECT_EQ(last_line(), "E ZQ_GENERAL_LOG: remove old file failed!");
     umount(oldest.c_str());
 
-    set("persist.service.brevix.gl.num", "3");
-    ASSERT_EQ(mount("none", kGeneral.c_str(), "tmpfs", MS_RDONLY, nullptr), 0);
+    set_property("persist.service.brevix.gl.num", "3");
+    ASSERT_TRUE(mount_memory(kGeneral, MS_RDONLY));
     EXPECT_EQ(last_line(), "E ZQ_GENERAL_LOG: create new general log dir failed!");
 }
 
@@ -103,7 +97,9 @@ TEST_F(GeneralLog, TenCapturesAreKept) {
 
 class Daemon : public GeneralLog {
   protected:
-    static void set_switch(bool on) { set("persist.service.start.capture", on ? "1" : "0"); }
+    static void set_switch(bool on) {
+        set_property("persist.service.start.capture", on ? "1" : "0");
+    }
 
     // Until the daemon's last word on the switch is this one and, after an "on", the last channel
     // started.
@@ -167,8 +163,8 @@ TEST_F(Daemon, WithoutLogcatNothingIsLeftRunning) {
 
 TEST_F(GeneralLog, ANumberThatIsNoneEndsTheDaemon) {
     const log_lines log;
-    set("persist.service.brevix.gl.num", "ten");
-    set("persist.service.start.capture", "1");
+    set_property("persist.service.brevix.gl.num", "ten");
+    set_property("persist.service.start.capture", "1");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
 }
 

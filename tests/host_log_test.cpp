@@ -2,7 +2,6 @@
 
 #include <android-base/logging.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -58,14 +57,14 @@ class follower {
 
 TEST(Log, LinesGoToStandardErrorAndToTheStore) {
     const log_lines standard_error;
-    std::filesystem::create_directory(kMain);  // a store that cannot be written
+    fs::create_directory(kMain);  // a store that cannot be written
     errno = ENOTTY;
     LOG(VERBOSE) << "left out";
     LOG(DEBUG) << "one\ntwo";
     LOG(WARNING) << errno;
     EXPECT_EQ(errno, ENOTTY);
-    std::filesystem::remove(kMain);
-    std::filesystem::create_directory("/tmp");  // of EXPECT_EXIT
+    fs::remove(kMain);
+    fs::create_directory("/tmp");  // of EXPECT_EXIT
     EXPECT_EXIT(LOG(FATAL) << "bye", KilledBySignal(SIGABRT), "F HOST_LOG: bye");
     std::thread([] { LOG(ERROR) << "stored"; }).join();
     const std::string prefix = "[0-9-]+ [0-9:.]+ +" + std::to_string(getpid()) + " +";
@@ -111,7 +110,7 @@ TEST(LogStore, AFollowerLosesNothingOfManyWriters) {
         writer.join();
     }
     uintmax_t bytes = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(kLogFolder)) {
+    for (const auto& entry : fs::directory_iterator(kLogFolder)) {
         bytes += entry.file_size();
     }
     EXPECT_LE(bytes, 2U * kLogSegmentBytes);
@@ -122,7 +121,7 @@ TEST(LogStore, AFollowerLosesNothingOfManyWriters) {
 
 TEST(LogStore, AnEntryTakenBackHalfwayIsNeverSeen) {
     append(LOG_ID_MAIN, "one");
-    const auto size = std::filesystem::file_size(kMain);
+    const auto size = fs::file_size(kMain);
     const int stopped_writer = open(kMain, O_RDWR | O_CLOEXEC);
     ASSERT_EQ(flock(stopped_writer, LOCK_EX), 0);
     follower reader;
@@ -135,10 +134,10 @@ TEST(LogStore, AnEntryTakenBackHalfwayIsNeverSeen) {
     EXPECT_THAT(reader.read_all(), ElementsAre("three"));
 
     signal(SIGXFSZ, SIG_IGN);
-    const rlimit no_room{std::filesystem::file_size(kMain) + 10, RLIM_INFINITY};
+    const rlimit no_room{fs::file_size(kMain) + 10, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &no_room);
     EXPECT_NE(append(LOG_ID_MAIN, "four"), 0);
-    EXPECT_EQ(std::filesystem::file_size(kMain), no_room.rlim_cur - 10);
+    EXPECT_EQ(fs::file_size(kMain), no_room.rlim_cur - 10);
 }
 
 TEST(LogStore, SoundEntriesAreFoundBetweenDamage) {
@@ -248,14 +247,14 @@ TEST(Programs, LogcatRotatesItsFile) {
     }
     write_file("/data/log", std::string(199, '-') + "\n");
     write_file("/data/log.10", "goes");
-    std::filesystem::create_directory("/data/2");
+    fs::create_directory("/data/2");
     run("logcat -d -v raw -f /data/log -r 1 -n 10");
     run("logcat -d -v raw -f /data/2/log -r 1 -n 2");
     EXPECT_THAT(names_in("/data"),
                 ElementsAre("2", "log", "log.01", "log.02", "log.03", "log.04", "log.05", "log.06",
                             "log.07", "log.08", "log.09", "log.10", "output"));
-    EXPECT_EQ(std::filesystem::file_size("/data/log.10"), 200 + strlen(kDivider) + 8 * 100);
-    EXPECT_EQ(std::filesystem::file_size("/data/log.01"), 1100U);
+    EXPECT_EQ(fs::file_size("/data/log.10"), 200 + strlen(kDivider) + 8 * 100);
+    EXPECT_EQ(fs::file_size("/data/log.01"), 1100U);
     EXPECT_THAT(read_file("/data/log"), StartsWith("1107."));
     EXPECT_EQ(mode_of("/data/log"), 0640U & ~022U);
     EXPECT_THAT(names_in("/data/2"), ElementsAre("log", "log.1", "log.2"));
@@ -290,7 +289,7 @@ TEST(Programs, LogcatWritesEverythingBeforeItEnds) {
         }
     });
     for (int round = 0; round < 10; ++round) {
-        std::filesystem::remove("/data/log");
+        fs::remove("/data/log");
         std::vector<std::string> sent;
         const auto send = [&](int count) {
             for (int i = 0; i < count; ++i) {

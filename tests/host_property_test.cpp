@@ -1,5 +1,4 @@
 #include <android-base/properties.h>
-#include <cutils/properties.h>
 #include <sys/resource.h>
 
 #include <thread>
@@ -21,28 +20,18 @@ using std::chrono::steady_clock;
 
 const std::string kFolder = "/dev/__properties__/";
 
-std::string get(const std::string& name, const std::string& fallback = "unset") {
-    char value[PROPERTY_VALUE_MAX];
-    const int length = property_get(name.c_str(), value, fallback.c_str());
-    return {value, static_cast<size_t>(length)};
-}
-
-bool set(const std::string& name, const std::string& value) {
-    return property_set(name.c_str(), value.c_str()) == 0;
-}
-
 TEST(Property, OneFileHoldsOneValue) {
     const std::string cut(91, 'x');
     write_file(kFolder + "long", cut + "more");
-    EXPECT_EQ(get("long"), cut);
-    EXPECT_EQ(get("none", cut + "more"), cut);
-    std::filesystem::create_directory(kFolder + "folder");
-    EXPECT_EQ(get("folder"), "unset");
-    EXPECT_EQ(get("../self/comm"), "unset");
+    EXPECT_EQ(property("long"), cut);
+    EXPECT_EQ(property("none", cut + "more"), cut);
+    fs::create_directory(kFolder + "folder");
+    EXPECT_EQ(property("folder"), "(unset)");
+    EXPECT_EQ(property("../self/comm"), "(unset)");
     run("setprop a 'one two'; setprop empty ''");
     EXPECT_EQ(read_file(kFolder + "a"), "one two");
-    std::filesystem::remove_all(kFolder + "folder");
-    std::filesystem::remove(kFolder + "long");
+    fs::remove_all(kFolder + "folder");
+    fs::remove(kFolder + "long");
     EXPECT_EQ(run("setprop b 2; getprop; getprop b x; getprop empty x").output,
               "[a]: [one two]\n[b]: [2]\n2\nx\n");
     for (const char* bad : {"setprop .a 1", "setprop a", "getprop a b c"}) {
@@ -54,17 +43,17 @@ TEST(Property, OneFileHoldsOneValue) {
 
 TEST(Property, AWriteThatFailsLeavesNothing) {
     for (const char* name : {"", ".a", "a.", ".", "..", "a/b", "a b", "a\n", "\xc3\xa4", "a="}) {
-        EXPECT_FALSE(set(name, "1")) << name;
+        EXPECT_FALSE(set_property(name, "1")) << name;
     }
-    EXPECT_FALSE(set("n", std::string(92, 'x')));
-    EXPECT_FALSE(set(std::string(256, 'n'), "1")) << "longer than a file name can be";
+    EXPECT_FALSE(set_property("n", std::string(92, 'x')));
+    EXPECT_FALSE(set_property(std::string(256, 'n'), "1")) << "longer than a file name can be";
     signal(SIGXFSZ, SIG_IGN);
     const rlimit no_room{4, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &no_room);
-    EXPECT_FALSE(set("cut", "12345"));
+    EXPECT_FALSE(set_property("cut", "12345"));
     EXPECT_THAT(names_in(kFolder), IsEmpty());
-    EXPECT_TRUE(set("Az09._@:-x", "1"));
-    EXPECT_TRUE(set(std::string(255, 'n'), "1234"));
+    EXPECT_TRUE(set_property("Az09._@:-x", "1"));
+    EXPECT_TRUE(set_property(std::string(255, 'n'), "1234"));
 }
 
 TEST(Property, WritersAtOnceLeaveWholeValues) {
@@ -72,9 +61,9 @@ TEST(Property, WritersAtOnceLeaveWholeValues) {
     std::atomic<int> first_writes = 0;
     const auto write = [&](char letter) {
         for (int i = 0; i < kRounds; ++i) {
-            first_writes += set("ro." + std::to_string(i), {letter}) ? 1 : 0;
-            EXPECT_TRUE(set("p", std::string(91, letter)));
-            const std::string value = get("p");
+            first_writes += set_property("ro." + std::to_string(i), {letter}) ? 1 : 0;
+            EXPECT_TRUE(set_property("p", std::string(91, letter)));
+            const std::string value = property("p");
             EXPECT_EQ(value, std::string(91, value[0]));
         }
     };
@@ -92,7 +81,7 @@ TEST(PropertyWait, EndsWithTheValueFromAnyProcess) {
     ASSERT_FALSE(WaitForProperty("w", "2", milliseconds(0)));
     const pid_t pid = fork();
     if (pid == 0) {
-        set("ready", "1");
+        set_property("ready", "1");
         _exit(WaitForProperty("w", "2", kPatience) ? 0 : 1);
     }
     ASSERT_TRUE(WaitForProperty("ready", "1", kPatience));
@@ -123,7 +112,7 @@ TEST(PropertyWait, TimesOutWithoutBusyWaiting) {
     std::thread endless(wait, "w", milliseconds::max());
     wait("none", kSpan);
     EXPECT_GE(steady_clock::now() - begin, kSpan);
-    set("w", "1");
+    set_property("w", "1");
     endless.join();
 }
 
@@ -137,11 +126,11 @@ TEST(PropertyWait, LosesNoChange) {
             const auto end = steady_clock::now() + std::chrono::nanoseconds(turn * 50);
             while (steady_clock::now() < end) {
             }
-            set("answer", std::to_string(turn));
+            set_property("answer", std::to_string(turn));
         }
     });
     for (int turn = 0; turn < kTurns; ++turn) {
-        set("question", std::to_string(turn));
+        set_property("question", std::to_string(turn));
         ASSERT_TRUE(WaitForProperty("answer", std::to_string(turn), kPatience)) << turn;
     }
     answers.join();
@@ -154,7 +143,7 @@ TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
         handled.notify_all();
     });
     std::thread waiting([] {
-        set("waiting", "1");
+        set_property("waiting", "1");
         EXPECT_TRUE(WaitForProperty("w", "1"));
     });
     ASSERT_TRUE(WaitForProperty("waiting", "1", kPatience));
@@ -163,7 +152,7 @@ TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
         pthread_kill(waiting.native_handle(), SIGUSR1);
         handled.wait(before);
     }
-    set("w", "1");
+    set_property("w", "1");
     waiting.join();
     EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
 }

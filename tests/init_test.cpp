@@ -8,12 +8,8 @@
 
 namespace {
 
-using fixture::outcome;
-using fixture::run;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using namespace fixture;
+using namespace testing;
 
 // --- Language ------------------------------------------------------------------------------------
 
@@ -91,8 +87,8 @@ TEST(Language, RefusesWhatItDoesNotKnow) {
 // Boots with `text` as the only script, runs a shell script on the console, and ends with its
 // status.
 outcome boot(const std::string& text, const std::string& command) {
-    fixture::write_file("/data/test.rc", text);
-    fixture::write_file("/data/command", command);
+    write_file("/data/test.rc", text);
+    write_file("/data/command", command);
     return run("init -f /data/test.rc sh /data/command");
 }
 
@@ -100,7 +96,7 @@ TEST(Init, StartsNothingWhenALineIsWrong) {
     const outcome refused = boot("on init\n  mkdir /data/made 0755 root root\n  fly\n", "");
     EXPECT_EQ(refused.exit_status, 1);
     EXPECT_EQ(refused.output, "/data/test.rc:3: unknown command 'fly'\n");
-    EXPECT_FALSE(std::filesystem::exists("/data/made"));
+    EXPECT_FALSE(fs::exists("/data/made"));
 }
 
 TEST(Init, BootsInOrderAndGoesOnAfterACommandThatFails) {
@@ -112,15 +108,15 @@ TEST(Init, BootsInOrderAndGoesOnAfterACommandThatFails) {
         "on boot && property:test.order=first\n  setprop test.condition wrong\n",
         "getprop test.order; getprop test.condition; logcat -d | grep ' E init'; exit 9");
     EXPECT_EQ(ended.exit_status, 9);
-    EXPECT_THAT(ended.output, AllOf(testing::StartsWith("third\nwrong\n"),
+    EXPECT_THAT(ended.output, AllOf(StartsWith("third\nwrong\n"),
                                     HasSubstr("/data/test.rc:6: mkdir /data/none/x 0755 root root: "
                                               "No such file or directory")));
-    EXPECT_EQ(fixture::mode_of("/data"), 0710);
+    EXPECT_EQ(mode_of("/data"), 0710);
 }
 
 TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
-    fixture::write_program("/system/bin/note", "echo \"$1\" >>/data/notes");
-    fixture::write_file("/dev/__properties__/test.early", "1");
+    write_program("/system/bin/note", "echo \"$1\" >>/data/notes");
+    write_file("/dev/__properties__/test.early", "1");
     const outcome ended = boot(
         "service early /system/bin/note early\n  disabled\n  oneshot\n"
         "service both /system/bin/note both\n  disabled\n  oneshot\n"
@@ -132,12 +128,11 @@ TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
         "setprop test.both 0; setprop test.b x\n"  // once more the same
         "waitprop test.both 1 30 && echo again\n");
     EXPECT_EQ(ended.output, "again\n");
-    EXPECT_THAT(fixture::read_lines("/data/notes"),
-                AllOf(testing::Contains("early").Times(1), testing::Contains("both")));
+    EXPECT_THAT(read_lines("/data/notes"), AllOf(Contains("early").Times(1), Contains("both")));
 }
 
 TEST(Init, StopEndsTheWholeGroupAndForGood) {
-    fixture::write_program("/system/bin/parent", "sleep 1000 & sleep 1000");
+    write_program("/system/bin/parent", "sleep 1000 & sleep 1000");
     const outcome ended = boot(
         "service s /system/bin/parent\n"
         "on init\n  class_start default\n"
@@ -145,49 +140,47 @@ TEST(Init, StopEndsTheWholeGroupAndForGood) {
         "waitprop init.svc.s running 30; setprop test.end 1\n"
         "waitprop init.svc.s stopped 30 && echo stopped\n");
     EXPECT_EQ(ended.output, "stopped\n");
-    EXPECT_THAT(fixture::processes_named("sleep"), IsEmpty());
+    EXPECT_THAT(processes_named("sleep"), IsEmpty());
 }
 
 TEST(Init, EndsServicesAndOrphansOnASignal) {
-    fixture::write_program("/system/bin/parent",
-                           "trap 'echo ended >/data/ended; exit' TERM; sleep 1000 & wait");
-    fixture::write_file("/data/test.rc",
-                        "service s /system/bin/parent\non init\n  class_start default\n");
-    const pid_t init = fixture::start("exec init -f /data/test.rc");
+    write_program("/system/bin/parent",
+                  "trap 'echo ended >/data/ended; exit' TERM; sleep 1000 & wait");
+    write_file("/data/test.rc", "service s /system/bin/parent\non init\n  class_start default\n");
+    const pid_t init = start("exec init -f /data/test.rc");
     ASSERT_EQ(run("waitprop init.svc.s running 30").exit_status, 0);
-    ASSERT_TRUE(fixture::wait_until("/dev/__properties__",
-                                    [] { return !fixture::processes_named("sleep").empty(); }));
+    ASSERT_TRUE(
+        wait_until("/dev/__properties__", [] { return !processes_named("sleep").empty(); }));
     kill(init, SIGTERM);
-    EXPECT_EQ(WEXITSTATUS(fixture::wait_status(init)), 128 + SIGTERM);
-    EXPECT_EQ(fixture::read_file("/data/ended"), "ended\n");
-    EXPECT_THAT(fixture::processes_named("sleep"), IsEmpty());
+    EXPECT_EQ(WEXITSTATUS(wait_status(init)), 128 + SIGTERM);
+    EXPECT_EQ(read_file("/data/ended"), "ended\n");
+    EXPECT_THAT(processes_named("sleep"), IsEmpty());
 }
 
 // --- The phone's own service file ----------------------------------------------------------------
 
 TEST(ServiceFile, AKilledDaemonComesBackAndGoesOnWithTheNextCount) {
     const std::string dir = "/data/logs/general_log";
-    fixture::write_file("/dev/__properties__/persist.service.start.capture", "1");
-    fixture::start("exec init");
+    write_file("/dev/__properties__/persist.service.start.capture", "1");
+    start("exec init");
     // Each file of a capture is a logcat's, which is no copy of the daemon any more then.
     const auto there_is = [&](size_t index, const char* prefix, size_t files) {
-        return fixture::wait_until("/dev/log", [&] {
-            const auto names =
-                std::filesystem::exists(dir) ? fixture::names_in(dir) : std::vector<std::string>();
+        return wait_until("/dev/log", [&] {
+            const auto names = fs::exists(dir) ? names_in(dir) : std::vector<std::string>();
             return names.size() == index + 1 && names[index].starts_with(prefix) &&
-                   fixture::names_in(dir + "/" + names[index]).size() >= files;
+                   names_in(dir + "/" + names[index]).size() >= files;
         });
     };
     ASSERT_TRUE(there_is(0, "ZQLog_0_", 4));
-    const std::vector<pid_t> daemons = fixture::processes_named("zq_brevix");
+    const std::vector<pid_t> daemons = processes_named("zq_brevix");
     ASSERT_EQ(daemons.size(), 1U);
-    const std::vector<pid_t> children = fixture::processes_named("logcat");
+    const std::vector<pid_t> children = processes_named("logcat");
     const auto killed = std::chrono::steady_clock::now();
     kill(daemons[0], SIGKILL);
     ASSERT_TRUE(there_is(1, "ZQLog_1_", 0));
     EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(6));
     for (const pid_t old : children) {
-        EXPECT_TRUE(fixture::wait_for_end(old));
+        EXPECT_TRUE(wait_for_end(old));
     }
 }
 
@@ -195,26 +188,26 @@ TEST(ServiceFile, TheDaemonIsSystemAndReadsWhatIsSystems) {
     if (!init::has_users()) {
         GTEST_SKIP() << "this user namespace has one user alone";
     }
-    fixture::write_file("/dev/__properties__/persist.service.event.detect", "1");
-    fixture::write_file("/dev/__properties__/persist.service.crashlog.enable", "1");
-    fixture::start("exec init");
-    ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
-    ASSERT_TRUE(fixture::wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
-    const pid_t daemon = fixture::processes_named("zq_brevix").at(0);
-    EXPECT_THAT(fixture::read_file("/proc/" + std::to_string(daemon) + "/status"),
+    write_file("/dev/__properties__/persist.service.event.detect", "1");
+    write_file("/dev/__properties__/persist.service.crashlog.enable", "1");
+    start("exec init");
+    ASSERT_TRUE(wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
+    ASSERT_TRUE(wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
+    const pid_t daemon = processes_named("zq_brevix").at(0);
+    EXPECT_THAT(read_file("/proc/" + std::to_string(daemon) + "/status"),
                 AllOf(HasSubstr("Uid:\t1000\t1000\t1000\t1000\n"), HasSubstr("Groups:\t1007 \n"),
                       HasSubstr("CapBnd:\t0000000000000000\n")));
     const std::string dropbox_file = run("crash anr").output;
-    EXPECT_EQ(fixture::mode_of(dropbox_file.substr(0, dropbox_file.size() - 1)), 0600);
+    EXPECT_EQ(mode_of(dropbox_file.substr(0, dropbox_file.size() - 1)), 0600);
     ASSERT_EQ(run("crash tombstone").exit_status, 0);
-    ASSERT_TRUE(fixture::wait_until(
-        "/data/brevix", [] { return fixture::read_lines("/data/brevix/queue.log").size() == 2; }));
+    ASSERT_TRUE(wait_until("/data/brevix",
+                           [] { return read_lines("/data/brevix/queue.log").size() == 2; }));
     struct stat folder {};
-    for (const std::string& name : fixture::names_in("/data/logs/crashlog")) {
+    for (const std::string& name : names_in("/data/logs/crashlog")) {
         const std::string path = "/data/logs/crashlog/" + name;
         EXPECT_EQ(stat(path.c_str(), &folder), 0);
         EXPECT_EQ(folder.st_uid, 1000U) << name;
-        EXPECT_EQ(fixture::names_in(path).size(), 2U) << name;  // the report and the copy
+        EXPECT_EQ(names_in(path).size(), 2U) << name;  // the report and the copy
     }
 }
 
@@ -222,7 +215,7 @@ TEST(Launch, AServiceHasTheCapabilitiesItNamesAlone) {
     if (!init::has_users()) {
         GTEST_SKIP() << "this user namespace has one user alone";
     }
-    fixture::write_program("/system/bin/show", "cat /proc/self/status >$1; umask >>$1");
+    write_program("/system/bin/show", "cat /proc/self/status >$1; umask >>$1");
     const outcome ended = boot(
         "service s /system/bin/show /tmp/s\n  user shell\n  group log\n  capabilities NET_RAW\n"
         "  oneshot\n"
@@ -230,11 +223,11 @@ TEST(Launch, AServiceHasTheCapabilitiesItNamesAlone) {
         "on init\n  mkdir /tmp 0777 root root\n  class_start default\n",
         "waitprop init.svc.s stopped 30 && waitprop init.svc.r stopped 30");
     EXPECT_EQ(ended.exit_status, 0);
-    EXPECT_THAT(fixture::read_file("/tmp/s"),
+    EXPECT_THAT(read_file("/tmp/s"),
                 AllOf(HasSubstr("Uid:\t2000"), HasSubstr("Gid:\t1007"),
                       HasSubstr("CapEff:\t0000000000002000"),
-                      HasSubstr("CapBnd:\t0000000000002000"), testing::EndsWith("\n077\n")));
-    EXPECT_THAT(fixture::read_file("/tmp/r"),
+                      HasSubstr("CapBnd:\t0000000000002000"), EndsWith("\n077\n")));
+    EXPECT_THAT(read_file("/tmp/r"),
                 AllOf(HasSubstr("Uid:\t0"), HasSubstr("CapEff:\t0000000000000001")));
 }
 

@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <cutils/properties.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -27,14 +26,8 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 
 namespace {
 
-namespace fs = std::filesystem;
-using testing::AllOf;
-using testing::ContainsRegex;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
-using testing::Not;
+using namespace fixture;
+using namespace testing;
 
 constexpr char kSwitch[] = "sys.tcpdump";
 constexpr char kOutput[] = "/data/output";
@@ -71,15 +64,15 @@ TEST(CaptureCommand, IsMadeOfTheProperties) {
 // Whatever else runs in the device, zombies included.
 std::vector<std::string> other_processes() {
     std::vector<std::string> names;
-    for (const std::string& pid : fixture::names_in("/proc")) {
+    for (const std::string& pid : names_in("/proc")) {
         if (isdigit(pid[0]) != 0 && pid != "1" && pid != std::to_string(getpid())) {
-            names.push_back(pid + " " + fixture::read_file("/proc/" + pid + "/comm"));
+            names.push_back(pid + " " + read_file("/proc/" + pid + "/comm"));
         }
     }
     return names;
 }
 
-class Capture : public testing::Test {
+class Capture : public Test {
   protected:
     void SetUp() override {
         fs::create_directories("/data/tcpdump");
@@ -87,25 +80,25 @@ class Capture : public testing::Test {
     }
 
     void start() {
-        property_set(kSwitch, "0");
+        set_property(kSwitch, "0");
         fs::remove(kOutput);
         tool_ = fixture::start("exec zq_brevix tcpdump >/data/output 2>&1");
-        property_set(kSwitch, "1");
-        ASSERT_TRUE(fixture::wait_for_text(kOutput, "start recording"));
+        set_property(kSwitch, "1");
+        ASSERT_TRUE(wait_for_text(kOutput, "start recording"));
     }
 
     void start_and_wait(const std::string& tcpdump) {
         fs::remove("/data/started");
-        fixture::write_program("/system/bin/tcpdump", tcpdump);
+        write_program("/system/bin/tcpdump", tcpdump);
         start();
-        ASSERT_TRUE(fixture::wait_until("/data", [] { return fs::exists("/data/started"); }));
+        ASSERT_TRUE(wait_until("/data", [] { return fs::exists("/data/started"); }));
     }
 
     void stop() {
-        property_set(kSwitch, "0");
-        EXPECT_EQ(fixture::wait_status(tool_), 0);
+        set_property(kSwitch, "0");
+        EXPECT_EQ(wait_status(tool_), 0);
         EXPECT_THAT(other_processes(), IsEmpty());
-        EXPECT_THAT(fixture::read_file(kOutput), ContainsRegex("start rec.*stop rec.*exit\n"));
+        EXPECT_THAT(read_file(kOutput), ContainsRegex("start rec.*stop rec.*exit\n"));
     }
 
     pid_t tool_ = -1;
@@ -130,8 +123,8 @@ TEST_F(Capture, LeavesReadablePacketsAndNoProcess) {
     // tcpdump writes what it has in blocks: the first one in the file shows that it is at work, the
     // rest of what was sent until then is what a kill would lose.
     std::string file;
-    ASSERT_TRUE(fixture::wait_until("/data/tcpdump", [&] {
-        for (const std::string& name : fixture::names_in("/data/tcpdump")) {
+    ASSERT_TRUE(wait_until("/data/tcpdump", [&] {
+        for (const std::string& name : names_in("/data/tcpdump")) {
             file = "/data/tcpdump/" + name;
             send_packets(100);
         }
@@ -139,15 +132,15 @@ TEST_F(Capture, LeavesReadablePacketsAndNoProcess) {
     }));
     EXPECT_THAT(file, MatchesRegex("/data/tcpdump/20..\\...\\...\\...:..:..\\.pcap0"));
     stop();
-    EXPECT_EQ(fixture::mode_of(file), 0666);
-    EXPECT_THAT(fixture::run("tcpdump -n -r " + file).output,
+    EXPECT_EQ(mode_of(file), 0666);
+    EXPECT_THAT(run("tcpdump -n -r " + file).output,
                 AllOf(HasSubstr("snapshot length 128"),
                       HasSubstr("127.0.0.1.4242: UDP, length 1000"), Not(HasSubstr("truncated"))));
 }
 
 TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
     const std::string endless = "echo >/data/started; exec sleep 1000";
-    fixture::write_program("/system/bin/tcpdump", endless);
+    write_program("/system/bin/tcpdump", endless);
     for (int i = 0; i < 20 && !HasFailure(); ++i) {
         start();
         stop();
@@ -168,26 +161,26 @@ TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTime) {
     EXPECT_TRUE(fs::remove("/data/flushed"));
     start_and_wait(kEndsInItsOwnTime);
     kill(tool_, SIGTERM);
-    EXPECT_EQ(fixture::wait_status(tool_), SIGTERM);
+    EXPECT_EQ(wait_status(tool_), SIGTERM);
     EXPECT_TRUE(fs::remove("/data/flushed"));
     EXPECT_THAT(other_processes(), IsEmpty());
 }
 
 TEST_F(Capture, WithoutAThreadTheStopStillComes) {
-    fixture::write_file("/data/tcpdump/old.pcap", "");
+    write_file("/data/tcpdump/old.pcap", "");
     thread_fails = true;
-    property_set(kSwitch, "1");
-    const fixture::log_lines log;
+    set_property(kSwitch, "1");
+    const log_lines log;
     std::thread app([] {
-        EXPECT_TRUE(fixture::wait_for_text(fixture::log_lines::kFile, "thread create fail"));
-        property_set(kSwitch, "0");
+        EXPECT_TRUE(wait_for_text(log_lines::kFile, "thread create fail"));
+        set_property(kSwitch, "0");
     });
     EXPECT_EQ(ZQTCPDumpDetect(), 0);
     app.join();
     EXPECT_THAT(log.lines(),
                 ElementsAre("I ZQ_TCPDUMP: start recording", "E ZQ_TCPDUMP: thread create fail",
                             "I ZQ_TCPDUMP: stop recording"));
-    EXPECT_EQ(fixture::mode_of("/data/tcpdump/old.pcap"), 0666);
+    EXPECT_EQ(mode_of("/data/tcpdump/old.pcap"), 0666);
 }
 
 }  // namespace

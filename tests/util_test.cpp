@@ -1,13 +1,9 @@
 #include "utils/util.h"
 
-#include <cutils/properties.h>
-#include <sys/mount.h>
-
 #include "tests/device_fixture.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace fixture;
 using namespace testing;
 
@@ -120,7 +116,7 @@ TEST(Retention, RemovesBelowTheCountKeptAndMalformedNames) {
 
 TEST(Retention, AFailedRemovalEndsTheWalk) {
     make_dirs("/data/r/", {"ZQLog_0_a"});
-    ASSERT_EQ(mount("none", "/data/r/ZQLog_0_a", "tmpfs", 0, nullptr), 0);
+    ASSERT_TRUE(mount_memory("/data/r/ZQLog_0_a"));
     EXPECT_TRUE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false));
     EXPECT_EQ(ZQRemoveFile("/data/r/ZQLog_0_a"), -1);
     EXPECT_EQ(ZQRemoveFile("/data/none"), 0);
@@ -134,7 +130,7 @@ TEST(Retention, CompressPacksWhatIsKept) {
     EXPECT_EQ(mode_of("/data/r/ZQLog_3_t.tar.gz"), 0777);
     fs::create_directories("/data/out");
     // Toybox's tar may end a moment before the gzip that it writes through.
-    EXPECT_TRUE(fixture::wait_until("/data/r", [] {
+    EXPECT_TRUE(wait_until("/data/r", [] {
         run_shell("tar -xzf /data/r/ZQLog_3_t.tar.gz -C /data/out 2>/dev/null");
         return read_file("/data/out/file") == "content";
     }));
@@ -182,7 +178,7 @@ TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
         }
         write_file(base + "unrelated", "");
         fs::remove("/dev/__properties__/ro.boot.aging.build");
-        property_set("ro.boot.aging.build", c.aging_build);
+        set_property("ro.boot.aging.build", c.aging_build);
         EXPECT_EQ(ZQRemoveFileWithCheckSize(base, 99, "ZQLog_", 3), 0);
         std::vector<std::string> after{"unrelated"};
         for (const std::string& name : c.after) {

@@ -1,8 +1,5 @@
 // The watcher, in the daemon.
 
-#include <cutils/properties.h>
-#include <sys/mount.h>
-
 #include <map>
 #include <set>
 
@@ -10,14 +7,8 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace fixture;
 using namespace testing;
-
-const std::string kTombstones = "/data/tombstones/";
-const std::string kCrashlog = "/data/logs/crashlog/";
-const std::string kHistory = "/data/logs/history.event";
-const std::string kNotices = "/data/brevix/queue.log";
 
 void deliver(int first, int end) {
     for (int i = first; i < end; ++i) {
@@ -27,11 +18,7 @@ void deliver(int first, int end) {
 
 // Made before the daemon starts, as init does.
 struct event_folders {
-    event_folders() {
-        for (const char* dir : {"system/dropbox", "tombstones", "brevix", "logs"}) {
-            fs::create_directories(std::string("/data/") + dir);
-        }
-    }
+    event_folders() { make_event_folders(); }
 };
 
 class Watcher : event_folders, public Test {
@@ -50,7 +37,7 @@ class Watcher : event_folders, public Test {
         }
     }
     static void set_switch(const std::string& name, bool on) {
-        property_set(("persist.service." + name).c_str(), on ? "1" : "0");
+        set_property("persist.service." + name, on ? "1" : "0");
     }
     static bool wait_for_log(const std::string& text, size_t times) {
         return wait_until("/data", [&] { return log_lines::count(text) >= times; });
@@ -257,7 +244,7 @@ class Faults : public Watcher {
 };
 
 TEST_F(Faults, AFullDiskCostsFilesNotEvents) {
-    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", 0, "size=256k"), 0);
+    ASSERT_TRUE(mount_memory("/data/logs", 0, "size=256k"));
     set_switch("start.capture", true);
     ASSERT_TRUE(wait_for_log("tag: kernel, pid", 1));
     write_file("/data/logs/fill", std::string(300000, 'x'));
@@ -274,15 +261,15 @@ TEST_F(Faults, AFullDiskCostsFilesNotEvents) {
 }
 
 TEST_F(Faults, AReadOnlyDiskIsSaidAndPasses) {
-    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", 0, nullptr), 0);
+    ASSERT_TRUE(mount_memory("/data/logs"));
     expect_next_event();
-    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    ASSERT_TRUE(mount_memory("/data/logs", MS_REMOUNT | MS_RDONLY));
     move_into_dropbox("anr@read-only");
     set_switch("start.capture", true);
     EXPECT_TRUE(wait_for_log("open to write history event failed /data/logs/history.event", 1));
     EXPECT_TRUE(wait_for_log("create new log dir failed! /data/logs/crashlog/crashlog_1_ANR_", 1));
     EXPECT_TRUE(wait_for_log("create general dir failed!", 1));
-    ASSERT_EQ(mount("none", "/data/logs", "tmpfs", MS_REMOUNT, nullptr), 0);
+    ASSERT_TRUE(mount_memory("/data/logs", MS_REMOUNT));
     expect_next_event();
     set_switch("start.capture", false);
     ASSERT_TRUE(wait_for_log("stop capturing", 1));
