@@ -287,18 +287,19 @@ void for_each_entry(DIR* dir, const std::string& path, const auto& look) {
     }
 }
 
-std::vector<std::string> names_with_prefix(const std::string& path, std::string_view prefix) {
+// Calls `look` with each name that starts with `prefix`, in a string that the next name replaces.
+void for_each_name(const std::string& path, std::string_view prefix, const auto& look) {
     const unique_dir dir(opendir(path.c_str()));
     if (dir == nullptr) {
         throw_filesystem_error("cannot open directory", path);
     }
-    std::vector<std::string> names;
+    std::string name;
     for_each_entry(dir.get(), path, [&](const dirent& entry) {
-        if (std::string_view(entry.d_name).starts_with(prefix)) {
-            names.emplace_back(entry.d_name);
+        name = entry.d_name;
+        if (name.starts_with(prefix)) {
+            look(name);
         }
     });
-    return names;
 }
 
 int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top);
@@ -404,9 +405,9 @@ int ZQRemoveFile(const std::string& path) {
 
 int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t fieldCount) {
     int64_t best = -1;
-    for (const std::string& name : names_with_prefix(dir, prefix)) {
+    for_each_name(dir, prefix, [&](const std::string& name) {
         best = std::max(best, ZQGetCountByFileName(name, fieldCount));
-    }
+    });
     const int count = static_cast<int>(best + 1);
     LOG(INFO) << "new count: " << count;
     return count;
@@ -415,15 +416,21 @@ int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t
 bool ZQRemoveOldFile(const std::string& dir, const std::string& prefix, uint64_t fieldCount,
                      int64_t keepFrom, bool /*ignoredFlag*/, bool compress) {
     const int64_t lowest_kept = std::max<int64_t>(keepFrom, 0);
-    for (const std::string& name : names_with_prefix(dir, prefix)) {
+    std::vector<std::string> old;
+    std::vector<std::string> unpacked;
+    for_each_name(dir, prefix, [&](const std::string& name) {
         if (ZQGetCountByFileName(name, fieldCount) < lowest_kept) {
-            if (ZQRemoveFile(dir + name) != 0) {
-                return true;
-            }
+            old.push_back(dir + name);
         } else if (compress && name.find("tar") == std::string::npos) {
-            pack(dir + name);
+            unpacked.push_back(dir + name);
+        }
+    });
+    for (const std::string& path : old) {
+        if (ZQRemoveFile(path) != 0) {
+            return true;
         }
     }
+    std::for_each(unpacked.begin(), unpacked.end(), pack);
     return false;
 }
 
@@ -445,9 +452,7 @@ int ZQRemoveFileWithCheckSize(const std::string& dir, int64_t /*newCount*/,
     };
     // A set on purpose: of several names with one count only the first met is a candidate.
     std::set<std::string, decltype(by_count)> names(by_count);
-    for (std::string& name : names_with_prefix(dir, prefix)) {
-        names.insert(std::move(name));
-    }
+    for_each_name(dir, prefix, [&](const std::string& name) { names.insert(name); });
     if (names.empty()) {
         return 0;
     }
