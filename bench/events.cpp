@@ -4,7 +4,7 @@
 #include <set>
 
 #include "bench/figures.h"
-#include "tests/device_fixture.h"
+#include "host/inside.h"
 
 namespace {
 
@@ -57,7 +57,7 @@ void fill(const side& side, int kept) {
         const std::string name =
             "/crashlog_" + std::to_string(i) + "_TOMBSTONE_2026-11-21-09-30-05";
         for (const std::string& dir : {side.logs + "/crashlog" + name, side.staging + name}) {
-            fixture::write_file(dir + "/eventfile", "EVENT=CRASH\n_END\n");
+            inside::write_file(dir + "/eventfile", "EVENT=CRASH\n_END\n");
             fs::copy_file(kCrash, dir + "/tombstone_00");
         }
     }
@@ -68,7 +68,7 @@ std::unique_ptr<side_process> start(const side& side) {
     auto process = std::make_unique<side_process>("exec " + std::string(side.command) +
                                                   " >/dev/null 2>" + errors);
     for (const std::string& line : side.armed) {
-        require(fixture::wait_for_text(errors, line), std::string(side.name) + " does not watch");
+        require(inside::wait_for_text(errors, line), std::string(side.name) + " does not watch");
     }
     return process;
 }
@@ -84,7 +84,7 @@ class contest {
     explicit contest(int kept) {
         switch_detection_on();
         set_property("persist.service.brevix.ev.num", std::to_string(kept).c_str());
-        fixture::write_file(kCrash, std::string(4096, 'x'));
+        inside::write_file(kCrash, std::string(4096, 'x'));
         for (const side& side : kSides) {
             fill(side, kept);
             processes_.push_back(start(side));
@@ -106,7 +106,7 @@ class contest {
         for (const side& side : kSides) {
             size_t found = 0;
             for (const std::string& line : side.has_history
-                                               ? fixture::read_lines(side.logs + "/history.event")
+                                               ? inside::read_lines(side.logs + "/history.event")
                                                : std::vector<std::string>()) {
                 found += told_.count(line.substr(line.rfind(' ') + 1));
             }
@@ -155,7 +155,7 @@ void measure_burst(contest& contest, const side& side, int events) {
             before = now;
         }
     }
-    for (const std::string& name : fixture::names_in(side.watched)) {
+    for (const std::string& name : inside::names_in(side.watched)) {
         fs::remove(side.watched + "/" + name);
     }
 }

@@ -4,11 +4,12 @@
 
 #include <cutils/properties.h>
 #include <spawn.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <iostream>
 
-#include "tests/device_fixture.h"
+#include "host/inside.h"
 #include "utils/util.h"
 
 void require(bool condition, const std::string& what) {
@@ -28,7 +29,7 @@ side_process::side_process(const std::string& shell_line)
 
 side_process::~side_process() {
     kill(-pid_, SIGKILL);
-    fixture::wait_status(pid_);
+    inside::wait_status(pid_);
 }
 
 pid_t start_program(const std::vector<std::string>& argv, int output, int error) {
@@ -62,7 +63,7 @@ line_fifo::~line_fifo() {
 std::string line_fifo::next() {
     size_t end = 0;
     while ((end = rest_.find('\n')) == std::string::npos) {
-        require(fixture::wait_for_input(fd_), "a line that was waited for has not come");
+        require(inside::wait_for_input(fd_), "a line that was waited for has not come");
         char bytes[4096];
         const ssize_t count = read(fd_, bytes, sizeof(bytes));
         require(count > 0, "cannot read the fifo");

@@ -3,7 +3,7 @@
 #include <sched.h>
 
 #include "bench/figures.h"
-#include "tests/device_fixture.h"
+#include "host/inside.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ std::string proc(pid_t pid, const std::string& file) {
 }
 
 long number_in(const std::string& file, const std::string& name) {
-    for (const std::string& line : fixture::read_lines(file)) {
+    for (const std::string& line : inside::read_lines(file)) {
         if (line.starts_with(name)) {
             return std::stol(line.substr(name.size()));
         }
@@ -38,10 +38,9 @@ long number_in(const std::string& file, const std::string& name) {
 constexpr int kChannels = 4;
 
 bool waits_in_inotify(pid_t pid) {
-    const std::vector<std::string> fds = fixture::names_in(proc(pid, "fdinfo"));
+    const std::vector<std::string> fds = inside::names_in(proc(pid, "fdinfo"));
     return std::any_of(fds.begin(), fds.end(), [pid](const std::string& fd) {
-        return fixture::read_file(proc(pid, "fdinfo/" + fd)).find("inotify wd") !=
-               std::string::npos;
+        return inside::read_file(proc(pid, "fdinfo/" + fd)).find("inotify wd") != std::string::npos;
     });
 }
 
@@ -49,7 +48,7 @@ bool waits_in_inotify(pid_t pid) {
 void wait_for_waitprop() {
     const stopwatch watch;
     while (true) {
-        const std::vector<pid_t> pids = fixture::processes_named("waitprop");
+        const std::vector<pid_t> pids = inside::processes_named("waitprop");
         if (!pids.empty() && waits_in_inotify(pids[0])) {
             return;
         }
@@ -70,7 +69,7 @@ void switch_on_and_off(const char* side, const char* property, line_fifo& starte
     wait_for_waitprop();
     set_property(property, "0");
     for (const pid_t pid : pids) {
-        require(fixture::wait_for_end(pid), "a capture has not ended");
+        require(inside::wait_for_end(pid), "a capture has not ended");
     }
 }
 
@@ -79,7 +78,7 @@ void switch_on_and_off(const char* side, const char* property, line_fifo& starte
 // Voluntary switches of all threads.
 long wakeups(pid_t pid) {
     long sum = 0;
-    for (const std::string& task : fixture::names_in(proc(pid, "task"))) {
+    for (const std::string& task : inside::names_in(proc(pid, "task"))) {
         sum += number_in(proc(pid, "task/" + task + "/status"), "voluntary_ctxt_switches:");
     }
     return sum;
@@ -106,13 +105,13 @@ void measure_armed(const char* side, const std::vector<std::string>& argv,
     while (text.find(line) == std::string::npos) {
         char bytes[4096];
         const ssize_t count =
-            fixture::wait_for_input(errors) ? read(errors, bytes, sizeof(bytes)) : 0;
+            inside::wait_for_input(errors) ? read(errors, bytes, sizeof(bytes)) : 0;
         require(count > 0, std::string(side) + " does not watch: " + text);
         text.append(bytes, static_cast<size_t>(count));
     }
     print_sample("armed", 1, side, watch.millis());
     kill(pid, SIGKILL);
-    fixture::wait_status(pid);
+    inside::wait_status(pid);
 }
 
 }  // namespace
@@ -125,7 +124,7 @@ void capture_switch() {
     line_fifo started("/data/started");
     const side_process daemon("exec zq_brevix 2>/data/daemon.log");
     const side_process script("exec capture_script bench.capture /data/script");
-    require(fixture::wait_for_text("/data/daemon.log", "main start"), "no daemon");
+    require(inside::wait_for_text("/data/daemon.log", "main start"), "no daemon");
     for (int round = 0; round < 30; ++round) {
         switch_on_and_off("daemon", "persist.service.start.capture", started);
         switch_on_and_off("script", "bench.capture", started);
@@ -144,9 +143,9 @@ void idle() {
     const side_process watcher(command + " >/dev/null 2>/data/inotifywait.log");
     for (const char* line : {"tag: kernel, pid", "tombstones has been snooped",
                              "crashlog.enable changed to 1", "custom.event changed to 1"}) {
-        require(fixture::wait_for_text("/data/daemon.log", line), "the daemon is not at work");
+        require(inside::wait_for_text("/data/daemon.log", line), "the daemon is not at work");
     }
-    require(fixture::wait_for_text("/data/inotifywait.log", "established"), "nothing watches");
+    require(inside::wait_for_text("/data/inotifywait.log", "established"), "nothing watches");
     // Both spans are the measurement; the first shows nothing but the end of the start.
     constexpr int kSeconds = 60;
     poll(nullptr, 0, 2000);

@@ -1,7 +1,7 @@
 // Count and size: the walks that retention makes over the folders that are kept.
 
 #include "bench/figures.h"
-#include "tests/device_fixture.h"
+#include "host/inside.h"
 #include "utils/util.h"
 
 namespace {
@@ -29,7 +29,7 @@ void measure_count(int folders) {
         run_shell(("cd " + dir + "; " + tools + "ls | " + tools + "sort -t_ -k2n | " + tools +
                    "tail -n 1 >/data/last")
                       .c_str());
-        require(fixture::read_file("/data/last").starts_with(last), "the shell line is wrong");
+        require(inside::read_file("/data/last").starts_with(last), "the shell line is wrong");
     };
     for (int round = 0; round < kRounds; ++round) {
         measure("count", folders, "daemon", round, [&] {
@@ -52,9 +52,9 @@ int64_t plain_walk(const std::string& dir) {
 
 void disk_usage(const std::string& dir) {
     const android::base::unique_fd output(open("/data/du", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    require(fixture::wait_status(
-                start_program({"/usr/bin/du", "-sb", dir}, output, STDERR_FILENO)) == 0,
-            "du failed");
+    require(
+        inside::wait_status(start_program({"/usr/bin/du", "-sb", dir}, output, STDERR_FILENO)) == 0,
+        "du failed");
 }
 
 // Captures of 20 files, as four channels with their rotated files leave them.
@@ -62,10 +62,10 @@ void measure_size(int files) {
     constexpr int kFilesOfCapture = 20;
     const std::string dir = "/data/size_" + std::to_string(files);
     for (int i = 0; i < files; ++i) {
-        fixture::write_file(dir + "/ZQLog_" + std::to_string(i / kFilesOfCapture) +
-                                "_2026-11-21-09-30-05/android.log." +
-                                std::to_string(i % kFilesOfCapture),
-                            "x");
+        inside::write_file(dir + "/ZQLog_" + std::to_string(i / kFilesOfCapture) +
+                               "_2026-11-21-09-30-05/android.log." +
+                               std::to_string(i % kFilesOfCapture),
+                           "x");
     }
     for (int round = 0; round < kRounds; ++round) {
         measure("size", files, "daemon", round,

@@ -1,4 +1,3 @@
-
 #include "tests/device_fixture.h"
 #include "utils/util.h"
 #include "zq_event_log.h"

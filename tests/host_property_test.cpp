@@ -5,11 +5,6 @@
 
 #include "tests/device_fixture.h"
 
-// Handlers here end their thread, as the daemon's do; the thread sanitizer takes no such handler.
-extern "C" const char* __tsan_default_options() {  // NOLINT: the sanitizer's name
-    return "report_signal_unsafe=0";
-}
-
 namespace {
 
 using namespace fixture;
@@ -25,15 +20,10 @@ TEST(Property, OneFileHoldsOneValue) {
     write_file(kFolder + "long", cut + "more");
     EXPECT_EQ(property("long"), cut);
     EXPECT_EQ(property("none", cut + "more"), cut);
-    fs::create_directory(kFolder + "folder");
-    EXPECT_EQ(property("folder"), "(unset)");
     EXPECT_EQ(property("../self/comm"), "(unset)");
-    run("setprop a 'one two'; setprop empty ''");
-    EXPECT_EQ(read_file(kFolder + "a"), "one two");
-    fs::remove_all(kFolder + "folder");
     fs::remove(kFolder + "long");
-    EXPECT_EQ(run("setprop b 2; getprop; getprop b x; getprop empty x").output,
-              "[a]: [one two]\n[b]: [2]\n2\nx\n");
+    EXPECT_EQ(run("setprop a 'one two'; setprop empty ''; getprop; getprop empty x").output,
+              "[a]: [one two]\nx\n");
     for (const char* bad : {"setprop .a 1", "setprop a", "getprop a b c"}) {
         const auto [exit_status, output] = run(bad);
         EXPECT_EQ(exit_status, 1) << bad;
@@ -42,7 +32,7 @@ TEST(Property, OneFileHoldsOneValue) {
 }
 
 TEST(Property, AWriteThatFailsLeavesNothing) {
-    for (const char* name : {"", ".a", "a.", ".", "..", "a/b", "a b", "a\n", "\xc3\xa4", "a="}) {
+    for (const char* name : {"", ".a", "..", "a/b", "a\n", "\xc3\xa4", "a="}) {
         EXPECT_FALSE(set_property(name, "1")) << name;
     }
     EXPECT_FALSE(set_property("n", std::string(92, 'x')));
@@ -78,7 +68,9 @@ TEST(Property, WritersAtOnceLeaveWholeValues) {
 
 // A forked child has the descriptors of its parent, and must not take its events.
 TEST(PropertyWait, EndsWithTheValueFromAnyProcess) {
-    ASSERT_FALSE(WaitForProperty("w", "2", milliseconds(0)));
+    const auto begin = steady_clock::now();
+    EXPECT_FALSE(WaitForProperty("w", "2", milliseconds(300)));
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(300));
     const pid_t pid = fork();
     if (pid == 0) {
         set_property("ready", "1");
@@ -94,26 +86,6 @@ TEST(PropertyWait, EndsWithTheValueFromAnyProcess) {
     start("printf %s 3 >/dev/__properties__/w");
     EXPECT_TRUE(WaitForProperty("w", "3"));
     EXPECT_THAT(run("ls -l /proc/self/fd").output, Not(HasSubstr("inotify")));
-}
-
-TEST(PropertyWait, TimesOutWithoutBusyWaiting) {
-    static constexpr milliseconds kSpan(300);
-    const auto wait = [](const char* name, milliseconds timeout) {
-        rusage before{}, after{};
-        getrusage(RUSAGE_THREAD, &before);
-        EXPECT_EQ(WaitForProperty(name, "1", timeout), timeout == milliseconds::max());
-        getrusage(RUSAGE_THREAD, &after);
-        EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3);
-        EXPECT_LE(after.ru_utime.tv_usec + after.ru_stime.tv_usec,
-                  kSpan / std::chrono::microseconds(2));
-    };
-    wait("none", milliseconds::min());
-    const auto begin = steady_clock::now();
-    std::thread endless(wait, "w", milliseconds::max());
-    wait("none", kSpan);
-    EXPECT_GE(steady_clock::now() - begin, kSpan);
-    set_property("w", "1");
-    endless.join();
 }
 
 // The answer comes a little later in each turn, to meet the question at every point of its way into
@@ -134,27 +106,6 @@ TEST(PropertyWait, LosesNoChange) {
         ASSERT_TRUE(WaitForProperty("answer", std::to_string(turn), kPatience)) << turn;
     }
     answers.join();
-}
-
-TEST(PropertyWait, GoesOnAfterSignalsAndEndsWithItsThread) {
-    static std::atomic<int> handled = 0;
-    signal(SIGUSR1, [](int) {
-        ++handled;
-        handled.notify_all();
-    });
-    std::thread waiting([] {
-        set_property("waiting", "1");
-        EXPECT_TRUE(WaitForProperty("w", "1"));
-    });
-    ASSERT_TRUE(WaitForProperty("waiting", "1", kPatience));
-    for (int i = 0; i < 100; ++i) {
-        const int before = handled;
-        pthread_kill(waiting.native_handle(), SIGUSR1);
-        handled.wait(before);
-    }
-    set_property("w", "1");
-    waiting.join();
-    EXPECT_EQ(run("ls -l /proc/$PPID/fd | grep -c inotify").output, "1\n") << "this thread's";
 }
 
 }  // namespace

@@ -2,11 +2,12 @@
 
 #include <time.h>
 
+#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
+#include "host/inside.h"
 #include "host/log_store.h"
-#include "tests/device_fixture.h"
 
 namespace soak {
 
@@ -35,9 +36,9 @@ void write_log(log_id_t buffer, const char* tag, const std::string& text) {
 }
 
 daemon_log::daemon_log()
-    : logcat_(fixture::start("exec logcat -b main -b system -f " + kFile +
-                             " ZQ_EVENT_LOG:I ZQ_OBSERVER:I ZQ_GENERAL_LOG:I ZQ_TCPDUMP:I "
-                             "ActivityManager:I SOAK:I '*:S'")),
+    : logcat_(inside::start("exec logcat -b main -b system -f " + kFile +
+                            " ZQ_EVENT_LOG:I ZQ_OBSERVER:I ZQ_GENERAL_LOG:I ZQ_TCPDUMP:I "
+                            "ActivityManager:I SOAK:I '*:S'")),
       file_(kFile) {}
 
 size_t daemon_log::count(const std::string& line) {

@@ -5,12 +5,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <regex>
 #include <set>
 #include <stdexcept>
 
-#include "tests/device_fixture.h"
+#include "host/inside.h"
 
 namespace soak {
 
@@ -36,7 +37,7 @@ namespace {
 
 // Of a file in /proc with a "NAME: VALUE" in each line; empty when the process has gone.
 std::string field(const std::string& file, const std::string& name) {
-    for (const std::string& line : fixture::read_lines(file)) {
+    for (const std::string& line : inside::read_lines(file)) {
         if (line.starts_with(name + ":")) {
             const size_t begin = line.find_first_not_of(" \t", name.size() + 1);
             return begin == std::string::npos ? "" : line.substr(begin);
@@ -53,7 +54,7 @@ long kbytes(const std::string& file, const std::string& name) {
 
 std::vector<process> processes() {
     std::vector<process> found;
-    for (const std::string& entry : fixture::names_in("/proc")) {
+    for (const std::string& entry : inside::names_in("/proc")) {
         const std::string status = "/proc/" + entry + "/status";
         const std::string parent = field(status, "PPid");
         const std::string state = field(status, "State");
@@ -68,12 +69,12 @@ std::vector<process> processes() {
 figures figures_of(pid_t pid) {
     const std::string proc = "/proc/" + std::to_string(pid);
     const std::string memory = proc + "/smaps_rollup";
-    figures found{fixture::names_in(proc + "/task").size(),
+    figures found{inside::names_in(proc + "/task").size(),
                   {},
                   kbytes(memory, "Pss"),
                   kbytes(memory, "Private_Clean") + kbytes(memory, "Private_Dirty"),
                   kbytes(memory, "Anonymous")};
-    for (const std::string& descriptor : fixture::names_in(proc + "/fd")) {
+    for (const std::string& descriptor : inside::names_in(proc + "/fd")) {
         found.descriptors.push_back(fs::read_symlink(proc + "/fd/" + descriptor));
     }
     std::sort(found.descriptors.begin(), found.descriptors.end());
@@ -182,7 +183,7 @@ void check_trees(std::vector<std::string>& faults) {
         }
     }
     for (const char* dir : {"/data/system/dropbox", "/dev/__properties__"}) {
-        for (const std::string& name : fixture::names_in(dir)) {
+        for (const std::string& name : inside::names_in(dir)) {
             if (name.ends_with(".tmp") || name.starts_with(".new.")) {
                 faults.push_back(std::string(dir) + "/" + name + " is left over");
             }
@@ -191,12 +192,12 @@ void check_trees(std::vector<std::string>& faults) {
 }
 
 void check_complete(const std::string& folder, std::vector<std::string>& faults) {
-    const std::vector<std::string> names = fixture::names_in(folder);
+    const std::vector<std::string> names = inside::names_in(folder);
     static const std::regex source(kSource);
     const auto sources = std::count_if(names.begin(), names.end(), [](const std::string& name) {
         return std::regex_match(name, source);
     });
-    if (!fixture::read_file(folder + "/eventfile").ends_with("\n_END\n")) {
+    if (!inside::read_file(folder + "/eventfile").ends_with("\n_END\n")) {
         faults.push_back(folder + " has no whole report");
     }
     if (sources != 1) {
@@ -216,7 +217,7 @@ void check_events(const std::vector<std::string>& events, std::vector<std::strin
                     folders.end());
     }
     for (const char* category : {"/data/logs/crashlog/", "/data/logs/zqeventlog/"}) {
-        for (const std::string& name : fixture::names_in(category)) {
+        for (const std::string& name : inside::names_in(category)) {
             if (kept.erase(category + name) == 0) {
                 faults.push_back(category + name + " is none of the last " +
                                  std::to_string(kEventsKept));
@@ -234,7 +235,7 @@ void check_staging(const std::vector<std::string>& events, std::vector<std::stri
     for (const std::string& folder : events) {
         known.insert(fs::path(folder).filename());
     }
-    const std::vector<std::string> names = fixture::names_in(kStaging);
+    const std::vector<std::string> names = inside::names_in(kStaging);
     if (names.size() > kEventsKept) {
         faults.push_back(std::to_string(names.size()) + " entries in " + kStaging);
     }
@@ -248,7 +249,7 @@ void check_staging(const std::vector<std::string>& events, std::vector<std::stri
 
 void check_captures(std::vector<std::string>& faults) {
     constexpr uintmax_t kLongestLine = 8 << 10;
-    if (const size_t count = fixture::names_in(kCaptures).size(); count > size_t{kCapturesKept}) {
+    if (const size_t count = inside::names_in(kCaptures).size(); count > size_t{kCapturesKept}) {
         faults.push_back(std::to_string(count) + " captures are kept");
     }
     uintmax_t total = 0;
@@ -268,12 +269,12 @@ void check_tools(std::vector<std::string>& faults) {
     for (const char* name :
          {"ps", "iotop", "ss_eionptu", "lsof", "storaged", "procrank", "netstate"}) {
         const std::string dump = std::string("/data/logs/dumpsys/") + name + ".txt";
-        if (fixture::read_file(dump).empty()) {
+        if (inside::read_file(dump).empty()) {
             faults.push_back(dump + " is empty");
         }
     }
-    if (fixture::read_file("/data/logs/audiohal/audio_dump/record.pcm") !=
-        fixture::read_file("/vendor/audiohal/dump/record.pcm")) {
+    if (inside::read_file("/data/logs/audiohal/audio_dump/record.pcm") !=
+        inside::read_file("/vendor/audiohal/dump/record.pcm")) {
         faults.emplace_back("the audio HAL's dump is not what was copied");
     }
 }
@@ -306,7 +307,7 @@ int count_of_capture(const std::string& path) {
 
 std::string newest_capture() {
     std::string newest;
-    for (const std::string& name : fixture::names_in(kCaptures)) {
+    for (const std::string& name : inside::names_in(kCaptures)) {
         if (newest.empty() || count_of_capture(name) > count_of_capture(newest)) {
             newest = kCaptures + name;
         }

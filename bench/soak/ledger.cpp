@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "tests/device_fixture.h"
+#include "host/inside.h"
 
 namespace soak {
 
@@ -26,7 +26,7 @@ struct told_event {
 
 std::vector<told_event> events_in_history() {
     std::vector<told_event> events;
-    for (const std::string& line : fixture::read_lines(ledger::kHistory)) {
+    for (const std::string& line : inside::read_lines(ledger::kHistory)) {
         told_event event;
         std::string date;
         std::istringstream(line) >> event.category >> date >> event.type >> event.folder;
@@ -49,7 +49,7 @@ std::string extra(const std::string& notice, const std::string& name) {
 
 std::vector<told_event> events_in_notices() {
     std::vector<told_event> events;
-    for (const std::string& line : fixture::read_lines(ledger::kNotices)) {
+    for (const std::string& line : inside::read_lines(ledger::kNotices)) {
         events.push_back({"", extra(line, "type"), extra(line, "name"), extra(line, "path")});
     }
     return events;

@@ -15,8 +15,8 @@
 
 #include "bench/soak/device.h"
 #include "bench/soak/steering.h"
+#include "host/inside.h"
 #include "host/log_store.h"
-#include "tests/device_fixture.h"
 
 namespace soak {
 
@@ -266,7 +266,7 @@ void session::capture_filled() {
     const std::string capture = newest_capture();
     const std::string filler = capture + "/filler";
     struct stat owner {};
-    fixture::write_file(filler, "");
+    inside::write_file(filler, "");
     fs::resize_file(filler, kFillerBytes);
     if (stat(capture.c_str(), &owner) != 0 ||
         chown(filler.c_str(), owner.st_uid, owner.st_gid) != 0) {
@@ -301,8 +301,8 @@ void session::request(const tool& one) {
 void session::audio_cmd() {
     constexpr const char* kStatus = "sys.brevix.mkt.audio.cmd";
     set(kStatus, "");
-    const fixture::outcome outcome =
-        fixture::run("zq_brevix audio_cmd 5:" + std::to_string(draw(1000)));
+    const inside::outcome outcome =
+        inside::run("zq_brevix audio_cmd 5:" + std::to_string(draw(1000)));
     if (outcome.exit_status != 0 || get(kStatus) != "0") {
         faults_.push_back("audio_cmd ended with " + std::to_string(outcome.exit_status) +
                           " and status '" + get(kStatus) + "'");
@@ -390,8 +390,8 @@ void session::play_some() {
 // --- Rest ----------------------------------------------------------------------------------------
 
 void session::boot() {
-    fixture::write_program("/system/bin/am", kWitness);
-    fixture::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
+    inside::write_program("/system/bin/am", kWitness);
+    inside::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
     for (const auto& each : kSettings) {
         set(each.property, each.value);
     }
@@ -446,7 +446,7 @@ void session::rest() {
     // Collects the children that have ended.
     steering_.deliver(kAppEvent, kPackages[0]);
     steering_.drain();
-    fixture::wait_until(kFolder, [&] { return strays().empty(); });
+    inside::wait_until(kFolder, [&] { return strays().empty(); });
 }
 
 // Only what is the daemon's alone: how much of Pss and of the private memory is counted for it
@@ -465,7 +465,7 @@ size_t session::captures_made() {
 }
 
 void session::check_process() {
-    const std::vector<std::string> history = fixture::read_lines(ledger::kHistory);
+    const std::vector<std::string> history = inside::read_lines(ledger::kHistory);
     const auto is_start = [](const std::string& line) { return line.starts_with("REBOOT"); };
     const auto starts = std::count_if(history.begin(), history.end(), is_start);
     if (starts != 1 || kill(daemon_, 0) != 0) {

@@ -4,7 +4,7 @@
 #include <stdexcept>
 
 #include "bench/soak/device.h"
-#include "tests/device_fixture.h"
+#include "host/inside.h"
 
 namespace soak {
 
@@ -17,7 +17,7 @@ std::string change(const std::string& property, bool on) {
 }
 
 std::string timestamp_in(const std::string& file) {
-    for (const std::string& line : fixture::read_lines(file)) {
+    for (const std::string& line : inside::read_lines(file)) {
         if (line.starts_with("Timestamp: ")) {
             return line;
         }
@@ -36,7 +36,7 @@ void steering::expect(const std::string& what, const std::function<bool()>& cond
     do {
         ledger_.read();
         before = ledger_.folders().size();
-        fixture::wait_until(dir, [&] {
+        inside::wait_until(dir, [&] {
             ledger_.read();
             is_met = condition();
             return is_met || ledger_.folders().size() > before;
@@ -62,8 +62,8 @@ void steering::drain() {
 std::string steering::deliver(const crash_kind& kind, const std::string& package) {
     expect("room", [&] { return ledger_.missing().size() < kMaxWaiting; });
     const std::string serial = std::to_string(++serial_);
-    const fixture::outcome outcome =
-        fixture::run("package=" + package + " serial=" + serial + "; " + kind.command);
+    const inside::outcome outcome =
+        inside::run("package=" + package + " serial=" + serial + "; " + kind.command);
     if (outcome.exit_status != 0) {
         throw std::runtime_error(std::string("no ") + kind.name + ": " + outcome.output);
     }
