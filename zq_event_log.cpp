@@ -16,7 +16,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
@@ -140,12 +139,6 @@ std::string format_time(const char* format, const tm& time) {
     char text[32] = {};
     strftime(text, sizeof(text), format, &time);
     return text;
-}
-
-tm to_local(time_t time) {
-    tm local{};
-    localtime_r(&time, &local);
-    return local;
 }
 
 // One record of an inotify buffer, moving `position` behind it; null at the end and when what is
@@ -285,7 +278,7 @@ void copy_surface_flinger_dump(const collected_event& event) {
     constexpr const char* kDump = "data/logs/sf.log";
     if (const std::optional<time_t> written = modification_time(kDump)) {
         copy_into_folder(event, kDump,
-                         "sf_" + format_time(kTimeFormat, to_local(*written)) + ".log");
+                         "sf_" + format_time(kTimeFormat, local_time(*written)) + ".log");
     }
 }
 
@@ -375,7 +368,7 @@ collect_result collect_event(const std::string& base, const event_watch& watch, 
     if (ZQCreateDir(category_dir) != 0) {
         return collect_result::done;
     }
-    event.local = to_local(time(nullptr));
+    event.local = local_time(time(nullptr));
     event.time = format_time(kTimeFormat, event.local);
 
     const std::string prefix = name_prefix(event, settings);
@@ -468,12 +461,12 @@ int open_inotify() {
     return detection.fd;
 }
 
-// Adds the watch and stores its descriptor, even a failed one, so that no old one matches. A
-// watcher that is told to stop already adds nothing. Returns 0 or the error.
+// Adds the watch and stores its descriptor, even a failed one, so that no old one matches. Returns
+// 0 or the error; ECANCELED for a watcher that is told to stop already, which adds nothing.
 int add_watch(event_watch& watch) {
     const std::lock_guard lock(detection.mutex);
     if (!is_current_watcher()) {
-        return 0;
+        return ECANCELED;
     }
     detection.watched.erase(watch.wd);
     watch.wd = inotify_add_watch(detection.fd, watch.path, watch.mask);
@@ -517,12 +510,13 @@ bool is_stop_mark(const inotify_event& record) {
 bool start_watching() {
     bool any = false;
     for (event_watch& watch : event_watches) {
-        if (const int error = add_watch(watch)) {
-            LOG(ERROR) << "Can't add watch for " << watch.path << ". wd is" << -1
-                       << " error: " << strerror(error);
-        } else {
+        const int error = add_watch(watch);
+        if (error == 0) {
             LOG(INFO) << watch.path << " has been snooped";
             any = true;
+        } else if (error != ECANCELED) {
+            LOG(ERROR) << "Can't add watch for " << watch.path << ". wd is" << -1
+                       << " error: " << strerror(error);
         }
     }
     return any;
@@ -531,10 +525,13 @@ bool start_watching() {
 void watch_again(event_watch& watch) {
     if (mkdir(watch.path, 0777) != 0) {
         LOG(ERROR) << "fail to mkdir " << watch.path << ", error: " << strerror(errno);
-    } else if (const int error = add_watch(watch)) {
-        LOG(ERROR) << "Can't add watch for " << watch.path << " error: " << strerror(error);
-    } else {
+        return;
+    }
+    const int error = add_watch(watch);
+    if (error == 0) {
         LOG(INFO) << watch.path << "has been deleted or moved, we watch it again.";
+    } else if (error != ECANCELED) {
+        LOG(ERROR) << "Can't add watch for " << watch.path << " error: " << strerror(error);
     }
 }
 
@@ -663,13 +660,12 @@ void start_watcher() {
     pthread_sigmask(SIG_BLOCK, &stop, &previous);  // the thread inherits it
     {
         const std::lock_guard lock(detection.mutex);
-        const int error =
-            pthread_create(&detection.event_thread, nullptr, start_event_detecting, nullptr);
-        detection.thread_is_current = error == 0;
-        if (error == 0) {
+        detection.thread_is_current =
+            pthread_create(&detection.event_thread, nullptr, start_event_detecting, nullptr) == 0;
+        if (detection.thread_is_current) {
             pthread_detach(detection.event_thread);
         } else {
-            LOG(ERROR) << "fail to start the watcher: " << strerror(error);
+            LOG(ERROR) << "thread create fail";
         }
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
@@ -747,7 +743,7 @@ int ZQEventDetect() {
     event_num_limit = std::stoi(limit);
     read_device_info();
     const char* type = reboot_type();
-    const tm local = to_local(time(nullptr));
+    const tm local = local_time(time(nullptr));
     write_history_event("REBOOT", type, nullptr, nullptr, local);
     save_console_log(local);
     ZQSubscribe("persist.service.event.detect", event_detecting);

@@ -62,7 +62,7 @@ TEST(Observer, EachPointerIsASubscriptionOfItsOwn) {
     ZQSubscribe(one, first);
     ZQSubscribe(two, first);
     set_property(one, "1");
-    EXPECT_THAT(calls_once_there_are(2), Each("first test.switch on"));
+    EXPECT_THAT(calls_once_there_are(2), AllOf(SizeIs(2), Each("first test.switch on")));
     const std::string line = "I ZQ_OBSERVER: test.switch changed to 1";
     EXPECT_THAT(log.lines(), ElementsAre(line, line));
 }
@@ -102,7 +102,7 @@ TEST(Dispatch, ToolsAnswerToTheirArgumentsAndAlwaysEndWithZero) {
     for (const char* arguments :
          {"unknown", "CMD 'touch x'", "cmdx", "''", "copy_folder", "copy_folder /a", "cmd",
           "audio_cmd", "audio_cmd 7", "audio_cmd 1:2 x", "copy_folder /a /b /c",
-          "cmd touch 'a b' c", "cmd 'exit 9'"}) {
+          "cmd touch 'a b' c", "cmd 'exit 9'", "cmd 'kill -INT $PPID'"}) {
         EXPECT_EQ(run(std::string("zq_brevix ") + arguments).exit_status, 0) << arguments;
     }
     EXPECT_THAT(read_lines("/data/ran"), ElementsAre("cp -r /a /b", "touch 3"));

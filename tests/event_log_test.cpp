@@ -121,7 +121,7 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
     }
 }
 
-TEST_F(Events, TenFoldersOfAPrefixAreKept) {
+TEST_F(Events, AsManyFoldersOfAPrefixAreKeptAsSet) {
     fs::create_directories(kCrashlog + "crashlog_7_ANR_t");
     fs::create_directories(kCrashlog + "crashlog_bad");
     event_num_limit = 3;
@@ -205,7 +205,18 @@ TEST_F(Events, WhatFailsIsSaidAndTheRestGoesOn) {
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));
 }
 
-// --- Start-up ------------------------------------------------------------------------------------
+// --- Switch and start-up
+// -----------------------------------------------------------------------------
+
+TEST_F(Events, WithoutAThreadDetectionStaysOff) {
+    const log_lines log;
+    let_threads_fail();
+    event_detecting("", true);
+    event_detecting("", false);
+    EXPECT_THAT(log.lines(),
+                ElementsAre("I ZQ_EVENT_LOG: start detecting", "E ZQ_EVENT_LOG: thread create fail",
+                            "I ZQ_EVENT_LOG: stop detecting"));
+}
 
 TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     write_file("/data/config/console-ramoops-0-tmp", "panic");

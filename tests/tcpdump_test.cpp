@@ -1,28 +1,10 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <cerrno>
 #include <thread>
 
 #include "tests/device_fixture.h"
 #include "tool/zq_tcpdump.h"
-
-// The tool's thread creation goes through here (see the linker's --wrap).
-static bool thread_fails = false;
-
-extern "C" {
-
-int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                          void* argument) {
-    if (thread_fails) {
-        *thread = pthread_self();  // what a failure leaves here means nothing
-        return EAGAIN;
-    }
-    return __real_pthread_create(thread, attributes, body, argument);
-}
-}
 
 namespace {
 
@@ -153,7 +135,7 @@ constexpr char kEndsInItsOwnTime[] =
     "trap 'sleep 0.2; echo >/data/flushed; exit' TERM; echo >/data/started; "
     "while true; do sleep 1000; done";
 
-TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTime) {
+TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTimeButEnds) {
     start_and_wait("echo >/data/started; exit 1");
     stop();
     start_and_wait(std::string("kill -9 $PPID; ") + kEndsInItsOwnTime);  // its shell
@@ -164,17 +146,19 @@ TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTime) {
     EXPECT_EQ(wait_status(tool_), SIGTERM);
     EXPECT_TRUE(fs::remove("/data/flushed"));
     EXPECT_THAT(other_processes(), IsEmpty());
+    start_and_wait("trap '' TERM; echo >/data/started; while true; do sleep 1000; done");
+    stop();
 }
 
 TEST_F(Capture, WithoutAThreadTheStopStillComes) {
     write_file("/data/tcpdump/old.pcap", "");
-    thread_fails = true;
     set_property(kSwitch, "1");
     const log_lines log;
     std::thread app([] {
         EXPECT_TRUE(wait_for_text(log_lines::kFile, "thread create fail"));
         set_property(kSwitch, "0");
     });
+    let_threads_fail();
     EXPECT_EQ(ZQTCPDumpDetect(), 0);
     app.join();
     EXPECT_THAT(log.lines(),

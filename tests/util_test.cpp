@@ -69,11 +69,15 @@ TEST(CreateDir, OpensTheLastComponentAlone) {
         EXPECT_EQ(ZQCreateDir(path), 0) << path;
         EXPECT_EQ(mode_of(path), 0777) << path;
     }
+}
+
+TEST(CreateDir, WhatCannotBeMadeIsSaid) {
+    write_file("/data/file", "x");
     const log_lines log;
     EXPECT_EQ(ZQCreateDir("/data/file/"), 1);
     EXPECT_EQ(ZQCreateDir("/data/file/below"), 1);
-    EXPECT_THAT(log.lines(), Each(MatchesRegex("E ZQ_UTIL: Cannot create: /data/file/.* error: "
-                                               "[a-z]+:[0-9]+")));
+    const auto line = MatchesRegex("E ZQ_UTIL: Cannot create: /data/file/.* error: [a-z]+:[0-9]+");
+    EXPECT_THAT(log.lines(), ElementsAre(line, line));
 }
 
 TEST(CreateDir, ComposedNamesAreCutToTheCallersBuffer) {
@@ -87,6 +91,13 @@ TEST(CreateDir, ComposedNamesAreCutToTheCallersBuffer) {
     EXPECT_EQ(ZQCreateLogDir("/data/", "crashlog_", 5, "UIWDT", "t", sizeof(out), out), 0);
     EXPECT_STREQ(out, "/data/crashlog_5_UIWDT_t");
     EXPECT_THAT(names_in("/data"), Contains("crashlog_5_UIWDT_t"));
+}
+
+TEST(Times, FollowTheZoneThatIsSet) {
+    for (const auto& [zone, hour] : {std::pair{"UTC0", 0}, std::pair{"JST-9", 9}}) {
+        setenv("TZ", zone, 1);
+        EXPECT_EQ(local_time(0).tm_hour, hour) << zone;
+    }
 }
 
 // --- Retention ---------------------------------------------------------------------------------
@@ -226,7 +237,7 @@ TEST(Children, StartWithDefaultSignalsAndNoDescriptorOfTheParent) {
     }
 }
 
-TEST(Children, AStopBetweenForkAndExecEndsTheChild) {
+TEST(Children, AStopRightAfterTheStartEndsTheChild) {
     signal(SIGTERM, [](int) {});
     for (int i = 0; i < 300; ++i) {
         const int pid = record({"/system/bin/sleep", "1000"});

@@ -129,17 +129,19 @@ bool wait_for_child(std::chrono::milliseconds patience) {
 }
 
 // A shell that is about to start tcpdump may handle a SIGTERM on its own and forget it: the signal
-// is sent again, to whoever is there by then. Less and less often, for those that need their time.
+// is sent again, to whoever is there by then. Less and less often, for those that need their time;
+// whoever takes more than three seconds is killed, so that the stop comes to an end.
 void end_capture() {
     if (capture <= 0) {
         return;
     }
+    constexpr std::chrono::milliseconds kLastPatience(3200);
     std::chrono::milliseconds patience(100);
     kill(-capture, SIGTERM);
     while (is_capture_alive()) {
         if (!wait_for_child(patience)) {
-            kill(-capture, SIGTERM);
             patience *= 2;
+            kill(-capture, patience < kLastPatience ? SIGTERM : SIGKILL);
         }
     }
 }

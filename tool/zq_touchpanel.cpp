@@ -131,9 +131,7 @@ constexpr touch_controller kControllers[] = {
 };
 
 std::string output_path(const char* suffix) {
-    const time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-    tm local{};
-    localtime_r(&now, &local);
+    const tm local = local_time(time(nullptr));
     char stamp[80] = {};
     strftime(stamp, sizeof(stamp), "%Y-%m-%d_%H-%M-%S", &local);
     return std::string("/data/logs/touch_panel/tp_log_") + stamp + suffix;

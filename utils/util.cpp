@@ -4,14 +4,15 @@
 
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
+#include <android-base/unique_fd.h>
 #include <cutils/properties.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <paths.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,6 +37,13 @@ std::string cut_format(size_t max_bytes, const char* format, ...) {
     android::base::StringAppendV(&text, format, arguments);
     va_end(arguments);
     return text.substr(0, max_bytes);
+}
+
+tm local_time(time_t time) {
+    tzset();  // or a process that has once asked keeps its zone wherever the phone travels
+    tm local{};
+    localtime_r(&time, &local);
+    return local;
 }
 
 // --- Children and copies -------------------------------------------------------------------------
@@ -63,17 +71,20 @@ struct spawn_settings {
 // Children are most of what an event costs, and a spawn, unlike a fork, copies no page tables. It
 // keeps every signal from the child until its dispositions are the default ones: a handler of the
 // daemon would swallow it there, and the program would run on unstopped. Returns -1, with errno,
-// when the program cannot be started.
+// when the program cannot be started; of that bionic says nothing, and the child ends with 127.
 pid_t spawn(const char* const argv[], int standard_output = STDOUT_FILENO,
             process_group group = process_group::inherited) {
     spawn_settings settings;
     sigset_t signals;
     // Not sigfillset: it leaves out two that a spawn would then have the program ignore.
     memset(&signals, 0xff, sizeof(signals));
+    sigdelset(&signals, SIGKILL);  // a refusal, as for these two, may end the child
+    sigdelset(&signals, SIGSTOP);
     posix_spawnattr_setsigdefault(&settings.attributes, &signals);
     sigemptyset(&signals);
     posix_spawnattr_setsigmask(&settings.attributes, &signals);
-    int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+    // Without the last one bionic forks when it is given attributes.
+    int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_USEVFORK;
     if (group == process_group::own) {
         flags |= POSIX_SPAWN_SETPGROUP;
     }
@@ -87,16 +98,25 @@ pid_t spawn(const char* const argv[], int standard_output = STDOUT_FILENO,
     return errno == 0 ? pid : -1;
 }
 
-// As after a fork: a program that cannot be started gives 0, in a child of its own.
+// As after a fork: -1, with errno, when there can be no child; a program that cannot be started
+// gives 0, in a child of its own.
 pid_t spawn_or_fork(const char* const argv[]) {
     const pid_t pid = spawn(argv);
-    return pid < 0 ? fork() : pid;
+    return pid < 0 && errno != EAGAIN && errno != ENOMEM ? fork() : pid;
 }
 
 pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO,
                   process_group group = process_group::inherited) {
-    const char* const argv[] = {"/system/bin/sh", "-c", command, nullptr};
+    const char* const argv[] = {_PATH_BSHELL, "-c", command, nullptr};
     return spawn(argv, standard_output, group);
+}
+
+pid_t start_shell_or_say(const char* command, process_group group) {
+    const pid_t pid = start_shell(command, STDOUT_FILENO, group);
+    if (pid < 0) {
+        LOG(ERROR) << "fail to run " << command << ", error: " << strerror(errno);
+    }
+    return pid;
 }
 
 // The wait status, -1 when the event watcher's reaping came first.
@@ -120,16 +140,12 @@ int ZQRecordLog(const std::string& tag, char* const argv[]) {
 }
 
 int run_shell(const char* command) {
-    const pid_t pid = start_shell(command);
-    if (pid < 0) {
-        LOG(ERROR) << "fail to run " << command << ", error: " << strerror(errno);
-        return -1;
-    }
-    return wait_for(pid);
+    const pid_t pid = start_shell_or_say(command, process_group::inherited);
+    return pid < 0 ? -1 : wait_for(pid);
 }
 
 pid_t start_shell_group(const char* command) {
-    return start_shell(command, STDOUT_FILENO, process_group::own);
+    return start_shell_or_say(command, process_group::own);
 }
 
 void execute_cmd(const char* command) {
@@ -187,9 +203,7 @@ int ZQCreateDir(const std::string& path) {
 
 int ZQCreateDirByFormat(const std::string& base, const std::string& prefix, int64_t count,
                         const std::string& timeFormat, uint64_t outSize, char* out) {
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
+    const tm local = local_time(time(nullptr));
     char text[64] = {};
     strftime(text, sizeof(text), timeFormat.c_str(), &local);
     snprintf(out, outSize, "%s%s%s_%s", base.c_str(), prefix.c_str(), std::to_string(count).c_str(),
@@ -328,8 +342,8 @@ int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
 // library's iterator throws for each that has gone when its size is asked for.
 int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top) {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (top ? 0 : O_NOFOLLOW);
-    const int fd = openat(parent_fd, name, flags);
-    const unique_dir dir(fd < 0 ? nullptr : fdopendir(fd));
+    const unique_dir dir(
+        android::base::Fdopendir(android::base::unique_fd(openat(parent_fd, name, flags))));
     if (dir == nullptr) {
         if (!top && errno == ENOENT) {
             return 0;
@@ -338,7 +352,7 @@ int64_t directory_size(int parent_fd, const char* name, const std::string& path,
     }
     int64_t sum = 0;
     for_each_entry(dir.get(), path,
-                   [&](const dirent& entry) { sum += entry_size(fd, entry, path); });
+                   [&](const dirent& entry) { sum += entry_size(dirfd(dir.get()), entry, path); });
     return sum;
 }
 

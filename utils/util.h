@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <time.h>
 
 #include <cstdint>
 #include <string>
@@ -20,6 +21,9 @@ std::string cut_format(size_t max_bytes, const char* format, ...)
     __attribute__((__format__(__printf__, 2, 3)));
 
 constexpr size_t kMaxPathBytes = 511;  // also of shell lines and history lines
+
+// The broken-down local time, in the zone that is set at the time of the call.
+tm local_time(time_t time);
 
 // --- Directories and names ---------------------------------------------------------------------
 
