@@ -6,6 +6,7 @@
 #include <cutils/properties.h>
 
 #include <cstdlib>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -16,16 +17,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (property_set("persist.service.brevix.version", version.c_str()) != 0) {
         return -1;  // no such value can be
     }
-    int expected = 0;
+    std::optional<int> expected;  // no value: no number, which ends the daemon
     try {
         expected = std::stoi(version.empty() ? "0" : version);
-        ZQCheckUpgrade();
     } catch (const std::logic_error&) {
-        return 0;
     }
-    char after[PROPERTY_VALUE_MAX] = {};
-    property_get("persist.service.brevix.version", after, "");
-    if (std::stoi(after) != (expected == 0 ? 1 : expected)) {
+    std::optional<int> after;
+    try {
+        ZQCheckUpgrade();
+        char value[PROPERTY_VALUE_MAX] = {};
+        property_get("persist.service.brevix.version", value, "");
+        after = std::stoi(value);
+    } catch (const std::logic_error&) {
+    }
+    if (after != (expected == 0 ? 1 : expected)) {
         abort();
     }
     return 0;
