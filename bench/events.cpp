@@ -91,7 +91,7 @@ class contest {
         }
     }
 
-    // The folder that the next notice tells of: a new one of this side, with its history line.
+    // Takes the next notice, which must tell of a new folder of this side.
     void take_notice(const side& side) {
         const std::string notice = notices_.next();
         const size_t begin = notice.find("--es path ") + 10;

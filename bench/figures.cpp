@@ -2,7 +2,6 @@
 
 #include "bench/figures.h"
 
-#include <cutils/properties.h>
 #include <spawn.h>
 #include <sys/stat.h>
 
@@ -75,7 +74,7 @@ std::string line_fifo::next() {
 }
 
 void set_property(const char* name, const char* value) {
-    require(property_set(name, value) == 0, std::string("cannot set ") + name);
+    require(inside::set_property(name, value), std::string("cannot set ") + name);
 }
 
 void make_phone_folders() {

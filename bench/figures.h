@@ -70,7 +70,7 @@ class line_fifo {
 
 void set_property(const char* name, const char* value);
 
-// The folders that a phone's service file makes before the daemon starts.
+// The folders that the daemon finds on a phone that has run for a while.
 void make_phone_folders();
 
 // Detection with all its categories.

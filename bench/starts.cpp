@@ -25,12 +25,7 @@ std::string proc(pid_t pid, const std::string& file) {
 }
 
 long number_in(const std::string& file, const std::string& name) {
-    for (const std::string& line : inside::read_lines(file)) {
-        if (line.starts_with(name)) {
-            return std::stol(line.substr(name.size()));
-        }
-    }
-    throw std::runtime_error("no " + name + " in " + file);
+    return std::stol(inside::proc_field(file, name));
 }
 
 // --- Switch --------------------------------------------------------------------------------------
@@ -79,14 +74,14 @@ void switch_on_and_off(const char* side, const char* property, line_fifo& starte
 long wakeups(pid_t pid) {
     long sum = 0;
     for (const std::string& task : inside::names_in(proc(pid, "task"))) {
-        sum += number_in(proc(pid, "task/" + task + "/status"), "voluntary_ctxt_switches:");
+        sum += number_in(proc(pid, "task/" + task + "/status"), "voluntary_ctxt_switches");
     }
     return sum;
 }
 
 long private_kbytes(pid_t pid) {
     const std::string file = proc(pid, "smaps_rollup");
-    return number_in(file, "Private_Clean:") + number_in(file, "Private_Dirty:");
+    return number_in(file, "Private_Clean") + number_in(file, "Private_Dirty");
 }
 
 // --- Armed ---------------------------------------------------------------------------------------
@@ -146,11 +141,16 @@ void idle() {
         require(inside::wait_for_text("/data/daemon.log", line), "the daemon is not at work");
     }
     require(inside::wait_for_text("/data/inotifywait.log", "established"), "nothing watches");
-    // Both spans are the measurement; the first shows nothing but the end of the start.
+    // The first second that wakes nobody ends the start.
     constexpr int kSeconds = 60;
-    poll(nullptr, 0, 2000);
-    const long daemon_before = wakeups(daemon.pid());
-    const long watcher_before = wakeups(watcher.pid());
+    long daemon_before = 0;
+    long watcher_before = 0;
+    for (long before = -1; before != daemon_before + watcher_before;) {
+        before = daemon_before + watcher_before;
+        poll(nullptr, 0, 1000);
+        daemon_before = wakeups(daemon.pid());
+        watcher_before = wakeups(watcher.pid());
+    }
     poll(nullptr, 0, kSeconds * 1000);
     const auto print = [](const char* side, pid_t pid, long before) {
         print_sample("wakeups", kSeconds, side, static_cast<double>(wakeups(pid) - before));

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
+#include <cstdlib>
 #include <string_view>
 
 namespace init {
@@ -78,7 +78,6 @@ const command_row kCommands[] = {
     {"chown",       verb::chown,       3, {kind::user, kind::group, kind::path}},
     {"class_start", verb::class_start, 1, {kind::text}},
     {"mkdir",       verb::mkdir,       4, {kind::path, kind::mode, kind::user, kind::group}},
-    {"restart",     verb::restart,     1, {kind::text}},
     {"setprop",     verb::setprop,     2, {kind::property, kind::text}},
     {"start",       verb::start,       1, {kind::text}},
     {"stop",        verb::stop,        1, {kind::text}},
@@ -88,7 +87,7 @@ const command_row kCommands[] = {
 // clang-format on
 
 bool names_service(verb what) {
-    return what == verb::start || what == verb::stop || what == verb::restart;
+    return what == verb::start || what == verb::stop;
 }
 
 complaint add_command(const words& line, const std::string& text, action& to) {

@@ -11,18 +11,7 @@
 
 namespace init {
 
-enum class verb {
-    chmod,
-    chown,
-    class_start,
-    mkdir,
-    restart,
-    setprop,
-    start,
-    stop,
-    symlink,
-    trigger
-};
+enum class verb { chmod, chown, class_start, mkdir, setprop, start, stop, symlink, trigger };
 
 struct command {
     verb what;

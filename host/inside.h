@@ -12,8 +12,10 @@
 #include <sys/mount.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -92,7 +94,8 @@ inline bool wait_for_input(int fd, std::chrono::milliseconds span = kPatience) {
     return poll(&waiting, 1, static_cast<int>(span.count())) == 1;
 }
 
-// Waits in the kernel until `condition`, looked at again whenever something changes in `dir`.
+// Waits in the kernel until `condition`, looked at again whenever something changes in `dir`, and
+// each second for what is in no directory.
 inline bool wait_until(const std::string& dir, const std::function<bool()>& condition) {
     const android::base::unique_fd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     inotify_add_watch(fd, dir.c_str(),
@@ -116,27 +119,47 @@ inline bool wait_for_text(const std::string& file, const std::string& text) {
 
 // --- Processes; what still runs in the end goes with the device ----------------------------------
 
-// Those whose /proc status holds `line` and not `without`.
-inline std::vector<pid_t> processes_with(const std::string& line, const std::string& without) {
-    std::vector<pid_t> pids;
-    for (const std::string& entry : names_in("/proc")) {
-        const std::string status = read_file("/proc/" + entry + "/status");
-        if (status.find(line + "\n") != std::string::npos &&
-            (without.empty() || status.find(without) == std::string::npos)) {
-            pids.push_back(std::stoi(entry));
+// Of a file in /proc with a "NAME: VALUE" in each line; empty when the process has gone.
+inline std::string proc_field(const std::string& file, const std::string& name) {
+    for (const std::string& line : read_lines(file)) {
+        if (line.starts_with(name + ":")) {
+            const size_t begin = line.find_first_not_of(" \t", name.size() + 1);
+            return begin == std::string::npos ? "" : line.substr(begin);
         }
     }
-    return pids;
+    return "";
+}
+
+struct process {
+    pid_t pid;
+    pid_t parent;
+    std::string name;
+    bool has_ended;  // and waits for its parent
+};
+
+inline std::vector<process> processes() {
+    std::vector<process> found;
+    for (const std::string& entry : names_in("/proc")) {
+        const std::string status = "/proc/" + entry + "/status";
+        const std::string parent = proc_field(status, "PPid");
+        const std::string state = proc_field(status, "State");
+        if (isdigit(entry[0]) != 0 && !parent.empty() && !state.empty()) {
+            found.push_back(
+                {std::stoi(entry), std::stoi(parent), proc_field(status, "Name"), state[0] == 'Z'});
+        }
+    }
+    return found;
 }
 
 // Those that run a program of this name, without those that have ended and wait for their parent.
 inline std::vector<pid_t> processes_named(const std::string& name) {
-    return processes_with("Name:\t" + name, "\nState:\tZ");
-}
-
-// Of all threads of a process, those that have ended and wait for it included.
-inline std::vector<pid_t> children_of(pid_t parent) {
-    return processes_with("\nPPid:\t" + std::to_string(parent), "");
+    std::vector<pid_t> pids;
+    for (const process& each : processes()) {
+        if (each.name == name && !each.has_ended) {
+            pids.push_back(each.pid);
+        }
+    }
+    return pids;
 }
 
 inline pid_t start(const std::string& shell_line) {
@@ -155,9 +178,9 @@ inline int wait_status(pid_t child) {
 }
 
 // Also of a process that is not a child of the test.
-inline bool wait_for_end(pid_t pid, std::chrono::milliseconds span = kPatience) {
+inline bool wait_for_end(pid_t pid) {
     const android::base::unique_fd fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-    return fd < 0 ? errno == ESRCH : wait_for_input(fd, span);
+    return fd < 0 ? errno == ESRCH : wait_for_input(fd);
 }
 
 struct outcome {

@@ -3,11 +3,9 @@
 #include <android-base/errno_restorer.h>
 #include <android-base/logging.h>
 #include <log/logprint.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "host/log_store.h"
 
@@ -48,23 +46,6 @@ android_LogPriority priority_of(LogSeverity severity) {
     }
 }
 
-AndroidLogEntry entry_of(LogSeverity severity, const char* tag, const char* message) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    AndroidLogEntry entry{};
-    entry.tv_sec = now.tv_sec;
-    entry.tv_nsec = now.tv_nsec;
-    entry.priority = priority_of(severity);
-    entry.uid = static_cast<int32_t>(getuid());
-    entry.pid = getpid();
-    entry.tid = gettid();
-    entry.tag = tag;
-    entry.tagLen = strlen(tag);
-    entry.message = message;
-    entry.messageLen = strlen(message);
-    return entry;
-}
-
 // One write, so that lines of several processes do not run into each other.
 void write_to_standard_error(const AndroidLogEntry& entry) {
     char buffer[1024];
@@ -82,7 +63,8 @@ void write_to_standard_error(const AndroidLogEntry& entry) {
 void log_line(LogId id, LogSeverity severity, const char* tag, const char* /*file*/,
               unsigned int /*line*/, const char* message) {
     const android::base::ErrnoRestorer keep_errno;
-    const AndroidLogEntry entry = entry_of(severity, tag == nullptr ? "" : tag, message);
+    const AndroidLogEntry entry =
+        log_entry_now(priority_of(severity), tag == nullptr ? "" : tag, message);
     write_to_standard_error(entry);
     // A store that cannot be written is no one's to tell: a logger must not log, and the line is on
     // standard error already.

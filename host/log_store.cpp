@@ -5,6 +5,7 @@
 #include <log/log_read.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -226,6 +227,23 @@ std::optional<log_id_t> stored_buffer_named(std::string_view name) {
         }
     }
     return std::nullopt;
+}
+
+AndroidLogEntry log_entry_now(android_LogPriority priority, const char* tag, const char* message) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    AndroidLogEntry entry{};
+    entry.tv_sec = now.tv_sec;
+    entry.tv_nsec = now.tv_nsec;
+    entry.priority = priority;
+    entry.uid = static_cast<int32_t>(getuid());
+    entry.pid = getpid();
+    entry.tid = gettid();
+    entry.tag = tag;
+    entry.tagLen = strlen(tag);
+    entry.message = message;
+    entry.messageLen = strlen(message);
+    return entry;
 }
 
 int append_log_entry(log_id_t buffer, const AndroidLogEntry& entry) {

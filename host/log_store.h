@@ -30,6 +30,9 @@ std::optional<log_id_t> stored_buffer_named(std::string_view name);
 // A segment never grows past this, so a buffer takes at most twice as many bytes.
 inline constexpr int64_t kLogSegmentBytes = 2 << 20;
 
+// An entry of this thread and this moment. It points to `tag` and `message`.
+AndroidLogEntry log_entry_now(android_LogPriority priority, const char* tag, const char* message);
+
 // Appends `entry` to the store of `buffer`. Tag and message end at their first NUL; of a message
 // too long for an entry (about 4000 bytes with its tag) the rest is dropped. Returns 0, or the
 // errno of what failed, with nothing of the entry left in the store; ENOENT or ENOTDIR: there is no

@@ -21,13 +21,9 @@ constexpr char kMain[] = "/dev/log/main";
 constexpr char kDivider[] = "--------- beginning of main\n";
 
 int append(log_id_t buffer, const std::string& message, time_t seconds = 1) {
-    AndroidLogEntry entry{};
+    AndroidLogEntry entry = log_entry_now(ANDROID_LOG_INFO, "tag", message.c_str());
     entry.tv_sec = seconds;
-    entry.priority = ANDROID_LOG_INFO;
-    entry.tag = "tag";
-    entry.tagLen = 3;
-    entry.message = message.c_str();
-    entry.messageLen = message.size();
+    entry.tv_nsec = 0;
     return append_log_entry(buffer, entry);
 }
 

@@ -126,6 +126,18 @@ TEST(Init, APropertyTriggerFiresAtBootAndOnEverySetToItsValue) {
     EXPECT_THAT(read_lines("/data/notes"), AllOf(Contains("early").Times(1), Contains("both")));
 }
 
+TEST(Init, StopEndsTheWholeGroupAndForGood) {
+    write_program("/system/bin/parent", "sleep 1000 & sleep 1000");
+    const outcome ended = boot(
+        "service s /system/bin/parent\n"
+        "on init\n  class_start default\n"
+        "on property:test.end=1\n  stop s\n",
+        "waitprop init.svc.s running 30; setprop test.end 1\n"
+        "waitprop init.svc.s stopped 30 && echo stopped\n");
+    EXPECT_EQ(ended.output, "stopped\n");
+    EXPECT_THAT(processes_named("sleep"), IsEmpty());
+}
+
 TEST(Init, EndsServicesAndOrphansOnASignal) {
     write_program("/system/bin/parent",
                   "trap 'echo ended >/data/ended; exit' TERM; sleep 1000 & wait");

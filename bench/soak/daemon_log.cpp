@@ -1,8 +1,5 @@
 #include "bench/soak/daemon_log.h"
 
-#include <time.h>
-
-#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,19 +15,7 @@ const std::string kFile = std::string(kFolder) + "daemon.log";
 }  // namespace
 
 void write_log(log_id_t buffer, const char* tag, const std::string& text) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    AndroidLogEntry entry{};
-    entry.tv_sec = now.tv_sec;
-    entry.tv_nsec = now.tv_nsec;
-    entry.priority = ANDROID_LOG_INFO;
-    entry.pid = getpid();
-    entry.tid = gettid();
-    entry.tag = tag;
-    entry.tagLen = strlen(tag);
-    entry.message = text.c_str();
-    entry.messageLen = text.size();
-    if (append_log_entry(buffer, entry) != 0) {
+    if (append_log_entry(buffer, log_entry_now(ANDROID_LOG_INFO, tag, text.c_str())) != 0) {
         throw std::runtime_error("cannot write to the log");
     }
 }

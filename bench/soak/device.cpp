@@ -1,7 +1,6 @@
 #include "bench/soak/device.h"
 
 #include <android-base/stringprintf.h>
-#include <cutils/properties.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -19,51 +18,16 @@ namespace fs = std::filesystem;
 
 // --- Properties ----------------------------------------------------------------------------------
 
-std::string get(const std::string& property) {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(property.c_str(), value, "");
-    return value;
-}
-
 void set(const std::string& property, const std::string& value) {
-    if (property_set(property.c_str(), value.c_str()) != 0) {
+    if (!inside::set_property(property, value)) {
         throw std::runtime_error("cannot set " + property);
     }
 }
 
 // --- Processes -----------------------------------------------------------------------------------
 
-namespace {
-
-// Of a file in /proc with a "NAME: VALUE" in each line; empty when the process has gone.
-std::string field(const std::string& file, const std::string& name) {
-    for (const std::string& line : inside::read_lines(file)) {
-        if (line.starts_with(name + ":")) {
-            const size_t begin = line.find_first_not_of(" \t", name.size() + 1);
-            return begin == std::string::npos ? "" : line.substr(begin);
-        }
-    }
-    return "";
-}
-
-long kbytes(const std::string& file, const std::string& name) {
-    return std::stol(field(file, name));
-}
-
-}  // namespace
-
-std::vector<process> processes() {
-    std::vector<process> found;
-    for (const std::string& entry : inside::names_in("/proc")) {
-        const std::string status = "/proc/" + entry + "/status";
-        const std::string parent = field(status, "PPid");
-        const std::string state = field(status, "State");
-        if (isdigit(entry[0]) != 0 && !parent.empty() && !state.empty()) {
-            found.push_back(
-                {std::stoi(entry), std::stoi(parent), field(status, "Name"), state[0] == 'Z'});
-        }
-    }
-    return found;
+static long kbytes(const std::string& file, const std::string& name) {
+    return std::stol(inside::proc_field(file, name));
 }
 
 figures figures_of(pid_t pid) {

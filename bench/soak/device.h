@@ -20,19 +20,10 @@ inline constexpr const char* kStaging = "/data/brevix/eventTemp/";
 
 inline constexpr const char* kProperties = "/dev/__properties__";
 
-std::string get(const std::string& property);
+// Throws when it cannot.
 void set(const std::string& property, const std::string& value);
 
 // --- Processes -----------------------------------------------------------------------------------
-
-struct process {
-    pid_t pid;
-    pid_t parent;
-    std::string name;
-    bool has_ended;  // and waits for its parent
-};
-
-std::vector<process> processes();
 
 struct figures {
     size_t threads;

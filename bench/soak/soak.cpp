@@ -151,7 +151,7 @@ class session {
     void play_some();
     void rest();
     void stop_captures();
-    std::vector<process> strays();
+    std::vector<inside::process> strays();
     size_t captures_made();
     void check_memory();
     void check_process();
@@ -288,7 +288,8 @@ void session::log_flood() {
 
 void session::await(const tool& one) {
     const auto is_done = [&] {
-        return get(one.request) != "1" && get(std::string("init.svc.") + one.service) != "running";
+        return inside::property(one.request, "") != "1" &&
+               inside::property(std::string("init.svc.") + one.service, "") != "running";
     };
     steering_.expect(one.service, is_done, kProperties);
 }
@@ -303,9 +304,9 @@ void session::audio_cmd() {
     set(kStatus, "");
     const inside::outcome outcome =
         inside::run("zq_brevix audio_cmd 5:" + std::to_string(draw(1000)));
-    if (outcome.exit_status != 0 || get(kStatus) != "0") {
+    if (outcome.exit_status != 0 || inside::property(kStatus, "") != "0") {
         faults_.push_back("audio_cmd ended with " + std::to_string(outcome.exit_status) +
-                          " and status '" + get(kStatus) + "'");
+                          " and status '" + inside::property(kStatus, "") + "'");
     }
 }
 
@@ -319,7 +320,7 @@ void session::tcpdump_switch() {
         ++recordings_;
         const std::string state = std::string("init.svc.") + kTcpdump.service;
         steering_.expect(
-            state, [&] { return get(state) == "running"; }, kProperties);
+            state, [&] { return inside::property(state, "") == "running"; }, kProperties);
         return;
     }
     steering_.expect("the recording", [&] {
@@ -373,7 +374,7 @@ void session::play(const action& one) {
     (this->*one.play)();
     ++played_[one.name];
     size_t zombies = 0;
-    for (const process& each : processes()) {
+    for (const inside::process& each : inside::processes()) {
         zombies += each.parent == daemon_ && each.has_ended ? 1 : 0;
     }
     most_zombies_ = std::max(most_zombies_, zombies);
@@ -402,7 +403,7 @@ void session::boot() {
         std::cout << "no user for tcpdump here: packet captures are left out\n";
     }
     steering_.expect("the daemon", [&] {
-        for (const process& each : processes()) {
+        for (const inside::process& each : inside::processes()) {
             daemon_ = each.name == "zq_brevix" && each.parent == 1 ? each.pid : daemon_;
         }
         return daemon_ > 0;
@@ -412,16 +413,16 @@ void session::boot() {
 void session::stop_captures() {
     steering_.switch_capture(false);
     steering_.expect("the captures' end", [&] {
-        const std::vector<process> all = processes();
-        return std::none_of(all.begin(), all.end(), [&](const process& each) {
+        const std::vector<inside::process> all = inside::processes();
+        return std::none_of(all.begin(), all.end(), [&](const inside::process& each) {
             return each.parent == daemon_ && !each.has_ended;
         });
     });
 }
 
-std::vector<process> session::strays() {
-    std::vector<process> found = processes();
-    std::erase_if(found, [&](const process& each) {
+std::vector<inside::process> session::strays() {
+    std::vector<inside::process> found = inside::processes();
+    std::erase_if(found, [&](const inside::process& each) {
         return each.pid == 1 || each.pid == getpid() || each.pid == steering_.log().pid() ||
                each.pid == daemon_ || each.name == "klogd";
     });
@@ -480,7 +481,7 @@ void session::check_daemon() {
     if (at_start_.descriptors != last_.descriptors) {
         faults_.push_back("descriptors: " + android::base::Join(last_.descriptors, ' '));
     }
-    for (const process& each : strays()) {
+    for (const inside::process& each : strays()) {
         faults_.push_back("process " + each.name + (each.has_ended ? " (ended)" : "") +
                           (each.parent == daemon_ ? " of the daemon" : "") + " is left");
     }

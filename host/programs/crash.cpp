@@ -1,6 +1,7 @@
 // Delivers a crash file as the platform does it: dropbox files are written as dropN.tmp and
 // renamed, tombstones are unnamed files that are linked into place.
 
+#include <android-base/file.h>
 #include <android-base/stringprintf.h>
 #include <dlfcn.h>
 #include <execinfo.h>
@@ -66,12 +67,8 @@ constexpr dropbox_kind kDropboxKinds[] = {
 }
 
 void write_all(int fd, const std::string& text) {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t bytes = write(fd, text.data() + done, text.size() - done);
-        if (bytes < 0) {
-            throw_errno("cannot write");
-        }
-        done += static_cast<size_t>(bytes);
+    if (!android::base::WriteStringToFd(text, fd)) {
+        throw_errno("cannot write");
     }
 }
 

@@ -76,7 +76,6 @@ class services {
     void start(const std::string& name) { start(name, all_.at(name)); }
     void start_class(const std::string& name);
     void stop(const std::string& name);
-    void restart(const std::string& name);
 
     // Starts what is due; gives back when the next one is.
     std::optional<steady_clock::time_point> start_due();
@@ -133,14 +132,6 @@ void services::stop(const std::string& name) {
     if (one.pid > 0) {
         kill(-one.pid, SIGKILL);
     }
-}
-
-void services::restart(const std::string& name) {
-    state& one = all_.at(name);
-    if (one.pid > 0) {
-        kill(-one.pid, SIGKILL);
-    }
-    start(name, one);
 }
 
 std::optional<steady_clock::time_point> services::start_due() {
@@ -295,9 +286,6 @@ bool device::run_command(const init::command& line) {
             return true;
         case init::verb::mkdir:
             return make_folder(arguments);
-        case init::verb::restart:
-            services_.restart(arguments[0]);
-            return true;
         case init::verb::setprop:
             return set_property(arguments[0], arguments[1]);
         case init::verb::start:

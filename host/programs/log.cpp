@@ -1,7 +1,6 @@
 // log [-b BUFFER] [-p PRIORITY] [-t TAG] MESSAGE...: stores a line in a log buffer.
 #include <log/logprint.h>
 #include <strings.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -74,23 +73,6 @@ std::optional<options> parse_options(int argc, char* argv[]) {
     return result;
 }
 
-int store(const options& line) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    AndroidLogEntry entry{};
-    entry.tv_sec = now.tv_sec;
-    entry.tv_nsec = now.tv_nsec;
-    entry.priority = line.priority;
-    entry.uid = static_cast<int32_t>(getuid());
-    entry.pid = getpid();
-    entry.tid = gettid();
-    entry.tag = line.tag.c_str();
-    entry.tagLen = line.tag.size();
-    entry.message = line.message.c_str();
-    entry.messageLen = line.message.size();
-    return append_log_entry(line.buffer, entry);
-}
-
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -98,7 +80,9 @@ int main(int argc, char* argv[]) {
     if (!line) {
         return 1;
     }
-    if (const int error = store(*line); error != 0) {
+    const AndroidLogEntry entry =
+        log_entry_now(line->priority, line->tag.c_str(), line->message.c_str());
+    if (const int error = append_log_entry(line->buffer, entry); error != 0) {
         fprintf(stderr, "log: cannot write to the buffer in %s: %s\n", kLogFolder, strerror(error));
         return 1;
     }
