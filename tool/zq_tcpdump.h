@@ -7,7 +7,8 @@
 
 // One capture: waits without limit for "1", starts a recorder thread, waits for "0", ends the
 // recorder with its tcpdump and gives the files mode 0666. By then no process of the capture is
-// left and its last file is complete. Returns 0. Makes this process the one that orphans of its
+// left and its last file is complete, unless tcpdump took more than three seconds to end and was
+// killed. Returns 0. Makes this process the one that orphans of its
 // children fall to.
 //
 // A SIGTERM to the process before the capture ends it as usual; during a capture the capture ends

@@ -99,12 +99,12 @@ int ZQRemoveFileWithCheckSize(const std::string& dir, int64_t newCount, const st
 int ZQRecordLog(const std::string& tag, char* const argv[]);
 
 // Runs a shell line as system() does and waits for it. Returns its wait status; -1 when it could
-// not be started or somebody else has collected it.
+// not be started (logged) or somebody else has collected it.
 int run_shell(const char* command);
 
 // Starts a shell line in a process group of its own, so that a signal to the group reaches the
 // shell and all that the line runs. Returns the shell's pid, which is also the group's id; -1
-// (errno set) when it could not be started. The caller waits for it.
+// (logged) when it could not be started. The caller waits for it.
 pid_t start_shell_group(const char* command);
 
 // Runs a shell line of at most 1023 bytes to its end; a longer one aborts the process. Its standard
