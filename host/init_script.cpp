@@ -75,7 +75,6 @@ struct command_row {
 // clang-format off
 const command_row kCommands[] = {
     {"chmod",       verb::chmod,       2, {kind::mode, kind::path}},
-    {"chown",       verb::chown,       3, {kind::user, kind::group, kind::path}},
     {"class_start", verb::class_start, 1, {kind::text}},
     {"mkdir",       verb::mkdir,       4, {kind::path, kind::mode, kind::user, kind::group}},
     {"setprop",     verb::setprop,     2, {kind::property, kind::text}},

@@ -11,7 +11,7 @@
 
 namespace init {
 
-enum class verb { chmod, chown, class_start, mkdir, setprop, start, stop, symlink, trigger };
+enum class verb { chmod, class_start, mkdir, setprop, start, stop, symlink, trigger };
 
 struct command {
     verb what;

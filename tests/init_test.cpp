@@ -59,7 +59,7 @@ TEST(Language, RefusesWhatItDoesNotKnow) {
         {"on boot\n\n frob 1", "x.rc:3: unknown command 'frob'"},
         {"on boot\n mkdir /x 0755 root", "x.rc:2: mkdir takes 4 arguments, not 3"},
         {"on boot\n chmod 0855 /x", "x.rc:2: '0855' is not an octal mode"},
-        {"on boot\n chown nobody2 root /x", "x.rc:2: unknown user 'nobody2'"},
+        {"on boot\n mkdir /x 0755 nobody2 root", "x.rc:2: unknown user 'nobody2'"},
         {"on boot\n setprop a/b 1", "x.rc:2: 'a/b' is not a property name"},
         {"on boot\n setprop a ${b}",
          "x.rc:2: quotes, escapes and expansions are not known here: ${b}"},

@@ -279,8 +279,6 @@ bool device::run_command(const init::command& line) {
     switch (line.what) {
         case init::verb::chmod:
             return chmod(arguments[1].c_str(), *init::mode_of(arguments[0])) == 0;
-        case init::verb::chown:
-            return give(arguments[2], arguments[0], arguments[1]);
         case init::verb::class_start:
             services_.start_class(arguments[0]);
             return true;
