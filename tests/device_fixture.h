@@ -4,21 +4,12 @@
 // and programs may be put where the phone has them.
 
 #include <gmock/gmock.h>
-#include <pthread.h>
 
 #include "host/inside.h"
 
 namespace fixture {
 
 using namespace inside;
-
-// From now on none can be created: their stacks do not fit into any memory.
-inline void let_threads_fail() {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, size_t{1} << 60);
-    ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
-}
 
 // --- Where events come from and go to ------------------------------------------------------------
 

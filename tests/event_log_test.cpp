@@ -1,4 +1,5 @@
 #include "tests/device_fixture.h"
+#include "tests/failing_threads.h"
 #include "utils/util.h"
 #include "zq_event_log.h"
 

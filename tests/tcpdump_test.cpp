@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "tests/device_fixture.h"
+#include "tests/failing_threads.h"
 #include "tool/zq_tcpdump.h"
 
 namespace {
