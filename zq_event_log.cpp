@@ -461,12 +461,13 @@ int open_inotify() {
     return detection.fd;
 }
 
-// Adds the watch and stores its descriptor, even a failed one, so that no old one matches. Returns
-// 0 or the error; ECANCELED for a watcher that is told to stop already, which adds nothing.
+// Adds the watch and stores its descriptor, even a failed one, so that no old one matches. A
+// watcher that is told to stop already adds nothing; it gives 0 all the same, so that each switch-on
+// has its lines in the log. Returns 0 or the error.
 int add_watch(event_watch& watch) {
     const std::lock_guard lock(detection.mutex);
     if (!is_current_watcher()) {
-        return ECANCELED;
+        return 0;
     }
     detection.watched.erase(watch.wd);
     watch.wd = inotify_add_watch(detection.fd, watch.path, watch.mask);
@@ -510,13 +511,12 @@ bool is_stop_mark(const inotify_event& record) {
 bool start_watching() {
     bool any = false;
     for (event_watch& watch : event_watches) {
-        const int error = add_watch(watch);
-        if (error == 0) {
-            LOG(INFO) << watch.path << " has been snooped";
-            any = true;
-        } else if (error != ECANCELED) {
+        if (const int error = add_watch(watch)) {
             LOG(ERROR) << "Can't add watch for " << watch.path << ". wd is" << -1
                        << " error: " << strerror(error);
+        } else {
+            LOG(INFO) << watch.path << " has been snooped";
+            any = true;
         }
     }
     return any;
@@ -525,13 +525,10 @@ bool start_watching() {
 void watch_again(event_watch& watch) {
     if (mkdir(watch.path, 0777) != 0) {
         LOG(ERROR) << "fail to mkdir " << watch.path << ", error: " << strerror(errno);
-        return;
-    }
-    const int error = add_watch(watch);
-    if (error == 0) {
-        LOG(INFO) << watch.path << "has been deleted or moved, we watch it again.";
-    } else if (error != ECANCELED) {
+    } else if (const int error = add_watch(watch)) {
         LOG(ERROR) << "Can't add watch for " << watch.path << " error: " << strerror(error);
+    } else {
+        LOG(INFO) << watch.path << "has been deleted or moved, we watch it again.";
     }
 }
 
