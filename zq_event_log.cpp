@@ -462,8 +462,8 @@ int open_inotify() {
 }
 
 // Adds the watch and stores its descriptor, even a failed one, so that no old one matches. A
-// watcher that is told to stop already adds nothing; it gives 0 all the same, so that each switch-on
-// has its lines in the log. Returns 0 or the error.
+// watcher that is told to stop already adds nothing; it gives 0 all the same, so that each
+// switch-on has its lines in the log. Returns 0 or the error.
 int add_watch(event_watch& watch) {
     const std::lock_guard lock(detection.mutex);
     if (!is_current_watcher()) {
