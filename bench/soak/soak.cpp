@@ -393,6 +393,10 @@ void session::play_some() {
 void session::boot() {
     inside::write_program("/system/bin/am", kWitness);
     inside::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
+    // Some of the settings are its upgrade check's, too, at the daemon's first start.
+    steering_.expect(
+        "the upgrade check",
+        [] { return inside::property("persist.service.brevix.version", "") == "1"; }, kProperties);
     for (const auto& each : kSettings) {
         set(each.property, each.value);
     }
