@@ -206,8 +206,7 @@ TEST_F(Events, WhatFailsIsSaidAndTheRestGoesOn) {
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));
 }
 
-// --- Switch and start-up
-// -----------------------------------------------------------------------------
+// --- Switch and start-up -------------------------------------------------------------------------
 
 TEST_F(Events, WithoutAThreadDetectionStaysOff) {
     const log_lines log;
