@@ -4,11 +4,13 @@
 
 #include <android-base/logging.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -27,30 +29,68 @@ namespace {
 const std::string pre_watchdog_tag = "pre_watchdog";
 constexpr const char* sf_dump_cmd = "dumpsys SurfaceFlinger > %s/sf.log";
 
-// One inotify instance serves all watchers of the process, one after the other. A switch-off takes
-// its watches away, so that what is still queued then is what came before; the watch descriptors of
-// those records stay known until the kernel says, with IN_IGNORED, that no more follow. Of two
-// watchers, an old one that is busy with its last event and a new one, each record thus reaches
-// exactly one, and none is lost.
+// --- Shared by all watchers ----------------------------------------------------------------------
+
+// One inotify instance serves all watchers, one after the other, so that what is queued at a
+// switch-off becomes the first work of the next one.
 struct {
-    std::mutex mutex;  // of all below; held for single calls only
-    int fd = -1;
+    int inotify = -1;  // both opened once, by the first watcher
+    int turn = -1;     // eventfd, readable while no watcher handles records
+    std::mutex mutex;  // guards what follows, and is never held while waiting
+    // Each watch until its last record, IN_IGNORED: records of removed watches may still be queued.
     std::map<int, event_watch*> watched;
-    bool thread_is_current = false;  // between switch-on and switch-off
-    pthread_t event_thread{};
+    bool is_on = false;        // between switch-on and switch-off
+    pthread_t event_thread{};  // of the last switch-on
 } detection;
 
-// Held by the watcher that reads records and collects their events.
-std::mutex turn;
+// Read and not handled yet. A watcher that is stopped leaves the rest to the next one whose turn it
+// is.
+struct {
+    alignas(inotify_event) char buffer[512];
+    const char* position = buffer;
+    const char* end = buffer;
+    bool is_logged = false;
+} records;
 
+thread_local bool has_turn = false;
+
+// With the mutex held, as remove_watches.
 bool is_current_watcher() {
-    return detection.thread_is_current &&
-           pthread_equal(detection.event_thread, pthread_self()) != 0;
+    return detection.is_on && pthread_equal(detection.event_thread, pthread_self()) != 0;
 }
 
-bool is_superseded() {
+bool is_stopped() {
     const std::lock_guard lock(detection.mutex);
-    return detection.thread_is_current && !is_current_watcher();
+    return !is_current_watcher();
+}
+
+// Returns false, with errno, when there can be no descriptor.
+bool open_descriptors() {
+    const std::lock_guard lock(detection.mutex);
+    if (detection.turn < 0) {
+        detection.turn = eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+    if (detection.turn >= 0 && detection.inotify < 0) {
+        detection.inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    }
+    return detection.inotify >= 0;
+}
+
+// The watcher before may still be at its last event.
+void take_turn() {
+    eventfd_t turn = 0;
+    while (eventfd_read(detection.turn, &turn) != 0) {
+        wait_or_stop(detection.turn);
+    }
+    has_turn = true;
+}
+
+[[noreturn]] void end_watcher() {
+    LOG(INFO) << "exit";
+    if (has_turn) {
+        eventfd_write(detection.turn, 1);
+    }
+    pthread_exit(nullptr);
 }
 
 [[noreturn]] void idle_until_stopped() {
@@ -59,27 +99,15 @@ bool is_superseded() {
     }
 }
 
-int open_inotify() {
-    const std::lock_guard lock(detection.mutex);
-    if (detection.fd < 0) {
-        detection.fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    }
-    if (detection.fd < 0) {
-        LOG(ERROR) << "inotify_init failed. " << strerror(errno);
-    }
-    return detection.fd;
-}
+// --- Watches -------------------------------------------------------------------------------------
 
-// Adds the watch and stores its descriptor, even a failed one, so that no old one matches. A
-// watcher that is told to stop already adds nothing; it gives 0 all the same, so that each
-// switch-on has its lines in the log. Returns 0 or the error.
+// Returns 0 or the error: ECANCELED while detection is off, which leaves no watch behind.
 int add_watch(event_watch& watch) {
     const std::lock_guard lock(detection.mutex);
-    if (!is_current_watcher()) {
-        return 0;
+    if (!detection.is_on) {
+        return ECANCELED;
     }
-    detection.watched.erase(watch.wd);
-    watch.wd = inotify_add_watch(detection.fd, watch.path, watch.mask);
+    watch.wd = inotify_add_watch(detection.inotify, watch.path, watch.mask);
     if (watch.wd < 0) {
         return errno;
     }
@@ -87,10 +115,48 @@ int add_watch(event_watch& watch) {
     return 0;
 }
 
+bool start_watching() {
+    bool any = false;
+    for (event_watch& watch : event_watches) {
+        const int error = add_watch(watch);
+        if (error == 0) {
+            LOG(INFO) << watch.path << " has been snooped";
+            any = true;
+        } else if (error != ECANCELED) {
+            LOG(ERROR) << "Can't add watch for " << watch.path << ". wd is" << -1
+                       << " error: " << strerror(error);
+        }
+    }
+    return any;
+}
+
+// A directory that was moved away keeps its watch until that is removed.
+void drop_watch(event_watch& watch) {
+    const std::lock_guard lock(detection.mutex);
+    inotify_rm_watch(detection.inotify, watch.wd);
+    detection.watched.erase(watch.wd);
+    watch.wd = -1;
+}
+
+void watch_again(event_watch& watch) {
+    drop_watch(watch);
+    if (mkdir(watch.path, 0777) != 0) {
+        LOG(ERROR) << "fail to mkdir " << watch.path << ", error: " << strerror(errno);
+        return;
+    }
+    const int error = add_watch(watch);
+    if (error == 0) {
+        LOG(INFO) << watch.path << "has been deleted or moved, we watch it again.";
+    } else if (error != ECANCELED) {
+        LOG(ERROR) << "Can't add watch for " << watch.path << " error: " << strerror(error);
+    }
+}
+
+// The queued records of these watches are the next watcher's.
 void remove_watches() {
     for (event_watch& watch : event_watches) {
         if (watch.wd > 0) {
-            inotify_rm_watch(detection.fd, watch.wd);
+            inotify_rm_watch(detection.inotify, watch.wd);
         }
         watch.wd = -1;
     }
@@ -102,49 +168,36 @@ event_watch* watch_of(const inotify_event& record) {
     return found == detection.watched.end() ? nullptr : found->second;
 }
 
-// The kernel's last word on a watch that a switch-off took away.
-bool is_stop_mark(const inotify_event& record) {
-    if ((record.mask & IN_IGNORED) == 0) {
-        return false;
-    }
+int present_wd(const event_watch& watch) {
     const std::lock_guard lock(detection.mutex);
-    const auto found = detection.watched.find(record.wd);
-    if (found == detection.watched.end()) {
-        return false;
-    }
-    const bool was_removed = found->second->wd != record.wd;
-    detection.watched.erase(found);
-    return was_removed;
+    return watch.wd;
 }
 
-bool start_watching() {
-    bool any = false;
-    for (event_watch& watch : event_watches) {
-        if (const int error = add_watch(watch)) {
-            LOG(ERROR) << "Can't add watch for " << watch.path << ". wd is" << -1
-                       << " error: " << strerror(error);
-        } else {
-            LOG(INFO) << watch.path << " has been snooped";
-            any = true;
-        }
+// No record of this watch follows. A watch that ends by itself has lost its file system.
+void forget_watch(event_watch& watch, int wd) {
+    const std::lock_guard lock(detection.mutex);
+    detection.watched.erase(wd);
+    if (watch.wd == wd) {
+        LOG(ERROR) << watch.path << " is unmounted and no longer watched";
+        watch.wd = -1;
     }
-    return any;
 }
 
-void watch_again(event_watch& watch) {
-    if (mkdir(watch.path, 0777) != 0) {
-        LOG(ERROR) << "fail to mkdir " << watch.path << ", error: " << strerror(errno);
-    } else if (const int error = add_watch(watch)) {
-        LOG(ERROR) << "Can't add watch for " << watch.path << " error: " << strerror(error);
-    } else {
-        LOG(INFO) << watch.path << "has been deleted or moved, we watch it again.";
-    }
-}
+// --- Records -------------------------------------------------------------------------------------
 
 void dump_surface_flinger_early(const std::string& name) {
+    constexpr int kMaxDumps = 8;
+    static std::atomic<int> dumps = 0;
     LOG(INFO) << "need extra dump: " << name;
-    const std::string command = cut_format(kMaxPathBytes, sf_dump_cmd, "data/logs");
-    std::thread([command] { execute_cmd(command.c_str()); }).detach();
+    if (dumps >= kMaxDumps) {
+        LOG(ERROR) << "skip extra dump, " << kMaxDumps << " have not ended: " << name;
+        return;
+    }
+    ++dumps;
+    std::thread([command = cut_format(kMaxPathBytes, sf_dump_cmd, "data/logs")] {
+        execute_cmd(command.c_str());
+        --dumps;
+    }).detach();
 }
 
 void classify(const event_watch& watch, const std::string& name) {
@@ -169,6 +222,13 @@ void classify(const event_watch& watch, const std::string& name) {
     }
 }
 
+void handle_file(const event_watch& watch, const std::string& name) {
+    if (name.find(pre_watchdog_tag) != std::string::npos) {
+        dump_surface_flinger_early(name);
+    }
+    classify(watch, name);
+}
+
 void handle_record(const inotify_event& record) {
     if ((record.mask & IN_Q_OVERFLOW) != 0) {
         LOG(ERROR) << "the queue has overflowed, events were lost";
@@ -177,17 +237,48 @@ void handle_record(const inotify_event& record) {
     if (watch == nullptr) {
         return;
     }
-    if ((record.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-        watch_again(*watch);
+    if ((record.mask & IN_IGNORED) != 0) {
+        forget_watch(*watch, record.wd);
     }
-    if ((record.mask & IN_ISDIR) != 0 || record.len == 0) {
+    if ((record.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+        const int wd = present_wd(*watch);
+        if (wd == record.wd || wd < 0) {  // else the next watcher found a new directory there
+            watch_again(*watch);
+        }
+    }
+    if ((record.mask & IN_ISDIR) == 0 && record.len != 0) {
+        handle_file(*watch, name_of(record));
+    }
+}
+
+// The last record of a watch that a switch-off removed.
+bool is_stop_mark(const inotify_event& record) {
+    const event_watch* watch = watch_of(record);
+    return (record.mask & IN_IGNORED) != 0 && watch != nullptr && present_wd(*watch) != record.wd;
+}
+
+void log_first_record(const inotify_event& record) {
+    if (records.is_logged || is_stop_mark(record)) {
         return;
     }
-    const std::string name = name_of(record);
-    if (name.find(pre_watchdog_tag) != std::string::npos) {
-        dump_surface_flinger_early(name);
+    records.is_logged = true;
+    // The mask is decimal behind its "0x": log readers know the line like this.
+    LOG(INFO) << "event[wd:" << record.wd << ", mask:0x" << record.mask
+              << ", cookie:" << record.cookie << ", len:" << record.len
+              << ", name:" << name_of(record) << "]";
+}
+
+// Null when none is left, and when this watcher has been stopped.
+const inotify_event* take_record() {
+    const std::lock_guard lock(detection.mutex);
+    return is_current_watcher() ? next_record(records.position, records.end) : nullptr;
+}
+
+void handle_records() {
+    while (const inotify_event* record = take_record()) {
+        log_first_record(*record);
+        handle_record(*record);
     }
-    classify(*watch, name);
 }
 
 void reap_children() {
@@ -195,69 +286,65 @@ void reap_children() {
     }
 }
 
-void log_record(const inotify_event& record) {
-    // The mask is decimal behind its "0x"; log readers know the line like this.
-    LOG(INFO) << "event[wd:" << record.wd << ", mask:0x" << record.mask
-              << ", cookie:" << record.cookie << ", len:" << record.len
-              << ", name:" << name_of(record) << "]";
+void read_records() {
+    const ssize_t bytes = read(detection.inotify, records.buffer, sizeof(records.buffer));
+    if (bytes == 0) {
+        idle_until_stopped();
+    }
+    if (bytes > 0) {
+        records.position = records.buffer;
+        records.end = records.buffer + bytes;
+        records.is_logged = false;
+        reap_children();
+    }
 }
 
-void handle_records(const char* position, const char* end) {
-    bool is_first = true;
-    while (const inotify_event* record = next_record(position, end)) {
-        if (is_stop_mark(*record)) {
-            continue;
+void watch_until_stopped() {
+    take_turn();
+    while (true) {
+        handle_records();
+        if (is_stopped()) {
+            return;
         }
-        if (is_first) {
-            log_record(*record);
-        }
-        is_first = false;
-        handle_record(*record);
+        wait_or_stop(detection.inotify);
+        read_records();
     }
 }
 
 }  // namespace
 
 void event_sig_handler(int sig) {
-    if (!is_stoppable()) {
+    if (!is_stoppable() || !is_stopped()) {  // the kernel gives the process's signals to any thread
         end_process_by(sig);
         return;
     }
-    LOG(INFO) << "exit";
-    pthread_exit(nullptr);
+    interrupt_child_wait();
+    end_watcher();
 }
 
 void* start_event_detecting(void* /*unused*/) {
     make_stoppable(event_sig_handler);
-    const int fd = open_inotify();
-    if (fd < 0 || !start_watching()) {
+    if (!open_descriptors()) {
+        LOG(ERROR) << "inotify_init failed. " << strerror(errno);
         idle_until_stopped();
     }
-    while (true) {
-        wait_or_stop(fd);
-        const std::lock_guard lock(turn);
-        if (is_superseded()) {
-            break;
-        }
-        alignas(inotify_event) char buffer[512];
-        const ssize_t bytes = read(fd, buffer, sizeof(buffer));
-        if (bytes == 0) {
-            break;
-        }
-        if (bytes > 0) {
-            reap_children();
-            handle_records(buffer, buffer + bytes);
-        }
+    if (!start_watching()) {
+        idle_until_stopped();
     }
-    idle_until_stopped();
+    try {
+        watch_until_stopped();
+    } catch (const child_left_alone&) {
+        // Logged where it happened; its event ends here.
+    }
+    end_watcher();
 }
 
 void start_watcher() {
     const blocked_signals blocked;  // the thread inherits it
     const std::lock_guard lock(detection.mutex);
-    detection.thread_is_current =
+    detection.is_on =
         pthread_create(&detection.event_thread, nullptr, start_event_detecting, nullptr) == 0;
-    if (detection.thread_is_current) {
+    if (detection.is_on) {
         pthread_detach(detection.event_thread);
     } else {
         LOG(ERROR) << "thread create fail";
@@ -266,10 +353,11 @@ void start_watcher() {
 
 void stop_watcher() {
     const std::lock_guard lock(detection.mutex);
-    if (detection.thread_is_current) {
+    if (detection.is_on) {
+        detection.is_on = false;
         remove_watches();
-        // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
+        // It is alive: a watcher ends only after this. Its handler ends the thread alone.
+        // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread)
         pthread_kill(detection.event_thread, SIGTERM);
-        detection.thread_is_current = false;
     }
 }

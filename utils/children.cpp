@@ -12,9 +12,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 
+#include "utils/stop_signal.h"
 #include "utils/util.h"
 
 namespace fs = std::filesystem;
@@ -84,6 +86,7 @@ pid_t start_shell_or_say(const char* command, process_group group) {
 }
 
 constexpr size_t kMaxCommandBytes = 1023;
+constexpr std::chrono::seconds kPatience(5);
 
 }  // namespace
 
@@ -92,7 +95,11 @@ pid_t spawn_or_fork(const char* const argv[]) {
     return pid < 0 && errno != EAGAIN && errno != ENOMEM ? fork() : pid;
 }
 
-int wait_for(pid_t pid) {
+int wait_for(pid_t pid, const char* command) {
+    if (is_stoppable() && !wait_for_end(pid, kPatience)) {
+        LOG(ERROR) << "still running, no longer waited for: " << command;
+        throw child_left_alone();
+    }
     int status = -1;
     return TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) == pid ? status : -1;
 }
@@ -109,7 +116,7 @@ int ZQRecordLog(const std::string& tag, char* const argv[]) {
 
 int run_shell(const char* command) {
     const pid_t pid = start_shell_or_say(command, process_group::inherited);
-    return pid < 0 ? -1 : wait_for(pid);
+    return pid < 0 ? -1 : wait_for(pid, command);
 }
 
 pid_t start_shell_group(const char* command) {
@@ -131,7 +138,7 @@ void execute_cmd(const char* command) {
         LOG(WARNING) << "fail to dump " << command;
         return;
     }
-    wait_for(pid);
+    wait_for(pid, command);
 }
 
 void ZQCopyFile(const char* from, const char* to) {

@@ -9,5 +9,7 @@
 // ends that child at once with _exit.
 pid_t spawn_or_fork(const char* const argv[]);
 
-// Waits for the child `pid`. Returns its wait status, -1 when somebody else has collected it.
-int wait_for(pid_t pid);
+// Waits for the child `pid`, which runs `command`. Returns its wait status, -1 when somebody else
+// has collected it. A stoppable thread that is stopped gives the child five more seconds and then
+// throws child_left_alone (logged); whoever reaps children collects it later.
+int wait_for(pid_t pid, const char* command);

@@ -120,7 +120,7 @@ void pack(const std::string& path) {
         return;
     }
     LOG(INFO) << "tar_pid = " << pid;
-    wait_for(pid);
+    wait_for(pid, argv[0]);
     ZQRemoveFile(path);
     chmod(archive.c_str(), 0777);
 }
