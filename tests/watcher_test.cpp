@@ -80,9 +80,9 @@ class Watcher : event_folders, public Test {
         const std::string dir = "/proc/" + std::to_string(daemon_.pid) + "/fdinfo/";
         size_t count = 0;
         for (const std::string& fd : names_in(dir)) {
-            const std::string info = read_file(dir + fd);
-            count += info.find("mask:c80") != info.npos ? 1 : 0;
-            count += info.find("mask:d08") != info.npos ? 1 : 0;
+            for (const std::string& line : read_lines(dir + fd)) {
+                count += line.find("mask:c80") != line.npos || line.find("mask:d08") != line.npos;
+            }
         }
         return count;
     }
@@ -215,9 +215,11 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
 
 TEST_F(Watcher, ARemovalThatIsQueuedAtASwitchOffLeadsToAWatch) {
     const first_call_hangs am("am");
-    move_into_dropbox("anr@in hand");
-    ASSERT_TRUE(first_call_hangs::wait_until_it_hangs());
+    kill(daemon_.pid, SIGSTOP);  // one read takes both
+    move_into_dropbox("anr@in_hand");
     fs::remove(kTombstones);
+    kill(daemon_.pid, SIGCONT);
+    ASSERT_TRUE(first_call_hangs::wait_until_it_hangs());
     switch_detection(false);
     set_switch("event.detect", true);
     ASSERT_TRUE(wait_for_log("Can't add watch for /data/tombstones. wd is-1 error: No such", 1));
