@@ -133,7 +133,8 @@ void read_folder(entry& event, const fs::path& logs) {
     event.type = fields[2];
     event.package = event.category == "CUSTOM" ? fields[0] : "";
     const fs::path folder = logs / event_settings[event.category].log_dir / event.name;
-    if (!fs::is_directory(folder)) {
+    std::error_code error;
+    if (fs::symlink_status(folder, error).type() != fs::file_type::directory) {
         return;
     }
     event.folder = folder;
@@ -199,6 +200,7 @@ void read_event_folders(std::vector<entry>& entries, const fs::path& logs) {
             if (!known.contains(path.filename())) {
                 entry& event = add(entries, category, time_in(path.filename()));
                 event.name = path.filename();
+                event.folder = path;
                 event.damage = "not in the history; ";
                 read_folder(event, logs);
             }
@@ -258,11 +260,12 @@ std::string collected::describe(const entry& event, size_t max_bytes) const {
         add_part("Stack", first_frames(read_head(crash, kHeadBytes, damage)));
         add_part("Files", sizes_in(event.folder));
     }
+    damage.clear();
     std::vector<log_file> files = captured;
     open_log(event.folder, "pre_android", 'A', event.time, files, damage);
     open_log(event.folder, "pre_kernel", 'K', event.time, files, damage);
     add_part("Log, 10 seconds before and after (A android, K kernel)",
-             lines_around(files, event.time, max_bytes));
+             lines_around(files, event.time, max_bytes) + damage);
     return result;
 }
 

@@ -79,7 +79,8 @@ moment last_time(const log_file& file) {
 
 // False when it holds no line with a time.
 bool open_file(log_file& file, const fs::path& path, std::string& damage) {
-    const android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;  // a pipe has no end
+    const android::base::unique_fd fd(open(path.c_str(), kFlags));
     const off_t size = lseek(fd, 0, SEEK_END);
     if (size > 0) {
         file.map = android::base::MappedFile::FromFd(fd, 0, size, PROT_READ);
@@ -160,18 +161,18 @@ std::string lines_around(const std::vector<log_file>& files, moment time, size_t
         const size_t shown_end = std::min(last, middle + max_bytes / 2);
         std::vector<log_line> found;
         if (shown > first) {
-            found.push_back({begin, "[more lines before: cut]\n"});
+            found.push_back({begin, "[more lines before: cut]"});
         }
         moment stamp = begin;
         for (size_t at = line_from(file.text, shown); at < shown_end;
              at = next_line(file.text, at)) {
             const moment own = time_of(file.text, at, file.origin);
             stamp = own == 0 ? stamp : own;  // a further line of the same message
-            found.push_back({stamp, std::string{file.channel, ' '}.append(
-                                        file.text.substr(at, next_line(file.text, at) - at))});
+            const std::string_view line = file.text.substr(at, file.text.find('\n', at) - at);
+            found.push_back({stamp, std::string{file.channel, ' '}.append(line)});
         }
         if (shown_end < last) {
-            found.push_back({stamp, "[more lines behind: cut]\n"});
+            found.push_back({stamp, "[more lines behind: cut]"});
         }
         std::copy_if(found.begin(), found.end(), std::back_inserter(lines),
                      [&](const log_line& line) { return !known.contains(line.text); });
@@ -182,7 +183,7 @@ std::string lines_around(const std::vector<log_file>& files, moment time, size_t
                      [](const log_line& a, const log_line& b) { return a.time < b.time; });
     std::string text;
     for (const log_line& line : lines) {
-        text += line.text;
+        text += line.text + "\n";
     }
     return text;
 }

@@ -22,8 +22,8 @@ namespace {
 using look::collected;
 using look::entry;
 
-// Without what is no UTF-8 and what steers a terminal.
-std::string printable(std::string_view text) {
+// Without what is no UTF-8 and what steers a terminal, but for the controls in `kept`.
+std::string printable(std::string_view text, std::string_view kept = "\n\t") {
     static const locale_t kUtf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     const locale_t before = uselocale(kUtf8);
     std::string result;
@@ -33,11 +33,8 @@ std::string printable(std::string_view text) {
         bytes = mbrtowc(&letter, &text[at], text.size() - at, &state);
         const bool is_letter = bytes - 1 < text.size();  // errors are the highest numbers
         bytes = is_letter ? bytes : 1;
-        if (is_letter && (letter == '\n' || letter == '\t' || iswprint_l(letter, kUtf8) != 0)) {
-            result += text.substr(at, bytes);
-        } else {
-            result += "\uFFFD";
-        }
+        const bool is_kept = kept.find(text[at]) != kept.npos || iswprint_l(letter, kUtf8) != 0;
+        result += is_letter && is_kept ? text.substr(at, bytes) : "\uFFFD";
     }
     uselocale(before);
     return result;
@@ -75,10 +72,11 @@ row row_of(const entry& e) {
 
 void print_table(const collected& all) {
     const auto print = [](const row& cells) {
-        std::cout << printable(android::base::StringPrintf(
-            "%5s  %-19s  %-8s  %-12s  %-24s  %-64.64s  %s\n", cells[0].c_str(), cells[1].c_str(),
+        const std::string line = android::base::StringPrintf(
+            "%5s  %-19s  %-8s  %-12s  %-24s  %-64.64s  %s", cells[0].c_str(), cells[1].c_str(),
             cells[2].c_str(), cells[3].c_str(), cells[4].c_str(), cells[5].c_str(),
-            cells[6].c_str()));
+            cells[6].c_str());
+        std::cout << printable(line, "") << '\n';
     };
     print({"N", "TIME", "CATEGORY", "TYPE", "PACKAGE", "LINE", "FOLDER"});
     for (const entry& e : all.entries) {
@@ -100,7 +98,7 @@ void print_event(const collected& all, const std::string& number) {
 
 // The more events, the less of each: a page of any number opens at once.
 void write_page(const collected& all, const char* file) {
-    constexpr size_t kPageBytes = 48 << 20;
+    constexpr size_t kPageBytes = 32 << 20;
     constexpr size_t kMaxBytes = 64 << 10;
     constexpr size_t kParts = 4;
     const size_t share = std::min(kPageBytes / kParts / (all.entries.size() + 1), kMaxBytes);
@@ -119,8 +117,10 @@ void write_page(const collected& all, const char* file) {
     }
     out << "]" << page.substr(index + 9, details - index - 9);
     for (const entry& e : all.entries) {
-        out << "<script type=\"application/json\" id=\"d" << e.number << "\">"
-            << json(all.describe(e, share)) << "</script>\n";
+        if (e.number != 0) {
+            out << "<script type=\"application/json\" id=\"d" << e.number << "\">"
+                << json(all.describe(e, share)) << "</script>\n";
+        }
     }
     if (!out.flush()) {
         throw std::runtime_error(std::string(file) + " cannot be written");

@@ -4,6 +4,7 @@
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <zlib.h>
 
@@ -68,7 +69,8 @@ void add_captures() {
           log_lines(kNewYear + 15552000, kNewYear + 15552100, 1, "unset") +
               log_lines(kNewYear + 115400, kNewYear + 115500, 1, "first"));
     write(damaged + "android.log", log_lines(kNewYear + 115500, kNewYear + 115600, 1, "last"));
-    write(damaged + "kernel.log", std::string(5000, '\0'));
+    write(damaged + "kernel.log.1", std::string(5000, '\0'));
+    mkfifo((logs / (damaged + "kernel.log")).c_str(), 0600);
     write("general_log/ZQLog_x_cut", "no folder");
 }
 
@@ -137,6 +139,7 @@ void make_small() {
     // Its line is lost; the history goes on with a line that is glued to a cut one, and ends in
     // one.
     add_event("crashlog/crashlog_8_ANR_2026-01-02-08-06-45", "anr@8", "Subject: no line\n");
+    fs::create_directories(logs / "crashlog/two\nlines");
     history +=
         "CRASH   2026-01-02/08:05:00 ANR /data/logs/crashlog/crashlog_9_ANREBOOT  "
         "2026-01-02/08:06:00 UNKNOWN         \n\x01 garbage\nCUSTOM  2026-01-0";

@@ -37,6 +37,7 @@ TEST(Look, TableHasEventsRebootsAndCapturesByTimeAndMarksWhatIsDamaged) {
     make_folder();
     const char* const rows[] = {
         "N|TIME|CATEGORY|TYPE|PACKAGE|LINE|FOLDER",
+        "15|-|CRASH|two\uFFFDlines [not in the history; its folder's name is cut]",
         "-|-|CAPTURE|ZQLog_x_cut [its name is cut]",
         "1|2025-12-31 23:49:00|REBOOT|KERNELPANIC",
         "-|2025-12-31 23:50:00|CAPTURE|until 2026-01-01 00:09:59|ZQLog_3_2025-12-31-23-50-00",
@@ -59,7 +60,7 @@ TEST(Look, TableHasEventsRebootsAndCapturesByTimeAndMarksWhatIsDamaged) {
         "crashlog_7_ANR_2026-01-01-00-09-50 [eventfile is cut; no data_app_anr@7.txt]",
         "-|2026-01-02 08:00:00|CAPTURE|until 2026-01-02 08:06:39|ZQLog_4_2026-01-02-08-00-00 "
         "[android.log.1 is left out up to where its clock jumps; a part of android.log is missing; "
-        "kernel.log holds no lines]",
+        "kernel.log.1 holds no lines; kernel.log holds no lines]",
         "10|2026-01-02 08:05:00|CRASH|ANR|gone [its folder's name is cut]",
         "11|2026-01-02 08:06:00|REBOOT|UNKNOWN",
         "12|2026-01-02 08:06:00|?|\uFFFD garbage|[its line is cut]",
@@ -129,7 +130,7 @@ TEST(Look, WhatCannotBeDoneIsSaid) {
     make_folder();
     EXPECT_EQ(look("events /system").output,
               "look: /system holds no history, events or captures\n");
-    EXPECT_EQ(look("events /data 15").output, "look: there is no event 15\n");
+    EXPECT_EQ(look("events /data 16").output, "look: there is no event 16\n");
     const outcome unwritable = look("report /data /proc/page.html");
     EXPECT_EQ(unwritable.exit_status, 1);
     EXPECT_EQ(unwritable.output, "look: /proc/page.html cannot be written\n");
