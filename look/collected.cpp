@@ -144,9 +144,10 @@ void read_folder(entry& event, const fs::path& logs) {
     }
     const std::string crash = read_head(crash_file(folder), kHeadBytes, event.damage);
     event.line = telling_line(crash);
-    const auto header = match(crash, "^(Package|Process|Cmdline|Cmd line): ([^ ]+)");
+    const auto header =
+        match(crash, "^(Package|Process|Cmdline|Cmd line): ([^ ]+)|>>> ([^ ]+) <<<");
     if (event.package.empty() && !header.empty()) {
-        event.package = header[2];
+        event.package = header[2] + header[3];
     }
 }
 

@@ -7,6 +7,7 @@ const rows = JSON.parse($("index").textContent).map(
 const isEvent = (row) => row.category === "CRASH" || row.category === "CUSTOM";
 const events = rows.filter(isEvent);
 let shown = rows;
+const markOf = new Map();
 
 function make(name, attributes, ...children) {
   const made = document.createElementNS(attributes.xmlns || "http://www.w3.org/1999/xhtml", name);
@@ -30,7 +31,7 @@ const colour = (type) => Math.min(types.indexOf(type), 7);
 const lanes = [...new Set(events.map((event) => colour(event.type)))].sort();
 
 function drawAxis() {
-  const left = 92, lane = 28, pitch = 7, width = $("axis").clientWidth - left - 36, bottom = lanes.length * lane + 22;
+  const left = 92, lane = 28, pitch = 7, width = $("axis").clientWidth - left - 60, bottom = lanes.length * lane + 22;
   const timed = shown.filter((row) => row.time);
   const first = timed.reduce((least, row) => Math.min(least, row.time), Infinity);
   const span = Math.max(1000, timed.reduce((most, row) => Math.max(most, row.end), 0) - first);
@@ -47,6 +48,7 @@ function drawAxis() {
   }
   // Events of a lane that fall into the same few pixels are one mark, the higher the more they are.
   const marks = new Map();
+  markOf.clear();
   for (const row of timed) {
     const x = place(row.time), column = Math.floor((x - left) / pitch), key = colour(row.type) + " " + column;
     if (row.category === "CAPTURE")
@@ -64,6 +66,7 @@ function drawAxis() {
     const mark = draw("a", { href: "#" + event.number, "aria-label": text },
       draw("rect", { class: "mark c" + colour(event.type), x, y: top, width: pitch - 2, height, rx: 2 }));
     titled(mark, text);
+    for (const one of [event, ...more]) markOf.set(one.number, mark);
   }
   lanes.forEach((type, i) => draw("text", { x: 0, y: (i + 1) * lane - 5 }, type < 7 ? types[type] : "others"));
   draw("text", { x: 0, y: bottom - 6 }, "captures");
@@ -106,10 +109,9 @@ function showEvent() {
     ...parts.map((text, i) => i % 2 === 0 ? make("h3", {}, text) : make("pre", {}, ...text.split(/^/m).map((line) =>
       make("span", { class: (/^[AK] .{18} +\d+ +\d+ ([EFW])/.exec(line) || [])[1] || "" }, line)))));
   $("event").scrollTop = 0;
-  document.querySelectorAll(`[href="#${number}"]`).forEach((one) => {
-    one.setAttribute("aria-current", "true");
-    one.scrollIntoView({ block: "nearest" });
-  });
+  const link = $("list").querySelector(`[href="#${number}"]`);
+  for (const one of [link, markOf.get(number)]) one?.setAttribute("aria-current", "true");
+  if (link) $("list").scrollTop = link.offsetTop - $("list").clientHeight / 8;
 }
 
 function go(by) {
@@ -121,7 +123,7 @@ function go(by) {
 const keys = { ArrowLeft: () => go(-1), ArrowRight: () => go(1), Escape: () => { location.hash = ""; } };
 onkeydown = (event) => { if (event.target !== $("filter")) keys[event.key]?.(); };
 onhashchange = showEvent;
-onresize = drawAxis;
+onresize = () => { drawAxis(); showEvent(); };
 $("filter").oninput = () => filter($("filter").value);
 $("summary").textContent = ["REBOOT", "CAPTURE"].reduce((text, category) =>
   `${text}, ${rows.filter((row) => row.category === category).length} ${category.toLowerCase()}s`, `${events.length} events`);

@@ -115,12 +115,13 @@ void make_small() {
     event("CRASH", "2026-01-01/00:09:00",
           "TOMBSTONE " + folder + "4_TOMBSTONE_2026-01-01-00-09-00");
     add_event("crashlog/crashlog_4_TOMBSTONE_2026-01-01-00-09-00", "tombstone_00",
-              "*** ***\nCmdline: /system/bin/netd -x\npid: 7, tid: 8, name: a  >>> b <<<\n"
+              "*** ***\npid: 7, tid: 8, name: netd  >>> /system/bin/netd <<<\n"
               "signal 6 (SIGABRT), code -1\nAbort message: 'told to'\nbacktrace:\n"
               "      #00 pc 000000000004f2a8  libc.so (abort+168)\n");
 
     event("CRASH", "2026-01-01/00:09:30", "ANR " + folder + "5_ANR_2026-01-01-00-09-30");
-    add_event("crashlog/crashlog_5_ANR_2026-01-01-00-09-30", "data_app_anr@5.txt.gz", "no gzip\n");
+    add_event("crashlog/crashlog_5_ANR_2026-01-01-00-09-30", "data_app_anr@5.txt.gz",
+              "Cmdline: com.example.late -x\n");
 
     event("CRASH", "2026-01-01/00:09:40", "ANR " + folder + "6_ANR_2026-01-01-00-09-40");
     const std::string broken = "crashlog/crashlog_6_ANR_2026-01-01-00-09-40/data_app_anr@6.txt.gz";

@@ -52,7 +52,7 @@ TEST(Look, TableHasEventsRebootsAndCapturesByTimeAndMarksWhatIsDamaged) {
         "crashlog_3_UIWDT_2026-01-01-00-08-00 [no eventfile]",
         "6|2026-01-01 00:09:00|CRASH|TOMBSTONE|/system/bin/netd|Abort message: 'told to'|"
         "crashlog_4_TOMBSTONE_2026-01-01-00-09-00",
-        "7|2026-01-01 00:09:30|CRASH|ANR|no gzip|"
+        "7|2026-01-01 00:09:30|CRASH|ANR|com.example.late|Cmdline: com.example.late -x|"
         "crashlog_5_ANR_2026-01-01-00-09-30 [data_app_anr@5.txt.gz is no gzip]",
         "8|2026-01-01 00:09:40|CRASH|ANR|Subject: half|"
         "crashlog_6_ANR_2026-01-01-00-09-40 [no eventfile; data_app_anr@6.txt.gz is broken]",
@@ -100,7 +100,7 @@ TEST(Look, EventHasItsFilesAndTheLogAroundItAcrossYearsAndRotatedFiles) {
     EXPECT_THAT(crash, EndsWith("(A android, K kernel)\n" + log));
 
     EXPECT_THAT(described(6), HasSubstr("== Stack\n      #00 pc 000000000004f2a8"));
-    EXPECT_THAT(described(7), HasSubstr("== Head of data_app_anr@5.txt.gz\nno gzip\n"));
+    EXPECT_THAT(described(7), HasSubstr("== Head of data_app_anr@5.txt.gz\nCmdline: com"));
     EXPECT_THAT(described(8), HasSubstr("== Head of data_app_anr@6.txt.gz\nSubject: half\n"));
     EXPECT_THAT(described(9), Not(HasSubstr("root:")));  // of the file that a link leads to
 }
