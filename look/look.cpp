@@ -57,6 +57,8 @@ std::string json(std::string_view text) {
 
 using row = std::vector<std::string>;
 
+const row kTitles = {"N", "TIME", "CATEGORY", "TYPE", "PACKAGE", "LINE", "FOLDER"};
+
 row row_of(const entry& e) {
     const std::string folder = e.name.empty() || !e.folder.empty() ? e.name : "gone";
     const std::string mark =
@@ -78,7 +80,7 @@ void print_table(const collected& all) {
             cells[6].c_str());
         std::cout << printable(line, "") << '\n';
     };
-    print({"N", "TIME", "CATEGORY", "TYPE", "PACKAGE", "LINE", "FOLDER"});
+    print(kTitles);
     for (const entry& e : all.entries) {
         print(row_of(e));
     }
@@ -87,11 +89,14 @@ void print_table(const collected& all) {
 void print_event(const collected& all, const std::string& number) {
     for (const entry& e : all.entries) {
         const row cells = row_of(e);
-        if (cells[0] == number) {
-            std::cout << printable(android::base::Join(cells, "\n") + "\n" +
-                                   all.describe(e, 256 << 10));
-            return;
+        if (cells[0] != number) {
+            continue;
         }
+        for (size_t i = 0; i < cells.size(); ++i) {
+            std::cout << kTitles[i] << ": " << printable(cells[i], "") << '\n';
+        }
+        std::cout << printable(all.describe(e, 256 << 10));
+        return;
     }
     throw std::runtime_error("there is no event " + number);
 }
