@@ -30,16 +30,21 @@ moment time_in(const std::string& name) {
     return parse_moment(name.substr(name.rfind('_') + 1), "%Y-%m-%d-%H-%M-%S");
 }
 
+struct form : regex_t {
+    explicit form(const char* expression) : regex_t() {
+        regcomp(this, expression, REG_EXTENDED | REG_NEWLINE);
+    }
+    ~form() { regfree(this); }
+};
+
 // The extended regular expression's parts, the whole first, in the first line that it fits; empty
 // when it fits none.
 std::vector<std::string> match(const std::string& text, const char* expression) {
-    static std::map<const char*, regex_t> compiled;
-    if (!compiled.contains(expression)) {
-        regcomp(&compiled[expression], expression, REG_EXTENDED | REG_NEWLINE);
-    }
+    static std::map<const char*, form> compiled;
+    const form& wanted = compiled.try_emplace(expression, expression).first->second;
     regmatch_t parts[5] = {{0, static_cast<regoff_t>(text.size())}};
     std::vector<std::string> found;
-    if (regexec(&compiled[expression], text.c_str(), std::size(parts), parts, REG_STARTEND) == 0) {
+    if (regexec(&wanted, text.c_str(), std::size(parts), parts, REG_STARTEND) == 0) {
         for (const regmatch_t& part : parts) {
             found.push_back(part.rm_so < 0 ? "" : text.substr(part.rm_so, part.rm_eo - part.rm_so));
         }
