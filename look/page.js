@@ -56,8 +56,7 @@ function drawAxis() {
         `${row.folder}: ${row.when} ${row.line}`);
     else if (row.category === "REBOOT")
       titled(draw("line", { class: "reboot", x1: x, x2: x, y1: 0, y2: bottom }), `${row.when} reboot ${row.type}`);
-    else if (marks.has(key)) marks.get(key).push(row);
-    else if (isEvent(row)) marks.set(key, [row]);
+    else if (isEvent(row)) marks.has(key) ? marks.get(key).push(row) : marks.set(key, [row]);
   }
   for (const [event, ...more] of marks.values()) {
     const height = Math.min(24, 9 + 3 * Math.log2(more.length + 1)), top = (lanes.indexOf(colour(event.type)) + 1) * lane - height;
