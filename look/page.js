@@ -120,7 +120,7 @@ function go(by) {
 }
 
 const keys = { ArrowLeft: () => go(-1), ArrowRight: () => go(1), Escape: () => { location.hash = ""; } };
-onkeydown = (event) => { if (event.target !== $("filter")) keys[event.key]?.(); };
+onkeydown = (event) => { if (event.target !== $("filter") && !event.altKey && !event.ctrlKey && !event.metaKey) keys[event.key]?.(); };
 onhashchange = showEvent;
 onresize = () => { drawAxis(); showEvent(); };
 $("filter").oninput = () => filter($("filter").value);
