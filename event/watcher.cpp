@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +18,7 @@
 #include "event/collection.h"
 #include "event/decisions.h"
 #include "event/tables.h"
+#include "utils/children.h"
 #include "utils/stop_signal.h"
 #include "utils/util.h"
 
@@ -190,11 +190,6 @@ void handle_record(const inotify_event& record) {
     classify(*watch, name);
 }
 
-void reap_children() {
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-}
-
 void log_record(const inotify_event& record) {
     // The mask is decimal behind its "0x"; log readers know the line like this.
     LOG(INFO) << "event[wd:" << record.wd << ", mask:0x" << record.mask
@@ -245,7 +240,7 @@ void* start_event_detecting(void* /*unused*/) {
             break;
         }
         if (bytes > 0) {
-            reap_children();
+            collect_ended_children();
             handle_records(buffer, buffer + bytes);
         }
     }

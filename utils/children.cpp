@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <vector>
 
 #include "utils/util.h"
 
@@ -103,6 +105,11 @@ void run_copy(const std::string& line) {
 
 constexpr size_t kMaxCommandBytes = 1023;
 
+// Guards `kept`. Held while a child is started or collected, so that a pid in `kept` names no
+// stranger: the kernel gives it to nobody else before the child has been collected.
+std::mutex kept_mutex;
+std::vector<pid_t> kept;
+
 }  // namespace
 
 pid_t spawn_or_fork(const char* const argv[]) {
@@ -113,6 +120,31 @@ pid_t spawn_or_fork(const char* const argv[]) {
 int wait_for(pid_t pid) {
     int status = -1;
     return TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) == pid ? status : -1;
+}
+
+pid_t start_kept_child(const std::string& tag, char* const argv[]) {
+    const std::lock_guard lock(kept_mutex);
+    const pid_t pid = ZQRecordLog(tag, argv);
+    if (pid > 0) {
+        kept.push_back(pid);
+    }
+    return pid;
+}
+
+void signal_kept_children(int sig) {
+    const std::lock_guard lock(kept_mutex);
+    for (const pid_t pid : kept) {
+        kill(pid, sig);
+    }
+    kept.clear();
+}
+
+void collect_ended_children() {
+    const std::lock_guard lock(kept_mutex);
+    pid_t pid = 0;
+    while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
+        std::erase(kept, pid);
+    }
 }
 
 int ZQRecordLog(const std::string& tag, char* const argv[]) {
