@@ -1,6 +1,7 @@
 #define LOG_TAG "ZQ_BREVIX"
 
 #include <android-base/logging.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <climits>
@@ -30,7 +31,10 @@ namespace {
     }
 }
 
+// Keys pressed while the shell line runs are for that alone, as system() has it for `cmd`.
 void copy_folder(int /*argc*/, char* argv[]) {
+    signal(SIGINT, SIG_IGN);
+    signal(SIGQUIT, SIG_IGN);
     ZQCopyFolder(argv[2], argv[3]);
 }
 

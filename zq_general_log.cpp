@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "utils/children.h"
 #include "utils/util.h"
 
 namespace {
@@ -81,7 +82,7 @@ pid_t start_channel(const log_settings& channel, const char* dir) {
     std::vector<char*> argv;
     ZQSplitByDelim(argv, command.data(), " ");
     argv.push_back(nullptr);
-    const pid_t pid = ZQRecordLog(channel.name, argv.data());
+    const pid_t pid = start_kept_child(channel.name, argv.data());
     if (pid == 0) {
         _exit(127);
     }
@@ -93,8 +94,6 @@ pid_t start_channel(const log_settings& channel, const char* dir) {
 const std::string kBase = "/data/logs/general_log/";
 const std::string kPrefix = "ZQLog_";
 constexpr uint64_t kNameFields = 3;
-
-std::vector<int> capture_pids;
 
 // Makes room for the capture `count` within the number kept and the size ceiling.
 bool prune(int count) {
@@ -137,10 +136,7 @@ void start_capturing() {
 
 void stop_capturing() {
     LOG(INFO) << "stop capturing";
-    for (const int pid : capture_pids) {
-        kill(pid, SIGTERM);
-    }
-    capture_pids.clear();
+    signal_kept_children(SIGTERM);
 }
 
 }  // namespace
@@ -152,9 +148,7 @@ int check_record_log(const char* dir) {
             LOG(INFO) << "record " << channel.name << " is not enabled";
             continue;
         }
-        const pid_t pid = start_channel(channel, dir);
-        if (pid > 0) {
-            capture_pids.push_back(pid);
+        if (start_channel(channel, dir) > 0) {
             result = 0;
         }
     }

@@ -7,7 +7,6 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,6 +20,7 @@
 #include "event/collection.h"
 #include "event/decisions.h"
 #include "event/tables.h"
+#include "utils/children.h"
 #include "utils/stop_signal.h"
 #include "utils/util.h"
 
@@ -281,11 +281,6 @@ void handle_records() {
     }
 }
 
-void reap_children() {
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-}
-
 void read_records() {
     const ssize_t bytes = read(detection.inotify, records.buffer, sizeof(records.buffer));
     if (bytes == 0) {
@@ -295,7 +290,7 @@ void read_records() {
         records.position = records.buffer;
         records.end = records.buffer + bytes;
         records.is_logged = false;
-        reap_children();
+        collect_ended_children();
     }
 }
 

@@ -97,7 +97,7 @@ TEST(Upgrade, MovesOldDefaultsAlone) {
 }
 
 TEST(Dispatch, ToolsAnswerToTheirArgumentsAndAlwaysEndWithZero) {
-    write_program("/system/bin/cp", "echo \"cp $*\" >>/data/ran");
+    write_program("/system/bin/cp", "echo \"cp $*\" >>/data/ran; kill -INT $PPID");
     write_program("/system/bin/touch", "echo \"touch $#\" >>/data/ran");
     for (const char* arguments :
          {"unknown", "CMD 'touch x'", "cmdx", "''", "copy_folder", "copy_folder /a", "cmd",

@@ -1,5 +1,9 @@
 #include "utils/util.h"
 
+#include <atomic>
+#include <climits>
+#include <thread>
+
 #include "tests/device_fixture.h"
 
 namespace {
@@ -108,8 +112,11 @@ TEST(Retention, NextCountFollowsTheHighest) {
     make_dirs("/data/e/", {"ZQLog_0_x", "ZQLog_5_y", "ZQLog_5_z"});
     EXPECT_EQ(ZQGetNewLogCount("/data/e/", "ZQLog_", 3), 6);
     EXPECT_EQ(ZQGetNewLogCount("/data/e/", "", 3), 10);
+    make_dirs("/data/e/", {"int_2147483647_t", "long_9223372036854775807_t"});
+    EXPECT_EQ(ZQGetNewLogCount("/data/e/", "int_", 3), INT_MIN);
+    EXPECT_EQ(ZQGetNewLogCount("/data/e/", "long_", 3), 0);
     EXPECT_THROW(ZQGetNewLogCount("/data/none/", "", 3), fs::filesystem_error);
-    EXPECT_EQ(ZQGetFileCount("/data/e"), 6);
+    EXPECT_EQ(ZQGetFileCount("/data/e"), 8);
 }
 
 TEST(Retention, RemovesBelowTheCountKeptAndMalformedNames) {
@@ -129,6 +136,14 @@ TEST(Retention, AFailedRemovalEndsTheWalk) {
     EXPECT_TRUE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false));
     EXPECT_EQ(ZQRemoveFile("/data/r/ZQLog_0_a"), -1);
     EXPECT_EQ(ZQRemoveFile("/data/none"), 0);
+}
+
+// In memory the walk meets the entries in the order of their making, or backwards.
+TEST(Retention, ANameThatThrowsSavesThoseBehindItAlone) {
+    ASSERT_TRUE(mount_memory("/data"));
+    make_dirs("/data/r/", {"ZQLog_0_a", "ZQLog__t", "ZQLog_0_b"});
+    EXPECT_THROW(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false), std::invalid_argument);
+    EXPECT_THAT(names_in("/data/r"), AllOf(SizeIs(2), Contains("ZQLog__t")));
 }
 
 TEST(Retention, CompressPacksWhatIsKept) {
@@ -153,8 +168,31 @@ TEST(Size, CountsRegularFilesOnceAndThroughLinks) {
     fs::create_directory_symlink("d", "/data/s/dirlink");
     mkfifo("/data/s/fifo", 0600);
     EXPECT_EQ(GetDirectorySize("/data/s"), 5 + 3 + 5);
-    EXPECT_THROW(GetDirectorySize("/data/s/a"), fs::filesystem_error);
-    EXPECT_THROW(GetDirectorySize("/data/none"), fs::filesystem_error);
+    for (const auto& [path, reason] : {std::pair{"/data/s/a", "Not a directory"},
+                                       std::pair{"/data/none", "No such file or directory"}}) {
+        EXPECT_THAT([path = path] { GetDirectorySize(path); },
+                    ThrowsMessage<fs::filesystem_error>(HasSubstr(reason)));
+    }
+}
+
+TEST(Size, FoldersThatVanishUnderTheWalkAreLeftOut) {
+    write_file("/data/s/stays", "12345");
+    std::atomic<bool> walked = false;
+    std::thread app([&] {
+        while (!walked) {
+            for (int i = 0; i < 100; ++i) {
+                fs::create_directory("/data/s/" + std::to_string(i));
+            }
+            for (int i = 0; i < 100; ++i) {
+                fs::remove("/data/s/" + std::to_string(i));
+            }
+        }
+    });
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(GetDirectorySize("/data/s"), 5);
+    }
+    walked = true;
+    app.join();
 }
 
 TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
@@ -265,6 +303,8 @@ TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
     }
     EXPECT_EQ(wait_status(pid) & 0x7f, SIGABRT);
     EXPECT_EQ(run_shell("exit 7"), 7 << 8);
+    run_shell("echo $0 >/data/ran");
+    EXPECT_EQ(read_file("/data/ran"), "sh\n");
 }
 
 TEST(Copies, NeverOverwriteAndAlwaysOpenTheMode) {

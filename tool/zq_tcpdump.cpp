@@ -5,6 +5,7 @@
 #include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <cutils/properties.h>
+#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -14,10 +15,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <sstream>
 
 #include "utils/stop_signal.h"
@@ -67,14 +68,57 @@ namespace {
 
 // --- The recorder thread -------------------------------------------------------------------------
 
+// Those that end the process, and with it the capture. From the "1" on they are blocked in every
+// thread but the recorder, and there but where it waits: whoever the kernel picks, the recorder
+// acts.
+constexpr int kEndSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT};
+
 pthread_t tcpdump_thread = 0;  // 0 while there is no recorder
 sem_t recorder_ended;
 
 // The shell and its group. The recorder's own, set before the one place where its handler may run.
 pid_t capture = -1;
 
-// The signal that ends the process once the capture has ended, 0 if none.
-std::atomic<int> process_end{0};
+// Guards `is_ordered`. Held while the stop's signal is sent, so that the recorder, which takes the
+// signals of others too, is there until it has been.
+std::mutex stop_mutex;
+bool is_ordered = false;  // the end of the recording, by "0"
+
+// `how` is SIG_BLOCK or SIG_UNBLOCK. SIGCHLD is what end_capture waits for.
+void mask_signals(int how) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGCHLD);
+    for (const int sig : kEndSignals) {
+        sigaddset(&signals, sig);
+    }
+    pthread_sigmask(how, &signals, nullptr);
+}
+
+// What is ignored stays so, as under nohup, but for SIGTERM, which is also the stop's own.
+void handle_end_signals() {
+    struct sigaction action {};
+    action.sa_handler = tcpdump_sig_handler;
+    sigfillset(&action.sa_mask);
+    for (const int sig : kEndSignals) {
+        struct sigaction present {};
+        sigaction(sig, nullptr, &present);
+        if (sig == SIGTERM || present.sa_handler != SIG_IGN) {
+            sigaction(sig, &action, nullptr);
+        }
+    }
+}
+
+[[noreturn]] void wait_for_end_signal() {
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    for (const int sig : kEndSignals) {
+        sigdelset(&mask, sig);
+    }
+    while (true) {
+        ppoll(nullptr, 0, nullptr, &mask);
+    }
+}
 
 void start_capture(const char* line) {
     // A tcpdump that outlives its shell becomes a child of this process then, to be waited for.
@@ -82,8 +126,8 @@ void start_capture(const char* line) {
     capture = start_shell_group(line);
 }
 
-// Reaps the processes of the capture that have ended. Returns whether there are others.
-bool is_capture_alive() {
+// Collects the processes of the capture that have ended. Returns whether there are others.
+bool collect_ended() {
     pid_t pid = 0;
     do {
         pid = waitpid(-capture, nullptr, WNOHANG);
@@ -112,7 +156,7 @@ void end_capture() {
     constexpr std::chrono::milliseconds kLastPatience(3200);
     std::chrono::milliseconds patience(100);
     kill(-capture, SIGTERM);
-    while (is_capture_alive()) {
+    while (collect_ended()) {
         if (!wait_for_child(patience)) {
             patience *= 2;
             kill(-capture, patience < kLastPatience ? SIGTERM : SIGKILL);
@@ -120,28 +164,16 @@ void end_capture() {
     }
 }
 
-void signal_recorder() {
-    // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
-    pthread_kill(tcpdump_thread, SIGTERM);
-}
-
 }  // namespace
 
 void tcpdump_sig_handler(int sig) {
-    if (!is_stoppable()) {
-        process_end = sig;
-        if (tcpdump_thread == 0) {
-            end_process_by(sig);
-        } else {
-            signal_recorder();
-        }
-        return;
-    }
     LOG(INFO) << "exit";
     end_capture();
-    if (process_end != 0) {
-        end_process_by(process_end);
+    stop_mutex.lock();
+    if (!is_ordered) {
+        end_process_by(sig);
     }
+    stop_mutex.unlock();  // not by a scope: bionic's pthread_exit leaves none
     sem_post(&recorder_ended);
     pthread_exit(nullptr);
 }
@@ -154,11 +186,9 @@ void* record_tcpdump(void* /*unused*/) {
     property_get("sys.tcpdump.size", size, "100,10");
     property_get("sys.tcpdump.file", file, "");
     const std::string line = capture_command(size, file, limitation);
-    make_stoppable(tcpdump_sig_handler);
+    handle_end_signals();
     start_capture(line.c_str());
-    while (true) {
-        wait_or_stop(-1);
-    }
+    wait_for_end_signal();
 }
 
 // --- Control -------------------------------------------------------------------------------------
@@ -173,27 +203,33 @@ void wait_for_switch(const char* value) {
 
 void start_recorder() {
     sem_init(&recorder_ended, 0, 0);
-    const blocked_signals blocked;  // the thread inherits it
+    mask_signals(SIG_BLOCK);  // the thread inherits it
     if (pthread_create(&tcpdump_thread, nullptr, record_tcpdump, nullptr) != 0) {
         LOG(ERROR) << "thread create fail";
         tcpdump_thread = 0;  // a failed creation may leave anything here
+        mask_signals(SIG_UNBLOCK);
         return;
     }
     pthread_detach(tcpdump_thread);
 }
 
 void stop_recorder() {
-    const blocked_signals blocked;  // the handler here must not meet a recorder that ends
-    if (tcpdump_thread != 0) {
-        signal_recorder();
-        TEMP_FAILURE_RETRY(sem_wait(&recorder_ended));
-        tcpdump_thread = 0;
+    if (tcpdump_thread == 0) {
+        return;
     }
+    {
+        const std::lock_guard lock(stop_mutex);
+        is_ordered = true;
+        // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
+        pthread_kill(tcpdump_thread, SIGTERM);
+    }
+    TEMP_FAILURE_RETRY(sem_wait(&recorder_ended));
 }
 
 }  // namespace
 
 int ZQTCPDumpDetect() {
+    mask_signals(SIG_UNBLOCK);  // whoever started this may have left them blocked
     wait_for_switch("1");
     LOG(INFO) << "start recording";
     start_recorder();

@@ -17,6 +17,7 @@
 #include <set>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "utils/children.h"
 #include "utils/util.h"
@@ -37,7 +38,8 @@ using unique_dir = std::unique_ptr<DIR, dir_closer>;
 }
 
 // Calls `look` with each entry but "." and "..". The library's iterator makes a path of every name,
-// a third of what counting them cost.
+// a third of what counting them cost. A directory that is removed meanwhile has no more entries;
+// bionic passes the kernel's ENOENT on.
 void for_each_entry(DIR* dir, const std::string& path, const auto& look) {
     errno = 0;
     while (const dirent* entry = readdir(dir)) {
@@ -47,7 +49,7 @@ void for_each_entry(DIR* dir, const std::string& path, const auto& look) {
         }
         errno = 0;
     }
-    if (errno != 0) {
+    if (errno != 0 && errno != ENOENT) {
         throw_filesystem_error("cannot read directory", path);
     }
 }
@@ -93,8 +95,9 @@ int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
 // library's iterator throws for each that has gone when its size is asked for.
 int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top) {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (top ? 0 : O_NOFOLLOW);
-    const unique_dir dir(
-        android::base::Fdopendir(android::base::unique_fd(openat(parent_fd, name, flags))));
+    android::base::unique_fd fd(openat(parent_fd, name, flags));
+    // Fdopendir replaces the errno of a failed openat.
+    const unique_dir dir(fd < 0 ? nullptr : android::base::Fdopendir(std::move(fd)));
     if (dir == nullptr) {
         if (!top && errno == ENOENT) {
             return 0;
@@ -173,7 +176,8 @@ int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t
     for_each_name(dir, prefix, [&](const std::string& name) {
         best = std::max(best, ZQGetCountByFileName(name, fieldCount));
     });
-    const int count = static_cast<int>(best + 1);
+    // Unsigned, because anyone who may write in `dir` can plant the highest count there is.
+    const int count = static_cast<int>(static_cast<uint64_t>(best) + 1);
     LOG(INFO) << "new count: " << count;
     return count;
 }
@@ -181,22 +185,18 @@ int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t
 bool ZQRemoveOldFile(const std::string& dir, const std::string& prefix, uint64_t fieldCount,
                      int64_t keepFrom, bool /*ignoredFlag*/, bool compress) {
     const int64_t lowest_kept = std::max<int64_t>(keepFrom, 0);
-    std::vector<std::string> old;
-    std::vector<std::string> unpacked;
+    bool failed = false;
     for_each_name(dir, prefix, [&](const std::string& name) {
+        if (failed) {
+            return;
+        }
         if (ZQGetCountByFileName(name, fieldCount) < lowest_kept) {
-            old.push_back(dir + name);
+            failed = ZQRemoveFile(dir + name) != 0;
         } else if (compress && name.find("tar") == std::string::npos) {
-            unpacked.push_back(dir + name);
+            pack(dir + name);
         }
     });
-    for (const std::string& path : old) {
-        if (ZQRemoveFile(path) != 0) {
-            return true;
-        }
-    }
-    std::for_each(unpacked.begin(), unpacked.end(), pack);
-    return false;
+    return failed;
 }
 
 int64_t GetDirectorySize(const std::string& path) {

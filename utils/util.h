@@ -12,8 +12,8 @@
 // ("ZQLog_12_2025-03-01-09-30-05"), event folders 4. Retention goes by these counts alone, never by
 // file times.
 //
-// All functions may be called from any thread at once. Paths of directories whose entries are
-// looked at (`dir`, `base`) end in "/": names are appended as they are.
+// All functions but ZQDumpBaseLog may be called from any thread at once. Paths of directories whose
+// entries are looked at (`dir`, `base`) end in "/": names are appended as they are.
 
 // printf into a text that is cut, silently, at `max_bytes`: what the fixed sizes of paths, shell
 // lines and history lines come down to.
@@ -70,19 +70,21 @@ int ZQGetFileCount(const std::string& dir);
 // Removes a file or a whole tree. Returns 0, also when there is none; -1 (logged) on failure.
 int ZQRemoveFile(const std::string& path);
 
-// One more than the highest count in `dir`; 0 when there is none.
+// One more than the highest count in `dir`, cut to an int; 0 when there is none.
 int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t fieldCount);
 
 // Removes the entries with a count below `keepFrom` (at least 0, so malformed names always go).
 // With `compress` each remaining entry becomes NAME.tar.gz with mode 0777; the call waits for tar.
-// Returns true when a failed removal ended the walk early, false otherwise. `ignoredFlag` has no
-// effect.
+// Each entry is dealt with as the walk meets it: a name that throws leaves those behind it as they
+// are. Returns true when a failed removal ended the walk early, false otherwise. `ignoredFlag` has
+// no effect.
 bool ZQRemoveOldFile(const std::string& dir, const std::string& prefix, uint64_t fieldCount,
                      int64_t keepFrom, bool ignoredFlag, bool compress);
 
 // The bytes of all regular files below the directory `path`; links to files count, links to
 // directories are not followed, entries that vanish during the walk are left out. Throws
-// std::filesystem::filesystem_error when `path` or a directory below it cannot be read.
+// std::filesystem::filesystem_error when `path` or a directory below it cannot be read: ENOENT when
+// there is no `path`, ENOTDIR when it is a file.
 int64_t GetDirectorySize(const std::string& path);
 
 // True when the count of name `a` is below that of name `b`.
@@ -130,5 +132,6 @@ void ZQCopyCmd(const char* from, const char* to);
 // Writes a snapshot of the log buffers into the directory `dir` (no "/" at its end):
 // pre_android.log, pre_event.log, pre_radio.log, pre_kernel.log. Blocks until the dumps are seen
 // finished, at most about 10 seconds, then sends SIGTERM to all of them; what has not ended yet is
-// not waited for. For one thread at a time that nothing else reaps for.
+// not waited for. No other thread may collect children meanwhile: a dump that it collects counts as
+// unfinished, and its pid, a stranger's perhaps by then, gets the SIGTERM.
 void ZQDumpBaseLog(const char* dir);
