@@ -39,8 +39,6 @@ std::vector<std::string> names_in(const std::string& dir) {
     return names;
 }
 
-// --- Names ---------------------------------------------------------------------------------------
-
 TEST(Names, CountIsFieldOneOfAWellFormedName) {
     const std::tuple<const char*, uint64_t, int64_t> cases[] = {
         {"ZQLog_7_2025-01-02-03-04-05", 3, 7},
@@ -79,9 +77,7 @@ TEST(Names, OnlyTheFirstTokenEndsAtTheDelimiter) {
     EXPECT_THAT(split("", " "), IsEmpty());
 }
 
-// --- Folders -------------------------------------------------------------------------------------
-
-TEST_F(Folder, IsMadeWithTheLastComponentAloneOpen) {
+TEST_F(Folder, IsMadeWithItsLastComponentOpenAndAComposedNameCut) {
     umask(022);
     EXPECT_EQ(ZQCreateDir(dir_ + "a/b/"), 0);
     EXPECT_EQ(fs::status(dir_ + "a").permissions(), fs::perms(0755));
@@ -91,9 +87,6 @@ TEST_F(Folder, IsMadeWithTheLastComponentAloneOpen) {
         EXPECT_EQ(ZQCreateDir(dir_ + path), 0) << path;
         EXPECT_EQ(fs::status(dir_ + path).permissions(), fs::perms(0777)) << path;
     }
-}
-
-TEST_F(Folder, HasAComposedNameCutToTheCallersBuffer) {
     char out[512];
     EXPECT_EQ(ZQCreateDirByFormat(dir_, "ZQLog_", 12, "%Y-%m-%d-%H-%M-%S", sizeof(out), out), 0);
     EXPECT_THAT(out, MatchesRegex(dir_ + "ZQLog_12_20..-..-..-..-..-.."));
@@ -131,8 +124,6 @@ TEST_F(Folder, SizeCountsRegularFilesOnceAndThroughLinks) {
     EXPECT_THROW(GetDirectorySize(dir_ + "a"), fs::filesystem_error);
     EXPECT_THROW(GetDirectorySize(dir_ + "none"), fs::filesystem_error);
 }
-
-// --- Observer ----------------------------------------------------------------------------------
 
 std::mutex calls_mutex;
 std::condition_variable calls_changed;
