@@ -57,7 +57,9 @@ TEST(Language, RefusesWhatItDoesNotKnow) {
     } const cases[] = {
         {"mkdir /x", "x.rc:1: 'mkdir' stands outside of a section"},
         {"on boot\n\n frob 1", "x.rc:3: unknown command 'frob'"},
-        {"on boot\n mkdir /x 0755 root", "x.rc:2: mkdir takes 4 arguments, not 3"},
+        {"on boot\n mkdir /x 0755 root", "x.rc:2: mkdir takes 4 to 5 arguments, not 3"},
+        {"on boot\n mkdir /x 0755 root root encryption=Perhaps",
+         "x.rc:2: 'encryption=Perhaps' is not a class of encryption"},
         {"on boot\n chmod 0855 /x", "x.rc:2: '0855' is not an octal mode"},
         {"on boot\n mkdir /x 0755 nobody2 root", "x.rc:2: unknown user 'nobody2'"},
         {"on boot\n setprop a/b 1", "x.rc:2: 'a/b' is not a property name"},
