@@ -131,11 +131,12 @@ class first_call_hangs {
 };
 
 TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
-    fs::create_directories(kDropbox + "dir_crash");
+    fs::create_directories("/data/system/folder");
+    fs::rename("/data/system/folder", kDropbox + "folder_crash");
     write_file(kDropbox + "created_crash", "moved files only");
     const std::string no_folder = "ZQEvent_" + std::string(235, 'p');
     const std::vector<std::string> names = {"system_server_watchdog_crash@1",
-                                            "anr_crash@2",
+                                            "anr_crash@2.tmp",
                                             "data_app_crash@3",
                                             "ZQEvent_pkg_Hang@4",
                                             "ZQEvent_pkg_anr@5",
@@ -152,6 +153,7 @@ TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
     EXPECT_THAT(types_in_history(), ElementsAre("UIWDT", "ANR", "JAVACRASH", "Hang", "ANR",
                                                 "JAVACRASH", "x", "JAVACRASH", "ANR"));
     EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
+    EXPECT_THAT(read_lines(kHistory).front(), HasSubstr(" UNKNOWN "));
     EXPECT_THAT(daemon_.log.lines(),
                 Contains(MatchesRegex("I ZQ_EVENT_LOG: event\\[wd:1, mask:0x128, cookie:[0-9]+, "
                                       "len:32, name:system_server_watchdog_crash@1\\]")));
@@ -177,7 +179,7 @@ TEST_F(Watcher, TombstonesCountAsTheyArrive) {
 TEST_F(Watcher, ASwitchedOffCategoryMakesNothing) {
     set_switch("crashlog.enable", false);
     ASSERT_TRUE(wait_for_log("persist.service.crashlog.enable changed to 0", 1));
-    move_into_dropbox("anr@1");
+    move_into_dropbox("ZQEvent_p_crash@1");  // also of the other category's row
     move_into_dropbox("ZQEvent_p_e@2");
     ASSERT_TRUE(wait_for_notices(1));
     EXPECT_THAT(types_in_history(), ElementsAre("e"));
@@ -225,6 +227,7 @@ TEST_F(Watcher, ARemovalThatIsQueuedAtASwitchOffLeadsToAWatch) {
     ASSERT_TRUE(wait_for_log("Can't add watch for /data/tombstones. wd is-1 error: No such", 1));
     first_call_hangs::let_go();
     ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted", 1));
+    EXPECT_EQ(mode_of(kTombstones), 0755);
     write_file(kTombstones + "tombstone_01", "");
     ASSERT_TRUE(wait_for_notices(2));
 }
@@ -236,24 +239,19 @@ TEST_F(Watcher, AnUnmountedDirectoryIsSaidAndWatchedAtTheNextSwitchOn) {
     ASSERT_EQ(umount(kTombstones.c_str()), 0);
     ASSERT_TRUE(wait_for_log("E ZQ_EVENT_LOG: /data/tombstones is unmounted", 1));
     switch_detection(false);
-    switch_detection(true);
+    fs::remove(kDropbox);  // without which the other is watched all the same
+    set_switch("event.detect", true);
+    ASSERT_TRUE(wait_for_log("/data/tombstones has been snooped", 3));
     write_file(kTombstones + "tombstone_01", "");
     ASSERT_TRUE(wait_for_notices(1));
 }
 
 TEST_F(Watcher, ABurstIsCollectedOnceEach) {
-    constexpr int kFiles = 300;
+    constexpr int kFiles = 150;
     deliver(0, kFiles);
     ASSERT_TRUE(wait_for_notices(kFiles));
     EXPECT_THAT(packages_told(), ElementsAreArray(packages(0, kFiles)));
     EXPECT_THAT(types_in_history(), SizeIs(kFiles));
-    // The last child is collected with the next record.
-    move_into_dropbox("boring");
-    ASSERT_TRUE(wait_for_log("name:boring]", 1));
-    EXPECT_TRUE(wait_until("/data", [&] {
-        return std::ranges::none_of(
-            processes(), [&](const process& each) { return each.parent == daemon_.pid; });
-    }));
 }
 
 TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
@@ -274,7 +272,7 @@ TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
 TEST_F(Watcher, AChildThatNeverEndsHoldsUpNoSwitch) {
     const size_t threads = daemon_entries("task");
     const size_t descriptors = daemon_entries("fd");
-    constexpr int kSwitches = 200;
+    constexpr int kSwitches = 100;
     const first_call_hangs am("am");
     deliver(0, 1);
     ASSERT_TRUE(first_call_hangs::wait_until_it_hangs());
@@ -314,6 +312,8 @@ TEST_F(Watcher, EarlyDumpsThatHangAreBounded) {
         ASSERT_TRUE(
             wait_for_log("E ZQ_EVENT_LOG: skip extra dump, 8 have not ended: pre_watchdog@", 2));
         EXPECT_TRUE(wait_until("/data", [] { return processes_named("cat").size() == 8; }));
+        const std::string child = std::to_string(processes_named("cat").front());
+        EXPECT_THAT(run("ls -l /proc/" + child + "/fd").output, Not(HasSubstr("anon_inode")));
         write_file("/data/gate", "go on");
         EXPECT_TRUE(wait_until("/data", [] { return processes_named("cat").empty(); }));
     }
@@ -349,9 +349,6 @@ TEST_F(Watcher, SigtermForTheProcessEndsIt) {
 }
 
 // --- Faults --------------------------------------------------------------------------------------
-
-// What an event runs, in its order.
-const std::string kSteps[] = {"cp", "timeout", "am"};
 
 std::map<std::string, std::string> files_below(const std::string& dir) {
     std::map<std::string, std::string> files;
@@ -474,10 +471,10 @@ TEST_F(Faults, WithoutProcessesAnEventIsKeptUntold) {
 
 TEST_F(Faults, AChildKilledAtAnyStepCostsItsPartAlone) {
     size_t told = 0;
-    for (const std::string& step : kSteps) {
+    for (const std::string step : {"cp", "am"}) {
         {
             const replaced_program killed(step, "kill -KILL $$");
-            move_into_dropbox("system_server_crash@" + step);
+            move_into_dropbox("anr@" + step);
             ASSERT_TRUE(wait_for_log("notify eventreport", ++told));
             // The next record shows that the one before is through.
             move_into_dropbox("boring@" + step);
@@ -491,7 +488,7 @@ TEST_F(Faults, AChildKilledAtAnyStepCostsItsPartAlone) {
 
 TEST_F(Faults, ADaemonKilledAtAnyStepGoesOnWithTheNextCount) {
     size_t starts = 1;
-    for (const std::string& step : kSteps) {
+    for (const std::string step : {"cp", "timeout", "am"}) {  // what an event runs
         {
             const replaced_program killer(step, "kill -KILL " + std::to_string(daemon_.pid));
             move_into_dropbox("system_server_crash@" + step);
@@ -503,7 +500,7 @@ TEST_F(Faults, ADaemonKilledAtAnyStepGoesOnWithTheNextCount) {
         expect_next_event();
         EXPECT_THAT(files_below(kCrashlog), IsSupersetOf(before));
     }
-    EXPECT_THAT(types_in_history(), SizeIs(2 * std::size(kSteps)));
+    EXPECT_THAT(types_in_history(), SizeIs(6));
 }
 
 TEST_F(Faults, TheAppMayEmptyItsStagingFolderAtAnyTime) {
