@@ -43,7 +43,8 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
         {"defaults", {}, {event + "2", kernel, radio, android + "20000 -n 5"}},
         {"boost",
          {"sys.brevix.dynamic.log=1", "persist.sys.apklogfs.size=40",
-          "persist.sys.eventlogfs.size=7", "persist.service.radiologfs.enable=true"},
+          "persist.sys.apklogfs.rotate_kbytes=6000", "persist.sys.eventlogfs.size=7",
+          "persist.service.radiologfs.enable=10"},
          {event + "7", kernel, android + "50000 -n 40"}},
         {"all off",
          {"persist.service.apklogfs.enable=0", "persist.service.eventlogfs.enable=0"},
@@ -99,6 +100,10 @@ TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
 
 TEST_F(GeneralLog, AChannelWithoutMemoryForItsStartIsSaid) {
     write_program("/system/bin/logcat", "exec sleep 1000");
+    const pid_t stranger = fork();
+    while (stranger == 0) {
+        pause();
+    }
     for (const int settings : {0, 1}) {
         const log_lines log;
         spawn_settings_left = settings;
@@ -108,16 +113,26 @@ TEST_F(GeneralLog, AChannelWithoutMemoryForItsStartIsSaid) {
                     Contains("E ZQ_UTIL: tag: android, error: Cannot allocate memory"));
         EXPECT_EQ(log.count(", pid: "), 3U);
     }
+    kill(stranger, SIGKILL);
+    EXPECT_EQ(wait_status(stranger), SIGKILL) << "a child that is none was signalled as -1, all";
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(wait_status(-1), SIGTERM);
+    }
 }
 
-TEST_F(GeneralLog, TenCapturesAreKept) {
+TEST_F(GeneralLog, TenCapturesAreKeptBelowTheCeiling) {
     write_program("/system/bin/logcat", "exec sleep 1000");
     for (int i = 0; i < 12; ++i) {
         capturing(nullptr, true);
         capturing(nullptr, false);
     }
     EXPECT_THAT(names_in(kGeneral), SizeIs(10));
-    EXPECT_THAT(names_in(kGeneral).front(), MatchesRegex("ZQLog_10_20..-..-..-..-..-.."));
+    const std::string tenth = names_in(kGeneral).front();
+    EXPECT_THAT(tenth, MatchesRegex("ZQLog_10_20..-..-..-..-..-.."));
+    write_file(kGeneral + "/" + tenth + "/android.log", "");
+    fs::resize_file(kGeneral + "/" + tenth + "/android.log", int64_t{3} << 30);
+    capturing(nullptr, true);
+    EXPECT_THAT(names_in(kGeneral), ElementsAre(StartsWith("ZQLog_11_"), StartsWith("ZQLog_12_")));
 }
 
 // --- The daemon, switched by its property --------------------------------------------------------
@@ -227,6 +242,14 @@ TEST_F(GeneralLog, ANumberThatIsNoneEndsTheDaemon) {
     set_property("persist.service.brevix.gl.num", "ten");
     set_property("persist.service.start.capture", "1");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
+    // A thread takes a pid, too: a daemon that gives up at the upgrade has subscribed nothing yet.
+    set_property("persist.service.brevix.version", "new");
+    std::vector<pid_t> pids;
+    for (const char* arguments : {"unknown", "", "unknown"}) {
+        pids.push_back(start(std::string("exec zq_brevix ") + arguments));
+        wait_status(pids.back());
+    }
+    EXPECT_EQ(pids[2] - pids[1], pids[1] - pids[0]);
 }
 
 }  // namespace

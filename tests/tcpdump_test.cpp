@@ -65,7 +65,7 @@ class Capture : public Test {
     void start() {
         set_property(kSwitch, "0");
         fs::remove(kOutput);
-        tool_ = fixture::start("exec zq_brevix tcpdump >/data/output 2>&1");
+        tool_ = fixture::start("exec zq_brevix tcpdump x >/data/output 2>&1");
         set_property(kSwitch, "1");
         ASSERT_TRUE(wait_for_text(kOutput, "start recording"));
     }
@@ -74,7 +74,7 @@ class Capture : public Test {
         fs::remove("/data/started");
         write_program("/system/bin/tcpdump", tcpdump);
         start();
-        ASSERT_TRUE(wait_until("/data", [] { return fs::exists("/data/started"); }));
+        ASSERT_TRUE(wait_for_text("/data/started", "\n"));
     }
 
     void stop() {
@@ -128,7 +128,7 @@ TEST_F(Capture, LeavesReadablePacketsAndNoProcess) {
 }
 
 TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
-    const std::string endless = "echo >/data/started; exec sleep 1000";
+    const std::string endless = "echo $* >/data/started; exec sleep 1000";
     write_program("/system/bin/tcpdump", endless);
     for (int i = 0; i < 20 && !HasFailure(); ++i) {
         start();
@@ -138,6 +138,8 @@ TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
         start_and_wait(endless);
         stop();
     }
+    EXPECT_THAT(read_file("/data/started"),
+                StartsWith("-i any -p -s 128 -C 100 -W 10 -w/data/tcpdump/20"));
 }
 
 constexpr char kEndsInItsOwnTime[] =
