@@ -31,7 +31,7 @@ namespace {
     }
 }
 
-// Keys pressed while the shell line runs are for that alone, as system() has it for `cmd`.
+// Ignores the terminal's signals while the shell line runs, as system() does for `cmd`.
 void copy_folder(int /*argc*/, char* argv[]) {
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
@@ -82,8 +82,8 @@ constexpr sub_command kSubCommands[] = {
 
 }  // namespace
 
-// Every way to return gives 0: the service manager and the app look at what was written, never at
-// the exit status.
+// Always returns 0: the service manager and the app look at what was written, never at the exit
+// status.
 int main(int argc, char* argv[]) {
     if (argc == 1) {
         run_daemon();

@@ -29,12 +29,12 @@ struct log_settings {
     const char* count_default;
     const char* rotate_default;
     bool dynamic;                // obeys "sys.brevix.dynamic.log"
-    const char* dynamic_count;   // at least so many files while that is on
-    const char* dynamic_rotate;  // at least so many kilobytes while that is on
+    const char* dynamic_count;   // minimum of files while that is on
+    const char* dynamic_rotate;  // minimum of kilobytes while that is on
     const char* command;         // file, kilobytes, count; ends in a blank
 };
 
-// One switch for "android" and "kernel" on purpose: the two are only read side by side.
+// "android" and "kernel" share a switch on purpose: they are read side by side.
 // clang-format off
 constexpr log_settings kChannels[] = {
     {"android",
@@ -61,7 +61,7 @@ struct property_value {
 
     property_value(const char* name, const char* fallback) { property_get(name, text, fallback); }
     bool is_on() const { return strcmp(text, "1") == 0; }
-    // Both texts are numbers; the greater one stays.
+    // Keeps the greater number.
     void raise_to(const char* minimum) {
         if (atoi(minimum) > atoi(text)) {
             snprintf(text, sizeof(text), "%s", minimum);
@@ -95,7 +95,7 @@ const std::string kBase = "/data/logs/general_log/";
 const std::string kPrefix = "ZQLog_";
 constexpr uint64_t kNameFields = 3;
 
-// Makes room for the capture `count` within the number kept and the size ceiling.
+// Removes old captures by number and by total size, so that the capture `count` fits in.
 bool prune(int count) {
     const int keep = std::stoi(property_value("persist.service.brevix.gl.num", "10").text);
     if (ZQRemoveOldFile(kBase, kPrefix, kNameFields, int64_t{count} - keep + 1, true, false)) {
