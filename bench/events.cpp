@@ -4,7 +4,7 @@
 #include <set>
 
 #include "bench/figures.h"
-#include "host/inside.h"
+#include "testing/device.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "host/inside.h"
+#include "testing/device.h"
 #include "utils/util.h"
 
 void require(bool condition, const std::string& what) {

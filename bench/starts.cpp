@@ -3,7 +3,7 @@
 #include <sched.h>
 
 #include "bench/figures.h"
-#include "host/inside.h"
+#include "testing/device.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Count and size: the walks that retention makes over the folders that are kept.
 
 #include "bench/figures.h"
-#include "host/inside.h"
+#include "testing/device.h"
 #include "utils/util.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // Scripts of the device's init.
 
-#include "host/init_script.h"
-
 #include <cstdlib>
+
+#include "host/init/script.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const init::parsed parsed = init::parse({{"f", {reinterpret_cast<const char*>(data), size}}});

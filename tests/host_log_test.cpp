@@ -8,8 +8,8 @@
 #include <semaphore>
 #include <thread>
 
-#include "host/kernel_log.h"
-#include "host/log_store.h"
+#include "host/log/kernel.h"
+#include "host/log/store.h"
 #include "tests/device_fixture.h"
 
 namespace {

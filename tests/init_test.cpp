@@ -2,8 +2,8 @@
 
 #include <sys/capability.h>
 
-#include "host/init_launch.h"
-#include "host/init_script.h"
+#include "host/init/launch.h"
+#include "host/init/script.h"
 #include "tests/device_fixture.h"
 
 namespace {

@@ -29,8 +29,8 @@
 #include <string>
 #include <vector>
 
-#include "host/init_launch.h"
-#include "host/init_script.h"
+#include "host/init/launch.h"
+#include "host/init/script.h"
 
 namespace fs = std::filesystem;
 using android::base::unique_fd;

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "host/log_store.h"
+#include "host/log/store.h"
 
 namespace {
 

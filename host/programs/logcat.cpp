@@ -25,8 +25,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/kernel_log.h"
-#include "host/log_store.h"
+#include "host/log/kernel.h"
+#include "host/log/store.h"
 
 using android::base::unique_fd;
 

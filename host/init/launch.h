@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "host/init_script.h"
+#include "host/init/script.h"
 
 namespace init {
 

@@ -1,10 +1,10 @@
-#include "bench/soak/daemon_log.h"
+#include "tests/soak/daemon_log.h"
 
 #include <sstream>
 #include <stdexcept>
 
-#include "host/inside.h"
-#include "host/log_store.h"
+#include "host/log/store.h"
+#include "testing/device.h"
 
 namespace soak {
 

@@ -1,10 +1,10 @@
-#include "bench/soak/steering.h"
+#include "tests/soak/steering.h"
 
 #include <cstring>
 #include <stdexcept>
 
-#include "bench/soak/device.h"
-#include "host/inside.h"
+#include "testing/device.h"
+#include "tests/soak/device.h"
 
 namespace soak {
 

@@ -7,7 +7,7 @@
 
 #include <cstdlib>
 
-#include "host/log_store.h"
+#include "host/log/store.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <map>
 #include <string>
 
-#include "bench/soak/daemon_log.h"
-#include "bench/soak/ledger.h"
+#include "tests/soak/daemon_log.h"
+#include "tests/soak/ledger.h"
 
 namespace soak {
 

@@ -1,4 +1,4 @@
-#include "bench/soak/device.h"
+#include "tests/soak/device.h"
 
 #include <android-base/stringprintf.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "host/inside.h"
+#include "testing/device.h"
 
 namespace soak {
 

@@ -1,4 +1,4 @@
-#include "host/init_script.h"
+#include "host/init/script.h"
 
 #include <grp.h>
 #include <pwd.h>

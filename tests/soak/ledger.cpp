@@ -1,4 +1,4 @@
-#include "bench/soak/ledger.h"
+#include "tests/soak/ledger.h"
 
 #include <android-base/strings.h>
 
@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "host/inside.h"
+#include "testing/device.h"
 
 namespace soak {
 

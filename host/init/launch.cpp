@@ -1,6 +1,6 @@
 #define LOG_TAG "init"
 
-#include "host/init_launch.h"
+#include "host/init/launch.h"
 
 #include <android-base/logging.h>
 #include <fcntl.h>

@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/log_source.h"
+#include "host/log/source.h"
 
 inline constexpr char kLogFolder[] = "/dev/log";
 

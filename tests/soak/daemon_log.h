@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "bench/soak/device.h"
+#include "tests/soak/device.h"
 
 namespace soak {
 

@@ -1,4 +1,4 @@
-#include "host/log_store.h"
+#include "host/log/store.h"
 
 #include <fcntl.h>
 #include <log/log_id.h>

@@ -1,4 +1,4 @@
-#include "host/kernel_log.h"
+#include "host/log/kernel.h"
 
 #include <time.h>
 #include <unistd.h>

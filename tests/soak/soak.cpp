@@ -13,10 +13,10 @@
 #include <random>
 #include <stdexcept>
 
-#include "bench/soak/device.h"
-#include "bench/soak/steering.h"
-#include "host/inside.h"
-#include "host/log_store.h"
+#include "host/log/store.h"
+#include "testing/device.h"
+#include "tests/soak/device.h"
+#include "tests/soak/steering.h"
 
 namespace soak {
 

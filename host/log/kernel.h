@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/log_source.h"
+#include "host/log/source.h"
 
 struct kernel_record {
     android_LogPriority priority = ANDROID_LOG_INFO;

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/soak/device.h"
+#include "tests/soak/device.h"
 
 namespace soak {
 
