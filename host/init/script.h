@@ -1,48 +1,39 @@
 // The language of init's .rc files, as far as the files of this device use it.
 #pragma once
 
-#include <sys/capability.h>
-#include <sys/types.h>
-
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace init {
 
-enum class verb { chmod, class_start, mkdir, setprop, start, stop, symlink, trigger };
+using words = std::vector<std::string>;
+
+class device;
+
+struct command_row {
+    const char* keyword;
+    size_t min_arguments;
+    size_t max_arguments;
+    bool (*run)(device& target, const words& arguments);  // false: failed, errno says why
+};
 
 struct command {
-    verb what;
-    std::vector<std::string>
-        arguments;     // checked: their number, and that each is what it should be
+    const command_row* row;
+    words arguments;   // as many as the row takes
     std::string text;  // "FILE:LINE: " and the line's words, for messages
 };
 
-struct property_condition {
-    std::string name;
-    std::string value;
-};
-
-// Has an event, conditions, or both.
+// Has an event, properties, or both.
 struct action {
     std::string event;  // empty: set off by its properties
-    std::vector<property_condition> properties;
+    std::map<std::string, std::string> properties;
     std::vector<command> commands;
 };
 
 struct service {
-    std::vector<std::string> arguments;  // the first is the program's path
-    std::string class_name = "default";
-    uid_t user = 0;
-    gid_t group = 0;
-    std::vector<gid_t> groups;  // supplementary
-    // Without a value those of the user, all for root; with one exactly these.
-    std::optional<std::vector<cap_value_t>> capabilities;
-    std::optional<int> oom_score_adjust;
-    bool disabled = false;  // not started with its class
-    bool oneshot = false;   // not started again when it ends
+    words arguments;                       // the first is the program's path
+    std::map<std::string, words> options;  // by keyword
 };
 
 struct script {
@@ -50,24 +41,10 @@ struct script {
     std::map<std::string, service> services;
 };
 
-struct source {
-    std::string file;  // for messages
-    std::string text;
-};
-
-struct parsed {
-    script result;                    // incomplete when there are errors
-    std::vector<std::string> errors;  // "FILE:LINE: message"
-};
-
-// Reads the files as one script: a command may name a service of a later file. Whatever the
-// language has and these functions do not know, quotes and expansions included, is an error.
-// Throws nothing but std::bad_alloc; users and groups are looked up in the system's lists.
-parsed parse(const std::vector<source>& sources);
-
-// What a checked argument stands for; no value when it stands for nothing.
-std::optional<mode_t> mode_of(const std::string& octal);
-std::optional<uid_t> user_named(const std::string& name);
-std::optional<gid_t> group_named(const std::string& name);
+// Reads the files as one script: a command may name a service of a later file. Throws
+// std::runtime_error with "FILE:LINE: what" at the first line with anything that is not known here,
+// quotes and expansions included, and with "FILE: what" when a file cannot be read.
+script read_scripts(const std::vector<std::string>& files,
+                    const std::vector<command_row>& commands);
 
 }  // namespace init
