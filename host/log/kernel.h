@@ -16,7 +16,6 @@
 struct kernel_record {
     android_LogPriority priority = ANDROID_LOG_INFO;
     std::chrono::microseconds since_boot{};
-    int32_t tid = 0;  // 0: the kernel does not say
     std::string tag;  // "" when the text begins with none
     std::string message;
 };
