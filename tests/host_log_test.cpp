@@ -149,12 +149,12 @@ TEST(LogStore, SoundEntriesAreFoundBetweenDamage) {
 TEST(KernelLog, RecordsAreParsed) {
     const struct {
         const char* text;
-        const char* expected;  // priority, microseconds, thread, tag, message; "" for none
+        const char* expected;  // priority, microseconds, tag, message; "" for none
     } kCases[] = {
-        {"6,1,5000000,-;init: starting service\n", "4 5000000 0 [init] starting service"},
-        {"0,1,0,-;no tag here\n SUBSYSTEM=usb\n DEVICE=x\n", "7 0 0 [] no tag here"},
-        {"12,1,1,c,caller=T42;a: b: c", "5 1 42 [a] b: c"},
-        {"5,1,1,-,caller=C0;t\\x5cn\\xc3\\xa4\\x00\\xg\\x1", "4 1 0 [] t\\n\xc3\xa4\\x00\\xg\\x1"},
+        {"6,1,5000000,-;init: starting service\n", "4 5000000 [init] starting service"},
+        {"0,1,0,-;no tag here\n SUBSYSTEM=usb\n DEVICE=x\n", "7 0 [] no tag here"},
+        {"12,1,1,c,caller=T42;a: b: c", "5 1 [a] b: c"},
+        {"5,1,1,-,caller=C0;t\\x5cn\\xc3\\xa4\\x00\\xg\\x1", "4 1 [] t\\n\xc3\xa4\\x00\\xg\\x1"},
         {"7,9,-1,-;x", ""},
         {"x,9,1,-;x", ""},
         {"7,9,1", ""},
@@ -162,8 +162,8 @@ TEST(KernelLog, RecordsAreParsed) {
     for (const auto& [text, expected] : kCases) {
         std::ostringstream parsed;
         if (const auto record = parse_kernel_record(text)) {
-            parsed << record->priority << " " << record->since_boot.count() << " " << record->tid
-                   << " [" << record->tag << "] " << record->message;
+            parsed << record->priority << " " << record->since_boot.count() << " [" << record->tag
+                   << "] " << record->message;
         }
         EXPECT_EQ(parsed.str(), expected) << text;
     }
