@@ -46,7 +46,7 @@ class follower {
     }
 
   private:
-    android::base::unique_fd inotify_{inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
+    android::base::unique_fd inotify_ = open_inotify();
     log_reader reader_{LOG_ID_MAIN, inotify_.get()};
 };
 
