@@ -1,7 +1,10 @@
 // File names in the watched directories: which rows they match, what an app event's name carries,
 // and the command line that comes of it.
 
-#include "zq_event_log.cpp"  // its decisions are its own
+#include <cstdlib>
+
+#include "event/decisions.h"
+#include "utils/util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string name(reinterpret_cast<const char*>(data), size);
@@ -22,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             event.type.size() == kMaxTypeBytes || event.package.size() == kMaxPackageBytes;
         if ((!is_cut && name.substr(0, name.find('@')) != begin) ||
             event.type.size() > kMaxTypeBytes || event.package.find('_') != std::string::npos ||
-            report_command(event).size() > kMaxPathBytes) {
+            notice_command(event).size() > kMaxPathBytes) {
             abort();
         }
     }

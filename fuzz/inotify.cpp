@@ -1,6 +1,10 @@
 // What the kernel, or anything else, may put into the watcher's buffer.
 
-#include "zq_event_log.cpp"  // its decisions are its own
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "event/decisions.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     alignas(inotify_event) char buffer[512];

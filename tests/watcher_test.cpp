@@ -16,6 +16,14 @@ void deliver(int first, int end) {
     }
 }
 
+std::vector<std::string> packages(int first, int end) {
+    std::vector<std::string> names;
+    for (int i = first; i < end; ++i) {
+        names.push_back("p" + std::to_string(i));
+    }
+    return names;
+}
+
 // Made before the daemon starts, as init does.
 struct event_folders {
     event_folders() { make_event_folders(); }
@@ -29,7 +37,7 @@ class Watcher : event_folders, public Test {
         }
         wait_until_armed(1);
     }
-    // For the so manieth time.
+    // times: how many starts of the daemon there have been so far.
     static void wait_until_armed(size_t times) {
         for (const char* text : {"crashlog.enable changed to 1", "custom.event changed to 1",
                                  "tombstones has been snooped"}) {
@@ -45,10 +53,12 @@ class Watcher : event_folders, public Test {
     static bool wait_for_notices(size_t count) {
         return wait_until("/data/brevix", [=] { return read_lines(kNotices).size() >= count; });
     }
-    static std::set<std::string> packages_told() {
-        std::set<std::string> packages;
+    // In the order of the notices.
+    static std::vector<std::string> packages_told() {
+        std::vector<std::string> packages;
         for (const std::string& line : read_lines(kNotices)) {
-            packages.insert(line.substr(line.find("--es name "), 20));
+            const size_t begin = line.find("--es name ") + 10;
+            packages.push_back(line.substr(begin, line.find(' ', begin) - begin));
         }
         return packages;
     }
@@ -65,7 +75,59 @@ class Watcher : event_folders, public Test {
         return names_in("/proc/" + std::to_string(daemon_.pid) + "/" + kind).size();
     }
 
+    // Of the watched directories; those of the property waits have other masks.
+    size_t watches() const {
+        const std::string dir = "/proc/" + std::to_string(daemon_.pid) + "/fdinfo/";
+        size_t count = 0;
+        for (const std::string& fd : names_in(dir)) {
+            const std::string info = read_file(dir + fd);
+            count += info.find("mask:c80") != info.npos ? 1 : 0;
+            count += info.find("mask:d08") != info.npos ? 1 : 0;
+        }
+        return count;
+    }
+    void switch_detection(bool on) const {
+        set_switch("event.detect", on);
+        ASSERT_TRUE(wait_until("/data", [&] { return watches() == (on ? 2 : 0); }));
+    }
+
     daemon_process daemon_;
+};
+
+// While it lives, that program of the device is replaced.
+class replaced_program {
+  public:
+    replaced_program(const std::string& name, const std::string& shell_text)
+        : path_("/system/bin/" + name) {
+        fs::rename(path_, path_ + ".kept");
+        write_program(path_, shell_text);
+    }
+    ~replaced_program() { fs::rename(path_ + ".kept", path_); }
+    replaced_program(const replaced_program&) = delete;
+    replaced_program& operator=(const replaced_program&) = delete;
+
+  private:
+    const std::string path_;
+};
+
+// The first call of a program hangs until it is let go; the others do their work.
+class first_call_hangs {
+  public:
+    explicit first_call_hangs(const std::string& name)
+        : program_(name,
+                   "if mkdir /data/gates/reached; then exec cat /data/gates/gate; fi 2>&-; "
+                   "exec /system/bin/" +
+                       name + ".kept \"$@\"") {
+        fs::create_directories("/data/gates");
+        mkfifo("/data/gates/gate", 0600);
+    }
+    static bool wait_until_it_hangs() {
+        return wait_until("/data/gates", [] { return fs::exists("/data/gates/reached"); });
+    }
+    static void let_go() { write_file("/data/gates/gate", "go on"); }
+
+  private:
+    const replaced_program program_;
 };
 
 TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
@@ -123,6 +185,14 @@ TEST_F(Watcher, ASwitchedOffCategoryMakesNothing) {
 }
 
 TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
+    // As init runs it; a device without a real root knows no other user.
+    const std::string user = run("/usr/bin/setpriv --reuid=1000 true").exit_status == 0
+                                 ? "/usr/bin/setpriv --reuid=1000 --regid=1000 --groups=1007 "
+                                 : "";
+    run("chown -R system:system /data");
+    kill(daemon_.pid, SIGKILL);
+    daemon_.start_again_after_its_end("umask 077; exec " + user + "zq_brevix");
+    wait_until_armed(2);
     for (size_t i = 1; i <= 10; ++i) {
         if (i % 2 == 0) {
             fs::rename(kTombstones, "/data/moved" + std::to_string(i));
@@ -130,23 +200,50 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
             fs::remove_all(kTombstones);
         }
         ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted", i));
+        EXPECT_EQ(watches(), 2U) << "none stays behind with a directory that was moved";
         write_file("/data/stone", "");
         ASSERT_EQ(link("/data/stone", (kTombstones + "tombstone_01").c_str()), 0);
         ASSERT_TRUE(wait_for_notices(i));
     }
-    fs::remove_all(kDropbox);
+    EXPECT_EQ(mode_of(kTombstones), 0700) << "under init's umask";
+    fs::rename(kDropbox, "/data/system/moved");
     ASSERT_TRUE(wait_for_log("/data/system/dropboxhas been deleted", 1));
     move_into_dropbox("anr");
     ASSERT_TRUE(wait_for_notices(11));
     EXPECT_EQ(types_in_history().size(), 11U);
 }
 
+TEST_F(Watcher, ARemovalThatIsQueuedAtASwitchOffLeadsToAWatch) {
+    const first_call_hangs am("am");
+    move_into_dropbox("anr@in hand");
+    ASSERT_TRUE(first_call_hangs::wait_until_it_hangs());
+    fs::remove(kTombstones);
+    switch_detection(false);
+    set_switch("event.detect", true);
+    ASSERT_TRUE(wait_for_log("Can't add watch for /data/tombstones. wd is-1 error: No such", 1));
+    first_call_hangs::let_go();
+    ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted", 1));
+    write_file(kTombstones + "tombstone_01", "");
+    ASSERT_TRUE(wait_for_notices(2));
+}
+
+TEST_F(Watcher, AnUnmountedDirectoryIsSaidAndWatchedAtTheNextSwitchOn) {
+    switch_detection(false);
+    ASSERT_TRUE(mount_memory(kTombstones));
+    switch_detection(true);
+    ASSERT_EQ(umount(kTombstones.c_str()), 0);
+    ASSERT_TRUE(wait_for_log("E ZQ_EVENT_LOG: /data/tombstones is unmounted", 1));
+    switch_detection(false);
+    switch_detection(true);
+    write_file(kTombstones + "tombstone_01", "");
+    ASSERT_TRUE(wait_for_notices(1));
+}
+
 TEST_F(Watcher, ABurstIsCollectedOnceEach) {
     constexpr int kFiles = 300;
     deliver(0, kFiles);
     ASSERT_TRUE(wait_for_notices(kFiles));
-    EXPECT_THAT(packages_told(), SizeIs(kFiles));
-    EXPECT_THAT(read_lines(kNotices), SizeIs(kFiles));
+    EXPECT_THAT(packages_told(), ElementsAreArray(packages(0, kFiles)));
     EXPECT_THAT(types_in_history(), SizeIs(kFiles));
     // The last child is collected with the next record.
     move_into_dropbox("boring");
@@ -157,18 +254,66 @@ TEST_F(Watcher, ABurstIsCollectedOnceEach) {
     }));
 }
 
-TEST_F(Watcher, NothingQueuedIsLostByASwitchOff) {
-    write_program("/system/bin/cp", "exec sleep 0.05");  // events take their time
+TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
+    const first_call_hangs am("am");
     deliver(0, 30);
-    set_switch("event.detect", false);
-    ASSERT_TRUE(wait_for_log("stop detecting", 1));
-    move_into_dropbox("ZQEvent_while_off@1");
-    set_switch("event.detect", true);
-    ASSERT_TRUE(wait_for_log("tombstones has been snooped", 2));
-    deliver(30, 40);
-    ASSERT_TRUE(wait_for_notices(40));
-    ASSERT_TRUE(wait_for_log("I ZQ_EVENT_LOG: exit", 1));
-    EXPECT_THAT(types_in_history(), AllOf(SizeIs(40), Not(Contains("off"))));
+    ASSERT_TRUE(first_call_hangs::wait_until_it_hangs());
+    switch_detection(false);
+    move_into_dropbox("ZQEvent_off_e@1");
+    first_call_hangs::let_go();
+    ASSERT_TRUE(wait_for_log("ZQ_EVENT_LOG: exit", 1));
+    EXPECT_THAT(types_in_history(), SizeIs(1)) << "the event in hand";
+    switch_detection(true);
+    deliver(30, 32);
+    ASSERT_TRUE(wait_for_notices(31));  // the first one hung instead
+    EXPECT_THAT(packages_told(), ElementsAreArray(packages(1, 32)));
+}
+
+TEST_F(Watcher, AChildThatNeverEndsHoldsUpNoSwitch) {
+    const size_t threads = daemon_entries("task");
+    const size_t descriptors = daemon_entries("fd");
+    constexpr int kSwitches = 200;
+    const first_call_hangs am("am");
+    deliver(0, 1);
+    ASSERT_TRUE(first_call_hangs::wait_until_it_hangs());
+    for (int i = 1; i <= kSwitches; ++i) {
+        switch_detection(false);
+        switch_detection(true);
+        deliver(i, i + 1);
+    }
+    ASSERT_TRUE(wait_for_notices(kSwitches));
+    EXPECT_EQ(log_lines::count("E ZQ_UTIL : still running, no longer waited for: am startservice"),
+              1U);
+    EXPECT_EQ(log_lines::count("ZQ_EVENT_LOG: exit"), kSwitches);
+    EXPECT_THAT(packages_told(), ElementsAreArray(packages(1, kSwitches + 1)));
+    EXPECT_THAT(types_in_history(), SizeIs(kSwitches + 1));
+    EXPECT_EQ(daemon_entries("task"), threads);
+    EXPECT_EQ(daemon_entries("fd"), descriptors);
+    first_call_hangs::let_go();
+    EXPECT_TRUE(wait_until("/data", [] { return processes_named("cat").empty(); }));
+    move_into_dropbox("boring");
+    EXPECT_TRUE(wait_until("/data", [&] {
+        return std::ranges::none_of(
+            processes(), [&](const process& each) { return each.parent == daemon_.pid; });
+    }));
+}
+
+TEST_F(Watcher, EarlyDumpsThatHangAreBounded) {
+    {
+        const replaced_program dumpsys("dumpsys", "exec cat /data/gate");
+        mkfifo("/data/gate", 0600);
+        for (int i = 0; i < 10; ++i) {
+            move_into_dropbox("pre_watchdog@" + std::to_string(i));
+        }
+        ASSERT_TRUE(wait_for_log("I ZQ_EVENT_LOG: need extra dump: pre_watchdog@9", 1));
+        ASSERT_TRUE(
+            wait_for_log("E ZQ_EVENT_LOG: skip extra dump, 8 have not ended: pre_watchdog@", 2));
+        EXPECT_TRUE(wait_until("/data", [] { return processes_named("cat").size() == 8; }));
+        write_file("/data/gate", "go on");
+        EXPECT_TRUE(wait_until("/data", [] { return processes_named("cat").empty(); }));
+    }
+    move_into_dropbox("pre_watchdog@again");
+    EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
 }
 
 TEST_F(Watcher, SwitchesInAStormLeaveItWhole) {
@@ -189,7 +334,8 @@ TEST_F(Watcher, SwitchesInAStormLeaveItWhole) {
     ASSERT_TRUE(wait_for_text(kNotices, "--es name last "));
     EXPECT_TRUE(wait_until("/data", [&] { return daemon_entries("task") == threads; }));
     EXPECT_LE(daemon_entries("fd"), descriptors + 1);
-    EXPECT_THAT(packages_told(), SizeIs(types_in_history().size())) << "none twice";
+    const std::vector<std::string> told = packages_told();
+    EXPECT_THAT(std::set(told.begin(), told.end()), SizeIs(types_in_history().size()));
 }
 
 TEST_F(Watcher, SigtermForTheProcessEndsIt) {
@@ -201,22 +347,6 @@ TEST_F(Watcher, SigtermForTheProcessEndsIt) {
 
 // What an event runs, in its order.
 const std::string kSteps[] = {"cp", "timeout", "am"};
-
-// While it lives, that program of the device is replaced.
-class replaced_program {
-  public:
-    replaced_program(const std::string& name, const std::string& shell_text)
-        : path_("/system/bin/" + name) {
-        fs::rename(path_, path_ + ".kept");
-        write_program(path_, shell_text);
-    }
-    ~replaced_program() { fs::rename(path_ + ".kept", path_); }
-    replaced_program(const replaced_program&) = delete;
-    replaced_program& operator=(const replaced_program&) = delete;
-
-  private:
-    const std::string path_;
-};
 
 std::map<std::string, std::string> files_below(const std::string& dir) {
     std::map<std::string, std::string> files;

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "utils/stop_signal.h"
 #include "utils/util.h"
 
 namespace {
@@ -68,39 +69,12 @@ namespace {
 
 pthread_t tcpdump_thread = 0;  // 0 while there is no recorder
 sem_t recorder_ended;
-thread_local bool is_recorder = false;
 
 // The shell and its group. The recorder's own, set before the one place where its handler may run.
 pid_t capture = -1;
 
 // The signal that ends the process once the capture has ended, 0 if none.
 std::atomic<int> process_end{0};
-
-// Blocks, in this thread, the stop and the end of a child, which the recorder waits for while it
-// stops.
-class blocked_signals {
-  public:
-    blocked_signals() {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGTERM);
-        sigaddset(&signals, SIGCHLD);
-        pthread_sigmask(SIG_BLOCK, &signals, &previous_);
-    }
-    ~blocked_signals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-    blocked_signals(const blocked_signals&) = delete;
-    blocked_signals& operator=(const blocked_signals&) = delete;
-
-  private:
-    sigset_t previous_;
-};
-
-void install_stop_handler() {
-    struct sigaction action {};
-    action.sa_handler = tcpdump_sig_handler;
-    sigfillset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-}
 
 void start_capture(const char* line) {
     // A tcpdump that outlives its shell becomes a child of this process then, to be waited for.
@@ -146,33 +120,15 @@ void end_capture() {
     }
 }
 
-void end_process_by(int sig) {
-    signal(sig, SIG_DFL);
-    raise(sig);
-    sigset_t raised;
-    sigemptyset(&raised);
-    sigaddset(&raised, sig);
-    pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
-}
-
 void signal_recorder() {
     // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
     pthread_kill(tcpdump_thread, SIGTERM);
 }
 
-[[noreturn]] void wait_for_stop() {
-    sigset_t mask;
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    sigdelset(&mask, SIGTERM);
-    while (true) {
-        sigsuspend(&mask);
-    }
-}
-
 }  // namespace
 
 void tcpdump_sig_handler(int sig) {
-    if (!is_recorder) {
+    if (!is_stoppable()) {
         process_end = sig;
         if (tcpdump_thread == 0) {
             end_process_by(sig);
@@ -191,7 +147,6 @@ void tcpdump_sig_handler(int sig) {
 }
 
 void* record_tcpdump(void* /*unused*/) {
-    is_recorder = true;
     char limitation[PROPERTY_VALUE_MAX] = {};
     char size[PROPERTY_VALUE_MAX] = {};
     char file[PROPERTY_VALUE_MAX] = {};
@@ -199,9 +154,11 @@ void* record_tcpdump(void* /*unused*/) {
     property_get("sys.tcpdump.size", size, "100,10");
     property_get("sys.tcpdump.file", file, "");
     const std::string line = capture_command(size, file, limitation);
-    install_stop_handler();
+    make_stoppable(tcpdump_sig_handler);
     start_capture(line.c_str());
-    wait_for_stop();
+    while (true) {
+        wait_or_stop(-1);
+    }
 }
 
 // --- Control -------------------------------------------------------------------------------------

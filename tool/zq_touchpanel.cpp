@@ -131,10 +131,8 @@ constexpr touch_controller kControllers[] = {
 };
 
 std::string output_path(const char* suffix) {
-    const tm local = local_time(time(nullptr));
-    char stamp[80] = {};
-    strftime(stamp, sizeof(stamp), "%Y-%m-%d_%H-%M-%S", &local);
-    return std::string("/data/logs/touch_panel/tp_log_") + stamp + suffix;
+    const std::string stamp = format_time("%Y-%m-%d_%H-%M-%S", local_time(time(nullptr)));
+    return "/data/logs/touch_panel/tp_log_" + stamp + suffix;
 }
 
 void hand_over() {

@@ -25,6 +25,11 @@ constexpr size_t kMaxPathBytes = 511;  // also of shell lines and history lines
 // The broken-down local time, in the zone that is set at the time of the call.
 tm local_time(time_t time);
 
+// strftime, at most 63 bytes.
+std::string format_time(const char* format, const tm& time);
+
+inline constexpr const char* kFileTimeFormat = "%Y-%m-%d-%H-%M-%S";
+
 // --- Directories and names ---------------------------------------------------------------------
 
 // Makes `path` and its missing parents and gives the last component mode 0777 (parents keep the

@@ -1,0 +1,68 @@
+#include "event/decisions.h"
+
+#include <android-base/strings.h>
+
+#include <cstring>
+#include <vector>
+
+#include "utils/util.h"
+
+bool row_matches(const event_watch& watch, int64_t row, const std::string& name) {
+    if (name.find(watch.pattern[row]) == std::string::npos) {
+        return false;
+    }
+    // The companions of a tombstone are no events of their own.
+    const bool is_companion = name.size() >= 4 && (name.ends_with(".pb") || name.ends_with(".tmp"));
+    return strcmp(watch.type[row], "TOMBSTONE") != 0 || !is_companion;
+}
+
+// App events name themselves: "ZQEvent_" PACKAGE "_" EVENT, and from an "@" on whatever the dropbox
+// adds. This contract with apps is frozen. Returns what is wrong with the name, null if nothing is.
+const char* parse_app_event(const std::string& file_name, collected_event& out) {
+    if (!file_name.starts_with("ZQEvent_")) {
+        return "parse info from filename prefix incorrectly";
+    }
+    const std::vector<std::string> parts =
+        android::base::Split(file_name.substr(0, file_name.find('@')), "_");
+    if (parts.size() != 3) {
+        return "parse info from filename split size incorrectly";
+    }
+    out.package = parts[1].substr(0, kMaxPackageBytes);
+    out.type = parts[2].substr(0, kMaxTypeBytes);
+    return nullptr;
+}
+
+bool is_app_event(const collected_event& event) {
+    return strcmp(event.category, "CUSTOM") == 0;
+}
+
+// App events are numbered, and kept, per package.
+std::string name_prefix(const collected_event& event, const customize_settings& settings) {
+    return (is_app_event(event) ? event.package : settings.log_dir) + "_";
+}
+
+// The app parses this command's extras: frozen.
+std::string notice_command(const collected_event& event) {
+    return cut_format(
+        kMaxPathBytes,
+        "am startservice -a %s -n %s --es name %s --es type %s --es path %s --es time %s --user 0",
+        "com.velmora.brevix.action.EVENT", "com.velmora.brevix/.logoutput.QueueTaskService",
+        event.package.empty() ? "null" : event.package.c_str(), event.type.c_str(),
+        event.folder.c_str(), event.time.c_str());
+}
+
+// One record of an inotify buffer, moving `position` behind it; null at the end and when what is
+// left is no whole record.
+const inotify_event* next_record(const char*& position, const char* end) {
+    const auto* record = reinterpret_cast<const inotify_event*>(position);
+    const auto left = static_cast<size_t>(end - position);
+    if (left < sizeof(*record) || left - sizeof(*record) < record->len) {
+        return nullptr;
+    }
+    position += sizeof(*record) + record->len;
+    return record;
+}
+
+std::string name_of(const inotify_event& record) {
+    return {record.name, strnlen(record.name, record.len)};
+}

@@ -1,0 +1,93 @@
+#define LOG_TAG "ZQ_EVENT_LOG"
+
+#include "event/history.h"
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <cutils/properties.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "utils/util.h"
+
+namespace {
+
+constexpr const char* kHistoryFile = "/data/logs/history.event";
+
+struct {
+    char board[PROPERTY_VALUE_MAX];
+    char sw_version[PROPERTY_VALUE_MAX];
+    char fingerprint[PROPERTY_VALUE_MAX];
+    char verified_boot_state[PROPERTY_VALUE_MAX];
+    char debuggable[PROPERTY_VALUE_MAX];
+} device_info;
+
+int open_for_appending(const char* path) {
+    return TEMP_FAILURE_RETRY(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0664));
+}
+
+// The report's lines, order included, are read by the app: frozen.
+void write_report(const std::string& path, const char* event, const std::string& date,
+                  const char* type, const char* name) {
+    const int fd = open_for_appending(path.c_str());
+    if (fd < 0) {
+        LOG(ERROR) << "open to write eventfile failed " << path;
+        return;
+    }
+    const struct {
+        const char* key;
+        const char* value;
+    } lines[] = {
+        {"EVENT", event},
+        {"DATE", date.c_str()},
+        {"BOARD", device_info.board},
+        {"SWVersion", device_info.sw_version},
+        {"FINGERPRINT", device_info.fingerprint},
+        {"VERIFIED_BOOT_STATE", device_info.verified_boot_state},
+        {"DEBUGGABLE", device_info.debuggable},
+        {"TYPE", type},
+    };
+    std::string text;
+    for (const auto& line : lines) {
+        text.append(line.key).append("=").append(line.value).append("\n");
+    }
+    if (name[0] != '\0') {
+        text.append("NAME=").append(name).append("\n");
+    }
+    text.append("_END\n");
+    android::base::WriteStringToFd(text, fd);
+    close(fd);
+}
+
+}  // namespace
+
+void read_device_info() {
+    property_get("ro.build.fingerprint", device_info.fingerprint, "");
+    property_get("ro.product.name", device_info.board, "");
+    property_get("ro.build.display.id", device_info.sw_version, "");
+    property_get("ro.boot.verifiedbootstate", device_info.verified_boot_state, "");
+    property_get("ro.debuggable", device_info.debuggable, "");
+}
+
+void write_history_event(const char* event, const char* type, const char* dir, const char* name,
+                         const tm& time) {
+    const int fd = open_for_appending(kHistoryFile);
+    if (fd < 0) {
+        LOG(ERROR) << "open to write history event failed " << kHistoryFile;
+        return;
+    }
+    const std::string date = format_time("%Y-%m-%d/%H:%M:%S", time);
+    // The columns are read by the app: frozen.
+    std::string line;
+    if (dir == nullptr) {
+        line = cut_format(kMaxPathBytes, "%-8s%-20s%-16s\n", event, date.c_str(), type);
+    } else {
+        line = cut_format(kMaxPathBytes, "%-8s%-20s%s %s\n", event, date.c_str(), type, dir);
+        write_report(cut_format(kMaxPathBytes, "%s/%s", dir, "eventfile"), event, date, type, name);
+    }
+    // Last, so that whoever sees the line finds the report complete.
+    android::base::WriteStringToFd(line, fd);
+    close(fd);
+}

@@ -1,0 +1,233 @@
+#define LOG_TAG "ZQ_UTIL"
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/unique_fd.h>
+#include <cutils/properties.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <string_view>
+#include <system_error>
+
+#include "utils/children.h"
+#include "utils/util.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int64_t kMaxTotalBytes = 2147483648;
+
+struct dir_closer {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using unique_dir = std::unique_ptr<DIR, dir_closer>;
+
+[[noreturn]] void throw_filesystem_error(const char* what, const std::string& path) {
+    throw fs::filesystem_error(what, path, std::error_code(errno, std::generic_category()));
+}
+
+// Calls `look` with each entry but "." and "..". The library's iterator makes a path of every name,
+// a third of what counting them cost.
+void for_each_entry(DIR* dir, const std::string& path, const auto& look) {
+    errno = 0;
+    while (const dirent* entry = readdir(dir)) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            look(*entry);
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        throw_filesystem_error("cannot read directory", path);
+    }
+}
+
+// Calls `look` with each name that starts with `prefix`, in a string that the next name replaces.
+void for_each_name(const std::string& path, std::string_view prefix, const auto& look) {
+    const unique_dir dir(opendir(path.c_str()));
+    if (dir == nullptr) {
+        throw_filesystem_error("cannot open directory", path);
+    }
+    std::string name;
+    for_each_entry(dir.get(), path, [&](const dirent& entry) {
+        name = entry.d_name;
+        if (name.starts_with(prefix)) {
+            look(name);
+        }
+    });
+}
+
+int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top);
+
+bool is_directory(int dir_fd, const dirent& entry) {
+    struct stat st {};
+    return entry.d_type == DT_DIR ||
+           (entry.d_type == DT_UNKNOWN &&
+            fstatat(dir_fd, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode));
+}
+
+// 0 for what is neither a regular file nor a directory, and for what has vanished meanwhile.
+int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
+    if (is_directory(dir_fd, entry)) {
+        return directory_size(dir_fd, entry.d_name, dir + "/" + entry.d_name, false);
+    }
+    struct stat st {};
+    const bool may_be_file =
+        entry.d_type == DT_REG || entry.d_type == DT_LNK || entry.d_type == DT_UNKNOWN;
+    return may_be_file && fstatat(dir_fd, entry.d_name, &st, 0) == 0 && S_ISREG(st.st_mode)
+               ? st.st_size
+               : 0;
+}
+
+// A walk of its own: logcat children that were just stopped may still rename files below, and the
+// library's iterator throws for each that has gone when its size is asked for.
+int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top) {
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (top ? 0 : O_NOFOLLOW);
+    const unique_dir dir(
+        android::base::Fdopendir(android::base::unique_fd(openat(parent_fd, name, flags))));
+    if (dir == nullptr) {
+        if (!top && errno == ENOENT) {
+            return 0;
+        }
+        throw_filesystem_error("cannot open directory", path);
+    }
+    int64_t sum = 0;
+    for_each_entry(dir.get(), path,
+                   [&](const dirent& entry) { sum += entry_size(dirfd(dir.get()), entry, path); });
+    return sum;
+}
+
+void pack(const std::string& path) {
+    const std::string archive = path + ".tar.gz";
+    const char* const argv[] = {"/system/bin/tar", "-czf", archive.c_str(), "-C",
+                                path.c_str(),      ".",    nullptr};
+    const pid_t pid = spawn_or_fork(argv);
+    if (pid == 0) {
+        _exit(127);
+    }
+    if (pid < 0) {
+        LOG(ERROR) << "tar fork fail " << strerror(errno);
+        return;
+    }
+    LOG(INFO) << "tar_pid = " << pid;
+    wait_for(pid, argv[0]);
+    ZQRemoveFile(path);
+    chmod(archive.c_str(), 0777);
+}
+
+// The lowest counts whose removal brings `total` bytes below the ceiling; never the last of
+// `names`.
+std::vector<std::string> beyond_ceiling(const std::string& dir, const auto& names, int64_t total) {
+    std::vector<std::string> paths;
+    int64_t sum = 0;
+    for (const std::string& name : names) {
+        const std::string path = dir + name;
+        const int64_t size = GetDirectorySize(path);
+        LOG(INFO) << "directory= " << path.substr(path.rfind('/') + 1) << ", size= " << size;
+        if (name == *names.rbegin()) {
+            LOG(INFO) << "at least we keep 1 folder";
+            break;
+        }
+        paths.push_back(path);
+        sum += size;
+        // Strictly below, unlike the test that starts the trimming: a remainder of exactly the
+        // ceiling loses one more directory.
+        if (total - sum < kMaxTotalBytes) {
+            LOG(INFO) << "sum size=" << sum << ", total size=" << total;
+            break;
+        }
+    }
+    return paths;
+}
+
+bool is_aging_build() {
+    char value[PROPERTY_VALUE_MAX] = {};
+    property_get("ro.boot.aging.build", value, "0");
+    return strcmp(value, "true") == 0 || strcmp(value, "1") == 0;
+}
+
+}  // namespace
+
+int ZQRemoveFile(const std::string& path) {
+    std::error_code ec;
+    fs::remove_all(path, ec);
+    if (ec) {
+        LOG(ERROR) << "remove failed: " << path << "error: " << ec;
+        return -1;
+    }
+    return 0;
+}
+
+int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t fieldCount) {
+    int64_t best = -1;
+    for_each_name(dir, prefix, [&](const std::string& name) {
+        best = std::max(best, ZQGetCountByFileName(name, fieldCount));
+    });
+    const int count = static_cast<int>(best + 1);
+    LOG(INFO) << "new count: " << count;
+    return count;
+}
+
+bool ZQRemoveOldFile(const std::string& dir, const std::string& prefix, uint64_t fieldCount,
+                     int64_t keepFrom, bool /*ignoredFlag*/, bool compress) {
+    const int64_t lowest_kept = std::max<int64_t>(keepFrom, 0);
+    std::vector<std::string> old;
+    std::vector<std::string> unpacked;
+    for_each_name(dir, prefix, [&](const std::string& name) {
+        if (ZQGetCountByFileName(name, fieldCount) < lowest_kept) {
+            old.push_back(dir + name);
+        } else if (compress && name.find("tar") == std::string::npos) {
+            unpacked.push_back(dir + name);
+        }
+    });
+    for (const std::string& path : old) {
+        if (ZQRemoveFile(path) != 0) {
+            return true;
+        }
+    }
+    std::for_each(unpacked.begin(), unpacked.end(), pack);
+    return false;
+}
+
+int64_t GetDirectorySize(const std::string& path) {
+    return directory_size(AT_FDCWD, path.c_str(), path, true);
+}
+
+bool compare(const std::string& a, const std::string& b, uint64_t fieldCount) {
+    return ZQGetCountByFileName(a, fieldCount) < ZQGetCountByFileName(b, fieldCount);
+}
+
+int ZQRemoveFileWithCheckSize(const std::string& dir, int64_t /*newCount*/,
+                              const std::string& prefix, uint64_t fieldCount) {
+    if (is_aging_build()) {
+        return 0;
+    }
+    const auto by_count = [fieldCount](const std::string& a, const std::string& b) {
+        return compare(a, b, fieldCount);
+    };
+    // A set on purpose: of several names with one count only the first met is a candidate.
+    std::set<std::string, decltype(by_count)> names(by_count);
+    for_each_name(dir, prefix, [&](const std::string& name) { names.insert(name); });
+    if (names.empty()) {
+        return 0;
+    }
+    const int64_t total = GetDirectorySize(dir);
+    if (total <= kMaxTotalBytes) {
+        return 0;
+    }
+    for (const std::string& path : beyond_ceiling(dir, names, total)) {
+        LOG(ERROR) << "maximum size exceed, remove it " << path;
+        ZQRemoveFile(path);
+    }
+    return 0;
+}
