@@ -3,19 +3,14 @@
 // with what it was given. Ends with 1 when there is a fault.
 
 #include <android-base/strings.h>
-#include <arpa/inet.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <iostream>
 #include <random>
-#include <stdexcept>
 
-#include "host/log/store.h"
 #include "testing/device.h"
-#include "tests/soak/device.h"
+#include "tests/soak/files.h"
 #include "tests/soak/steering.h"
 
 namespace soak {
@@ -31,47 +26,33 @@ constexpr unsigned kActionsBetweenRests = 100;
 constexpr long kGrowthKbytes = 512;
 constexpr uintmax_t kFillerBytes = 900 << 20;  // three of them are beyond the ceiling
 
-// --- Tables --------------------------------------------------------------------------------------
-
-// Small files, so that all that rotates does.
-const struct {
-    const char* property;
-    std::string value;
-} kSettings[] = {
-    {"persist.service.brevix.gl.num", std::to_string(kCapturesKept)},
-    {"persist.sys.apklogfs.size", std::to_string(kRotatedFiles)},
-    {"persist.sys.apklogfs.rotate_kbytes", std::to_string(kRotateKbytes)},
-    {"persist.sys.eventlogfs.size", std::to_string(kRotatedFiles)},
-    {"persist.sys.eventlogfs.rotate_kbytes", std::to_string(kRotateKbytes)},
-    {"persist.sys.radiologfs.size", std::to_string(kRotatedFiles)},
-    {"persist.sys.radiologfs.rotate_kbytes", std::to_string(kRotateKbytes)},
-    {"persist.sys.kmsglogfs.size", std::to_string(kRotatedFiles)},
-    {"persist.sys.kmsglogfs.rotate_kbytes", std::to_string(kRotateKbytes)},
-    {"sys.tcpdump.size", "1," + std::to_string(kPacketFiles)},
-    {"sys.tcpdump.file", "soak"},
-};
-
 // The rare ones take the daemon a second and more.
 // clang-format off
 constexpr crash_kind kKinds[] = {
-    {"watchdog",          1, "CRASH",  "UIWDT",     1, "crash watchdog"},
-    {"pre_watchdog",      1, "",       "",          1, "crash pre_watchdog"},
+    {"watchdog",          1, "CRASH", "UIWDT",     "/data/system/dropbox/system_server_watchdog@#.txt"},
+    {"pre_watchdog",      1, "",      "",          "/data/system/dropbox/system_server_pre_watchdog@#.txt"},
     kAnr,
-    {"app crash",         6, "CRASH",  "JAVACRASH", 1, "crash app_crash"},
-    {"system crash",      1, "CRASH",  "JAVACRASH", 1, "crash system_crash"},
-    {"tombstone",         6, "CRASH",  "TOMBSTONE", 1, "crash tombstone"},
-    // Created in place and written: an event each.
-    {"written tombstone", 2, "CRASH",  "TOMBSTONE", 2,
-     "tombstone=/data/tombstones/tombstone_w$serial; echo written >$tombstone; echo $tombstone"},
+    {"app crash",         6, "CRASH", "JAVACRASH", "/data/system/dropbox/data_app_crash@#.txt"},
+    {"system crash",      1, "CRASH", "JAVACRASH", "/data/system/dropbox/system_server_crash@#.txt"},
+    {"tombstone",         6, "CRASH", "TOMBSTONE", "/data/tombstones/tombstone_#"},
+    {"written tombstone", 2, "CRASH", "TOMBSTONE", "/data/tombstones/tombstone_written#"},
     kAppEvent,
-    {"boring name",       2, "",       "",          1, "echo x | crash file data_app_wtf@$serial.txt -"},
-    {"misnamed event",    1, "",       "",          1, "echo x | crash file ZQEvent_a_b_c@$serial.txt -"},
-    {"lone companion",    1, "",       "",          1, "echo x | crash file tombstone_w$serial.pb -"},
-    {"temporary file",    1, "",       "",          1, "echo x | crash file tombstone_w$serial.tmp -"},
+    {"boring name",       2, "",      "",          "/data/system/dropbox/data_app_wtf@#.txt"},
+    {"misnamed event",    1, "",      "",          "/data/system/dropbox/ZQEvent_a_b_c@#.txt"},
+    {"lone companion",    1, "",      "",          "/data/tombstones/tombstone_#.pb"},
+    {"temporary file",    1, "",      "",          "/data/tombstones/tombstone_#.tmp"},
 };
 // clang-format on
 
 constexpr const char* kPackages[] = {"com.example.mail", "com.example.maps", "org.example"};
+
+const struct {
+    std::string property;
+    unsigned weight;
+} kSwitches[] = {{kDetectionSwitch, 2},
+                 {kCaptureSwitch, 2},
+                 {kCategories.begin()->first, 1},
+                 {kCategories.rbegin()->first, 1}};
 
 struct tool {
     const char* request;
@@ -83,24 +64,20 @@ constexpr tool kTouchpanel = {"sys.brevix.touchpanel.fetch", "zq_touchpanel"};
 constexpr tool kAudioDump = {"sys.brevix.mtk.audio.dump", "zq_audio_dump"};
 constexpr tool kTcpdump = {"sys.tcpdump", "zq_tcpdump"};
 
-// In the place of the activity manager: notes what the app finds at a notice.
-constexpr const char* kWitness = R"sh(for word in "$@"; do
-    [ "$previous" = path ] && folder=$word
-    previous=$word
-done
-for file in "$folder"/*@* "$folder"/tombstone*; do
-    [ -e "$file" ] && id="${file##*/} $(grep -h -m 1 "^Timestamp: " "$file")"
-done
-staged=differs
-/usr/bin/diff -rq "$folder" "/data/brevix/eventTemp/${folder##*/}" >/dev/null && staged=same
-echo "$folder|$id|$(tail -n 1 "$folder/eventfile")|$staged" >>/data/brevix/witness.log
-exec /system/build/system/bin/am "$@")sh";
+struct figures {
+    size_t threads = 0;
+    std::vector<std::string> descriptors;  // what they stand for, sorted
+    long anonymous_kb = 0;  // what is the daemon's alone, whoever else maps the same files
+};
 
 // --- The session ---------------------------------------------------------------------------------
 
 class session {
   public:
-    session(double minutes, unsigned seed);
+    session(double minutes, unsigned seed)
+        : end_(start_ + std::chrono::milliseconds(static_cast<long>(minutes * 60000))),
+          seed_(seed),
+          random_(seed) {}
 
     // Returns the exit status.
     int run();
@@ -109,317 +86,218 @@ class session {
     struct action {
         const char* name;
         unsigned weight;
-        void (session::*play)();
+        void (*play)(session& at);
     };
     static const action kActions[];
 
     // All that is drawn is drawn here, and nothing is drawn that depends on how fast anything went:
     // a seed always gives the same actions.
     unsigned draw(unsigned choices) { return static_cast<unsigned>(random_() % choices); }
-    template <typename Row, size_t Count>
-    const Row& draw_row(const Row (&rows)[Count]);
     bool draw_switch() { return draw(4) != 0; }  // rather on than off
     void pause(unsigned max_ms) { poll(nullptr, 0, static_cast<int>(draw(max_ms))); }
 
-    void deliver_one();
-    void deliver(unsigned count);
-    void burst() { deliver(3 + draw(12)); }
-    void flurry(const std::string& property);
+    template <typename Row, size_t Count>
+    const Row& draw_row(const Row (&rows)[Count]) {
+        unsigned sum = 0;
+        for (const Row& row : rows) {
+            sum += row.weight;
+        }
+        unsigned left = draw(sum);
+        const Row* row = rows;
+        for (; left >= row->weight; ++row) {
+            left -= row->weight;
+        }
+        return *row;
+    }
 
-    void capture_switch() { steering_.switch_capture(draw_switch()); }
-    void capture_flurry();
-    void capture_filled();
-    void detection_switch() { steering_.switch_detection(draw_switch()); }
-    void detection_pulse();
-    void detection_flurry();
-    void category_switch();
-    void category_flurry();
-    void staging_taken();
+    void deliver(unsigned count) {
+        for (; count > 0; --count) {
+            const crash_kind& kind = draw_row(kKinds);
+            steering_.deliver(kind, kPackages[draw(std::size(kPackages))]);
+        }
+    }
 
-    void request(const tool& one);
-    void await(const tool& one);
-    void dump_info() { request(kDumpInfo); }
-    void touchpanel() { request(kTouchpanel); }
-    void audio_dump() { request(kAudioDump); }
-    void audio_cmd();
-    void tcpdump_switch();
-    void packets();
-    void log_flood();
+    void switch_one() {
+        const std::string& property = draw_row(kSwitches).property;
+        if (draw(2) == 0) {
+            steering_.drain();  // else what still waits is in doubt
+        }
+        steering_.switch_to(property, draw_switch());
+    }
+    void flurry() {
+        const std::string& property = draw_row(kSwitches).property;
+        steering_.flurry(property, 2 + draw(6), [&] {
+            pause(15);
+            deliver(draw(2));
+        });
+        steering_.switch_to(property, draw_switch());
+    }
+    void pulse() {
+        const bool was_on = steering_.is_on(kDetectionSwitch);
+        steering_.set_switch(kDetectionSwitch, !was_on);
+        deliver(draw(4));
+        steering_.switch_to(kDetectionSwitch, was_on);
+    }
+
+    // As the app does with what it has been told of.
+    void take_staged() {
+        for (const auto& folders = steering_.events.folders(); taken_ < folders.size(); ++taken_) {
+            std::error_code error;  // the daemon may be removing it, too
+            fs::remove_all(kStaging + fs::path(folders[taken_]).filename().string(), error);
+        }
+    }
+
+    // What logs would fill in weeks: the next capture has to make room.
+    void fill_capture() {
+        const std::vector<std::string> captures = inside::names_in(kCaptures);
+        const std::string filler = kCaptures + captures[draw(99) % captures.size()] + "/filler";
+        struct stat owner {};
+        stat(kCaptures, &owner);
+        inside::write_file(filler, "");
+        fs::resize_file(filler, kFillerBytes);
+        if (chown(filler.c_str(), owner.st_uid, owner.st_gid) != 0) {
+            throw std::runtime_error("cannot hand over " + filler);
+        }
+    }
+
+    void flood_log() {
+        const log_id_t buffer = kStoredBuffers[draw(std::size(kStoredBuffers))];
+        const std::string text(20 + draw(200), 'x');
+        for (unsigned left = 200 + draw(2000); left > 0; --left) {
+            append_log_entry(buffer, log_entry_now(ANDROID_LOG_INFO, "flood", text.c_str()));
+        }
+        steering_.log.read();
+    }
+
+    // --- Tools ---
+
+    void await(const tool& one) {
+        const std::string state = std::string("init.svc.") + one.service;
+        const auto is_done = [&] {
+            return inside::property(one.request) != "1" && inside::property(state) != "running";
+        };
+        steering_.expect(one.service, is_done, kProperties);
+    }
+    void request(const tool& one) {
+        await(one);
+        set(one.request, "1");
+    }
+    void command_audio() {
+        constexpr const char* kStatus = "sys.brevix.mkt.audio.cmd";
+        set(kStatus, "");
+        inside::run("zq_brevix audio_cmd 5:" + std::to_string(draw(1000)));
+        if (inside::property(kStatus) != "0") {
+            faults_.push_back("audio_cmd left the status " + inside::property(kStatus));
+        }
+    }
+    void switch_recording() {
+        if (can_record_ && !is_recording_) {
+            request(kTcpdump);
+            ++recordings_;
+            steering_.expect("the recording", [&] {
+                return steering_.log.count("ZQ_TCPDUMP: start recording") == recordings_;
+            });
+        } else if (is_recording_) {
+            set(kTcpdump.request, "0");
+            await(kTcpdump);
+        }
+        is_recording_ = can_record_ && !is_recording_;
+    }
+    void send_packets() {
+        inside::run("/usr/bin/bash -c 'for ((i = " + std::to_string(500 + draw(3000)) +
+                    "; i > 0; --i)); do echo packet >/dev/udp/127.0.0.1/9; done'");
+    }
+
+    // --- From rest to rest ---
 
     void boot();
     void play(const action& one);
-    void play_some();
     void rest();
     void stop_captures();
     std::vector<inside::process> strays();
-    size_t captures_made();
-    void check_memory();
+    figures take_figures();
     void check_process();
-    void check_daemon();
+    void check();
+    void summarise();
     void add_faults(const std::vector<std::string>& found) {
         faults_.insert(faults_.end(), found.begin(), found.end());
     }
-    void check();
-    void summarise();
 
     const steady_clock::time_point start_ = steady_clock::now();
     const steady_clock::time_point end_;
     const unsigned seed_;
     std::mt19937 random_;
-    std::ofstream diary_{std::string(kFolder) + "actions"};
     steering steering_;
-    pid_t daemon_ = -1;
     bool can_record_ = false;  // Debian's tcpdump needs users
     bool is_recording_ = false;
     size_t recordings_ = 0;
     size_t taken_ = 0;
-    size_t most_zombies_ = 0;
-    figures at_start_{};
-    figures warm_{};
-    figures last_{};
+    figures first_;
+    figures last_;
     std::map<std::string, size_t> played_;
     std::vector<std::string> faults_;
 };
 
-session::session(double minutes, unsigned seed)
-    : end_(start_ + std::chrono::milliseconds(static_cast<long>(minutes * 60000))),
-      seed_(seed),
-      random_(seed) {}
-
-template <typename Row, size_t Count>
-const Row& session::draw_row(const Row (&rows)[Count]) {
-    unsigned sum = 0;
-    for (const Row& row : rows) {
-        sum += row.weight;
-    }
-    unsigned left = draw(sum);
-    const Row* row = rows;
-    for (; left >= row->weight; ++row) {
-        left -= row->weight;
-    }
-    return *row;
-}
-
-// --- Events --------------------------------------------------------------------------------------
-
-void session::deliver_one() {
-    const crash_kind& kind = draw_row(kKinds);
-    diary_ << "    " << steering_.deliver(kind, kPackages[draw(std::size(kPackages))]) << std::endl;
-}
-
-void session::deliver(unsigned count) {
-    for (; count > 0; --count) {
-        deliver_one();
-    }
-}
-
-void session::flurry(const std::string& property) {
-    steering_.flurry(property, 2 + draw(6), [&] {
-        pause(15);
-        deliver(draw(2));
-    });
-}
-
-void session::detection_pulse() {
-    const bool was_on = steering_.is_on(kDetectionSwitch);
-    steering_.start_detection_switch(!was_on);
-    deliver(draw(4));
-    steering_.switch_detection(was_on);
-}
-
-void session::detection_flurry() {
-    flurry(kDetectionSwitch);
-    steering_.switch_detection(draw_switch());
-}
-
-void session::category_switch() {
-    const auto& one = kCategorySwitches[draw(std::size(kCategorySwitches))];
-    if (draw(2) == 0) {
-        steering_.drain();  // else what still waits is in doubt
-    }
-    steering_.switch_category(one, draw_switch());
-}
-
-void session::category_flurry() {
-    const auto& one = kCategorySwitches[draw(std::size(kCategorySwitches))];
-    flurry(one.property);
-    steering_.switch_category(one, draw_switch());
-}
-
-// As the app does with what it has been told of.
-void session::staging_taken() {
-    for (const auto& folders = steering_.events().folders(); taken_ < folders.size(); ++taken_) {
-        std::error_code error;  // the daemon may be removing it, too
-        fs::remove_all(kStaging + fs::path(folders[taken_]).filename().string(), error);
-    }
-}
-
-// --- Captures ------------------------------------------------------------------------------------
-
-void session::capture_flurry() {
-    flurry(kCaptureSwitch);
-    steering_.switch_capture(draw_switch());
-}
-
-// What logs would fill in weeks: the next capture has to make room.
-void session::capture_filled() {
-    const std::string capture = newest_capture();
-    const std::string filler = capture + "/filler";
-    struct stat owner {};
-    inside::write_file(filler, "");
-    fs::resize_file(filler, kFillerBytes);
-    if (stat(capture.c_str(), &owner) != 0 ||
-        chown(filler.c_str(), owner.st_uid, owner.st_gid) != 0) {
-        throw std::runtime_error("cannot hand over " + filler);
-    }
-}
-
-// Short enough for the log's readers to come along.
-void session::log_flood() {
-    const log_id_t buffer = kStoredBuffers[draw(std::size(kStoredBuffers))];
-    const std::string text(20 + draw(200), 'x');
-    for (unsigned left = 200 + draw(2000); left > 0; --left) {
-        write_log(buffer, "flood", text);
-    }
-    steering_.catch_up_with_log();
-}
-
-// --- Tools ---------------------------------------------------------------------------------------
-
-void session::await(const tool& one) {
-    const auto is_done = [&] {
-        return inside::property(one.request, "") != "1" &&
-               inside::property(std::string("init.svc.") + one.service, "") != "running";
-    };
-    steering_.expect(one.service, is_done, kProperties);
-}
-
-void session::request(const tool& one) {
-    await(one);
-    set(one.request, "1");
-}
-
-void session::audio_cmd() {
-    constexpr const char* kStatus = "sys.brevix.mkt.audio.cmd";
-    set(kStatus, "");
-    const inside::outcome outcome =
-        inside::run("zq_brevix audio_cmd 5:" + std::to_string(draw(1000)));
-    if (outcome.exit_status != 0 || inside::property(kStatus, "") != "0") {
-        faults_.push_back("audio_cmd ended with " + std::to_string(outcome.exit_status) +
-                          " and status '" + inside::property(kStatus, "") + "'");
-    }
-}
-
-void session::tcpdump_switch() {
-    if (!can_record_) {
-        return;
-    }
-    is_recording_ = !is_recording_;
-    if (is_recording_) {
-        request(kTcpdump);
-        ++recordings_;
-        const std::string state = std::string("init.svc.") + kTcpdump.service;
-        steering_.expect(
-            state, [&] { return inside::property(state, "") == "running"; }, kProperties);
-        return;
-    }
-    steering_.expect("the recording", [&] {
-        return steering_.log().count("ZQ_TCPDUMP: start recording") == recordings_;
-    });
-    set(kTcpdump.request, "0");
-    await(kTcpdump);
-}
-
-void session::packets() {
-    const android::base::unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in nobody{};
-    nobody.sin_family = AF_INET;
-    nobody.sin_port = htons(9);
-    nobody.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const std::string text(100, 'x');
-    for (unsigned left = 500 + draw(3000); left > 0; --left) {
-        // Every other one meets the refusal of the one before.
-        sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&nobody),
-               sizeof(nobody));
-    }
-}
-
-// --- Actions -------------------------------------------------------------------------------------
-
 // clang-format off
 const session::action session::kActions[] = {
-    {"delivery",         40, &session::deliver_one},
-    {"burst",             6, &session::burst},
-    {"capture switch",    8, &session::capture_switch},
-    {"capture flurry",    2, &session::capture_flurry},
-    {"capture filled",    2, &session::capture_filled},
-    {"detection switch",  8, &session::detection_switch},
-    {"detection pulse",   5, &session::detection_pulse},
-    {"detection flurry",  2, &session::detection_flurry},
-    {"category switch",   8, &session::category_switch},
-    {"category flurry",   2, &session::category_flurry},
-    {"staging taken",     3, &session::staging_taken},
-    {"dump_info",         1, &session::dump_info},
-    {"touchpanel",        1, &session::touchpanel},
-    {"audio_dump",        2, &session::audio_dump},
-    {"audio_cmd",         2, &session::audio_cmd},
-    {"tcpdump switch",    3, &session::tcpdump_switch},
-    {"packets",           3, &session::packets},
-    {"log flood",         6, &session::log_flood},
+    {"delivery",      40, [](session& s) { s.deliver(1); }},
+    {"burst",          6, [](session& s) { s.deliver(3 + s.draw(12)); }},
+    {"switch",        24, [](session& s) { s.switch_one(); }},
+    {"flurry",         6, [](session& s) { s.flurry(); }},
+    {"pulse",          5, [](session& s) { s.pulse(); }},
+    {"staging taken",  3, [](session& s) { s.take_staged(); }},
+    {"capture filled", 2, [](session& s) { s.fill_capture(); }},
+    {"log flood",      6, [](session& s) { s.flood_log(); }},
+    {"dump_info",      1, [](session& s) { s.request(kDumpInfo); }},
+    {"touchpanel",     1, [](session& s) { s.request(kTouchpanel); }},
+    {"audio_dump",     2, [](session& s) { s.request(kAudioDump); }},
+    {"audio_cmd",      2, [](session& s) { s.command_audio(); }},
+    {"tcpdump switch", 3, [](session& s) { s.switch_recording(); }},
+    {"packets",        3, [](session& s) { s.send_packets(); }},
 };
 // clang-format on
 
-void session::play(const action& one) {
-    diary_ << one.name << std::endl;
-    (this->*one.play)();
-    ++played_[one.name];
-    size_t zombies = 0;
-    for (const inside::process& each : inside::processes()) {
-        zombies += each.parent == daemon_ && each.has_ended ? 1 : 0;
-    }
-    most_zombies_ = std::max(most_zombies_, zombies);
-    constexpr unsigned kPauses[] = {1, 30, 300};
-    pause(kPauses[draw(std::size(kPauses))]);
-}
-
-void session::play_some() {
-    for (unsigned left = kActionsBetweenRests; left > 0 && steady_clock::now() < end_; --left) {
-        play(draw_row(kActions));
-    }
-}
-
-// --- Rest ----------------------------------------------------------------------------------------
-
 void session::boot() {
     inside::write_program("/system/bin/am", kWitness);
+    fs::permissions("/data/notices", fs::perms(0666));
     inside::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
     // Some of the settings are its upgrade check's, too, at the daemon's first start.
     steering_.expect(
         "the upgrade check",
-        [] { return inside::property("persist.service.brevix.version", "") == "1"; }, kProperties);
-    for (const auto& each : kSettings) {
-        set(each.property, each.value);
+        [] { return inside::property("persist.service.brevix.version") == "1"; }, kProperties);
+    // Small files, so that all that rotates does.
+    for (const std::string channel : {"apk", "event", "radio", "kmsg"}) {
+        set("persist.sys." + channel + "logfs.size", std::to_string(kRotatedFiles));
+        set("persist.sys." + channel + "logfs.rotate_kbytes", std::to_string(kRotateKbytes));
     }
+    set("persist.service.brevix.gl.num", std::to_string(kCapturesKept));
+    set("sys.tcpdump.size", "1,3");
+    set("sys.tcpdump.file", "soak");
     struct stat owner {};
     stat("/data/tcpdump", &owner);
     can_record_ = owner.st_uid != 0;
     if (!can_record_) {
         std::cout << "no user for tcpdump here: packet captures are left out\n";
     }
-    steering_.expect("the daemon", [&] {
-        for (const inside::process& each : inside::processes()) {
-            daemon_ = each.name == "zq_brevix" && each.parent == 1 ? each.pid : daemon_;
-        }
-        return daemon_ > 0;
-    });
+    for (const inside::process& each : inside::processes()) {
+        steering_.daemon =
+            each.name == "zq_brevix" && each.parent == 1 ? each.pid : steering_.daemon;
+    }
+}
+
+void session::play(const action& one) {
+    constexpr unsigned kPauses[] = {1, 30, 300};
+    one.play(*this);
+    ++played_[one.name];
+    pause(kPauses[draw(std::size(kPauses))]);
 }
 
 void session::stop_captures() {
-    steering_.switch_capture(false);
+    steering_.switch_to(kCaptureSwitch, false);
     steering_.expect("the captures' end", [&] {
         const std::vector<inside::process> all = inside::processes();
         return std::none_of(all.begin(), all.end(), [&](const inside::process& each) {
-            return each.parent == daemon_ && !each.has_ended;
+            return each.parent == steering_.daemon && !each.has_ended;
         });
     });
 }
@@ -427,8 +305,8 @@ void session::stop_captures() {
 std::vector<inside::process> session::strays() {
     std::vector<inside::process> found = inside::processes();
     std::erase_if(found, [&](const inside::process& each) {
-        return each.pid == 1 || each.pid == getpid() || each.pid == steering_.log().pid() ||
-               each.pid == daemon_ || each.name == "klogd";
+        return each.pid == 1 || each.pid == getpid() || each.pid == steering_.daemon ||
+               each.name == "klogd";
     });
     return found;
 }
@@ -436,107 +314,85 @@ std::vector<inside::process> session::strays() {
 // Capture off, all detected, nothing under way, the last event a plain one.
 void session::rest() {
     if (is_recording_) {
-        tcpdump_switch();
+        switch_recording();
     }
     for (const tool& each : {kDumpInfo, kTouchpanel, kAudioDump}) {
         await(each);
     }
-    steering_.switch_detection(true);
-    for (const auto& each : kCategorySwitches) {
-        steering_.switch_category(each, true);
+    for (const auto& each : kSwitches) {
+        steering_.switch_to(each.property, true);
     }
     stop_captures();
-    steering_.switch_capture(true);  // makes room, in which nobody writes any more
+    steering_.switch_to(kCaptureSwitch, true);  // makes room, in which nobody writes any more
     stop_captures();
     // Collects the children that have ended.
     steering_.deliver(kAppEvent, kPackages[0]);
     steering_.drain();
-    inside::wait_until(kFolder, [&] { return strays().empty(); });
+    inside::wait_until("/data", [&] { return strays().empty(); });
 }
 
-// Only what is the daemon's alone: how much of Pss and of the private memory is counted for it
-// changes with everybody else on the machine who has the same files mapped.
-void session::check_memory() {
-    if (last_.anonymous_kb > warm_.anonymous_kb + kGrowthKbytes) {
-        faults_.push_back("anonymous memory has grown from " + std::to_string(warm_.anonymous_kb) +
-                          " to " + std::to_string(last_.anonymous_kb) + " kB");
+figures session::take_figures() {
+    const pid_t pid = steering_.daemon;
+    figures found{inside::names_in(inside::proc(pid, "task")).size(),
+                  {},
+                  inside::proc_number(inside::proc(pid, "smaps_rollup"), "Anonymous")};
+    for (const std::string& fd : inside::names_in(inside::proc(pid, "fd"))) {
+        found.descriptors.push_back(fs::read_symlink(inside::proc(pid, "fd/" + fd)));
     }
-}
-
-// A capture is refused when a stopped one is to go, but still gets files from its logcat.
-size_t session::captures_made() {
-    return steering_.log().count("ZQ_GENERAL_LOG: start capturing") -
-           steering_.log().count("ZQ_GENERAL_LOG: remove old file failed!");
+    std::sort(found.descriptors.begin(), found.descriptors.end());
+    return found;
 }
 
 void session::check_process() {
-    const std::vector<std::string> history = inside::read_lines(ledger::kHistory);
-    const auto is_start = [](const std::string& line) { return line.starts_with("REBOOT"); };
-    const auto starts = std::count_if(history.begin(), history.end(), is_start);
-    if (starts != 1 || kill(daemon_, 0) != 0) {
+    const std::vector<std::string> history = inside::read_lines("/data/logs/history.event");
+    const auto starts = std::count_if(history.begin(), history.end(), [](const std::string& line) {
+        return line.starts_with("REBOOT");
+    });
+    if (starts != 1 || kill(steering_.daemon, 0) != 0) {
         faults_.push_back("the daemon of the start has ended; starts: " + std::to_string(starts));
     }
 }
 
-void session::check_daemon() {
-    if (at_start_.threads != last_.threads) {
-        faults_.push_back(std::to_string(last_.threads) + " threads");
+void session::check() {
+    last_ = take_figures();
+    if (first_.anonymous_kb == 0) {
+        first_.anonymous_kb = last_.anonymous_kb;
     }
-    if (at_start_.descriptors != last_.descriptors) {
-        faults_.push_back("descriptors: " + android::base::Join(last_.descriptors, ' '));
+    check_process();
+    if (last_.threads != first_.threads || last_.descriptors != first_.descriptors ||
+        last_.anonymous_kb > first_.anonymous_kb + kGrowthKbytes) {
+        faults_.push_back("threads " + std::to_string(first_.threads) + " -> " +
+                          std::to_string(last_.threads) + ", anonymous memory " +
+                          std::to_string(first_.anonymous_kb) + " -> " +
+                          std::to_string(last_.anonymous_kb) + " kB, descriptors now " +
+                          android::base::Join(last_.descriptors, ' '));
     }
     for (const inside::process& each : strays()) {
         faults_.push_back("process " + each.name + (each.has_ended ? " (ended)" : "") +
-                          (each.parent == daemon_ ? " of the daemon" : "") + " is left");
+                          (each.parent == steering_.daemon ? " of the daemon" : "") + " is left");
     }
-    const size_t captures = captures_made();
-    if (const std::string newest = newest_capture();
-        size_t(count_of_capture(newest)) + 1 != captures) {
-        faults_.push_back("the newest of " + std::to_string(captures) + " captures is " + newest);
-    }
-}
-
-void session::check() {
-    last_ = figures_of(daemon_);
-    const bool is_first = warm_.threads == 0;
-    if (is_first) {
-        warm_ = last_;
-    }
-    check_memory();
-    check_process();
-    check_daemon();
-    const std::vector<std::string>& folders = steering_.events().folders();
-    add_faults(steering_.events().check());
-    add_faults(check_files(folders));
+    add_faults(steering_.events.check());
+    add_faults(check_files(steering_.events.folders()));
     const std::chrono::duration<double, std::ratio<60>> elapsed = steady_clock::now() - start_;
-    printf("%5.1f min  %-4s  %5zu events  Pss %ld  private %ld  anonymous %ld kB\n",
-           elapsed.count(), is_first ? "warm" : "rest", folders.size(), last_.pss_kb,
-           last_.private_kb, last_.anonymous_kb);
+    printf("%5.1f min  %5zu events  %zu threads  %zu descriptors  anonymous %ld kB\n",
+           elapsed.count(), steering_.events.folders().size(), last_.threads,
+           last_.descriptors.size(), last_.anonymous_kb);
     fflush(stdout);
 }
 
-// --- Report --------------------------------------------------------------------------------------
-
 void print_counts(const char* title, const std::map<std::string, size_t>& counts) {
-    std::cout << title;
     for (const auto& [name, count] : counts) {
-        std::cout << (name == counts.begin()->first ? ": " : ", ") << name << " " << count;
+        std::cout << (name == counts.begin()->first ? title : ", ") << name << " " << count;
     }
     std::cout << "\n";
 }
 
 void session::summarise() {
-    print_counts("actions", played_);
-    print_counts("files delivered", steering_.delivered());
-    std::cout << "events: " << steering_.events().summary() << "\n"
-              << "threads " << at_start_.threads << " -> " << last_.threads << ", descriptors "
-              << at_start_.descriptors.size() << " -> " << last_.descriptors.size() << "; Pss "
-              << warm_.pss_kb << " -> " << last_.pss_kb << " kB, private " << warm_.private_kb
-              << " -> " << last_.private_kb << " kB, anonymous " << warm_.anonymous_kb << " -> "
-              << last_.anonymous_kb << " kB (at most " << kGrowthKbytes << " more)\n"
-              << "zombies: at most " << most_zombies_ << " under way; captures: " << captures_made()
-              << " made, " << steering_.log().count("ZQ_GENERAL_LOG: remove old file failed!")
-              << " refused; files: " << count_files() << " at the end\n";
+    print_counts("actions: ", played_);
+    print_counts("files delivered: ", steering_.delivered);
+    std::cout << "events: " << steering_.events.summary() << "\nanonymous memory "
+              << first_.anonymous_kb << " -> " << last_.anonymous_kb << " kB (at most "
+              << kGrowthKbytes << " more)\n";
     for (const std::string& fault : faults_) {
         std::cout << "FAULT: " << fault << "\n";
     }
@@ -548,19 +404,23 @@ int session::run() {
     try {
         boot();
         rest();
-        at_start_ = figures_of(daemon_);
+        first_ = take_figures();
+        first_.anonymous_kb = 0;  // taken when it is warm
         for (const action& each : kActions) {
             play(each);
         }
         do {
-            play_some();
+            for (unsigned left = kActionsBetweenRests; left > 0 && steady_clock::now() < end_;
+                 --left) {
+                play(draw_row(kActions));
+            }
             rest();
             check();
         } while (faults_.empty() && steady_clock::now() < end_);
     } catch (const std::exception& error) {
         faults_.emplace_back(error.what());
         check_process();
-        add_faults(steering_.events().check());
+        add_faults(steering_.events.check());
     }
     summarise();
     return faults_.empty() ? 0 : 1;
@@ -575,6 +435,5 @@ int main(int argc, char* argv[]) {
         std::cerr << "usage: soak MINUTES SEED\n";
         return 1;
     }
-    std::filesystem::create_directories(soak::kFolder);
     return soak::session(std::stod(argv[1]), static_cast<unsigned>(std::stoul(argv[2]))).run();
 }
