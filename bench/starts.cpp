@@ -9,17 +9,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::vector<std::string> kInotifywait = {"/usr/bin/inotifywait",
-                                               "-m",
-                                               "-e",
-                                               "moved_to",
-                                               "-e",
-                                               "create",
-                                               "-e",
-                                               "close_write",
-                                               "/data/system/dropbox",
-                                               "/data/tombstones"};
-
 // --- Switch --------------------------------------------------------------------------------------
 
 constexpr int kChannels = 4;
@@ -119,12 +108,10 @@ void idle() {
     make_phone_folders();
     switch_detection_on();
     set_property("persist.service.start.capture", "1");
-    std::string command = "exec";
-    for (const std::string& word : kInotifywait) {
-        command += " " + word;
-    }
     const side_process daemon("exec zq_brevix >/dev/null 2>/data/daemon.log");
-    const side_process watcher(command + " >/dev/null 2>/data/inotifywait.log");
+    const side_process watcher(
+        "exec inotifywait -m -e moved_to -e create -e close_write /data/system/dropbox "
+        "/data/tombstones >/dev/null 2>/data/inotifywait.log");
     for (const char* line : {"tag: kernel, pid", "tombstones has been snooped",
                              "crashlog.enable changed to 1", "custom.event changed to 1"}) {
         require(inside::wait_for_text("/data/daemon.log", line), "the daemon is not at work");
@@ -158,6 +145,5 @@ void armed() {
     for (int round = 0; round < 100; ++round) {
         measure_armed("daemon", {"/system/bin/zq_brevix"}, "/data/tombstones has been snooped");
         measure_armed("floor", {"/bench/floor", "/data/floor"}, "armed");
-        measure_armed("inotifywait", kInotifywait, "Watches established");
     }
 }

@@ -42,14 +42,6 @@ void measure_count(int folders) {
     require(ZQGetFileCount(dir) == folders, "folders were removed");
 }
 
-int64_t plain_walk(const std::string& dir) {
-    int64_t sum = 0;
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(dir)) {
-        sum += entry.is_regular_file() ? static_cast<int64_t>(entry.file_size()) : 0;
-    }
-    return sum;
-}
-
 void disk_usage(const std::string& dir) {
     const android::base::unique_fd output(open("/data/du", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     require(
@@ -71,8 +63,6 @@ void measure_size(int files) {
         measure("size", files, "daemon", round,
                 [&] { require(GetDirectorySize(dir) == files, "wrong size"); });
         measure("size", files, "du", round, [&] { disk_usage(dir); });
-        measure("size", files, "iterator", round,
-                [&] { require(plain_walk(dir) == files, "wrong size of the plain walk"); });
     }
 }
 

@@ -1,7 +1,6 @@
 #define LOG_TAG "HOST_LOG"
 
 #include <android-base/logging.h>
-#include <sys/file.h>
 
 #include <atomic>
 #include <cstring>
@@ -112,36 +111,6 @@ TEST(LogStore, AFollowerLosesNothingOfManyWriters) {
     EXPECT_GE(follower().read_all().size(), kLogSegmentBytes / 1100U) << "a full segment at least";
     append(LOG_ID_MAIN, std::string(10000, '.'));
     EXPECT_THAT(follower().read_all().back(), SizeIs(AllOf(Gt(4000U), Lt(4100U))));
-}
-
-TEST(LogStore, AnEntryTakenBackHalfwayIsNeverSeen) {
-    append(LOG_ID_MAIN, "one");
-    const auto size = fs::file_size(kMain);
-    const int stopped_writer = open(kMain, O_RDWR | O_CLOEXEC);
-    ASSERT_EQ(flock(stopped_writer, LOCK_EX), 0);
-    follower reader;
-    EXPECT_THAT(reader.read_all(), ElementsAre("one"));
-    ASSERT_EQ(pwrite(stopped_writer, read_file(kMain).data(), 33, size), 33);
-    EXPECT_THAT(reader.read_all(), SizeIs(0));
-    ASSERT_EQ(ftruncate(stopped_writer, size), 0);
-    close(stopped_writer);
-    append(LOG_ID_MAIN, "three");
-    EXPECT_THAT(reader.read_all(), ElementsAre("three"));
-}
-
-TEST(LogStore, SoundEntriesAreFoundBetweenDamage) {
-    append(LOG_ID_MAIN, "model");
-    const std::string whole = read_file(kMain);
-    std::string longer = whole;
-    longer[0] += 100;
-    const std::string longest = "\xff\xff" + whole.substr(2, 27) + std::string(70000, 'x');
-    std::string text;
-    for (const std::string& damage : {std::string(70, '\0'), std::string("text\n"), longer, longest,
-                                      whole.substr(0, 27), whole.substr(0, 29)}) {
-        text.append(damage).append(whole);
-    }
-    write_file(kMain, text + whole.substr(0, 30));
-    EXPECT_THAT(follower().read_all(), AllOf(SizeIs(6), Each("model")));
 }
 
 // --- The kernel's log ---------------------------------------------------------------------------

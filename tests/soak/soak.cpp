@@ -70,6 +70,13 @@ struct figures {
     long anonymous_kb = 0;  // what is the daemon's alone, whoever else maps the same files
 };
 
+void print_counts(const char* title, const std::map<std::string, size_t>& counts) {
+    for (const auto& [name, count] : counts) {
+        std::cout << (name == counts.begin()->first ? title : ", ") << name << " " << count;
+    }
+    std::cout << "\n";
+}
+
 // --- The session ---------------------------------------------------------------------------------
 
 class session {
@@ -88,7 +95,7 @@ class session {
         unsigned weight;
         void (*play)(session& at);
     };
-    static const action kActions[];
+    static const std::vector<action> kActions;
 
     // All that is drawn is drawn here, and nothing is drawn that depends on how fast anything went:
     // a seed always gives the same actions.
@@ -96,14 +103,13 @@ class session {
     bool draw_switch() { return draw(4) != 0; }  // rather on than off
     void pause(unsigned max_ms) { poll(nullptr, 0, static_cast<int>(draw(max_ms))); }
 
-    template <typename Row, size_t Count>
-    const Row& draw_row(const Row (&rows)[Count]) {
+    const auto& draw_row(const auto& rows) {
         unsigned sum = 0;
-        for (const Row& row : rows) {
+        for (const auto& row : rows) {
             sum += row.weight;
         }
         unsigned left = draw(sum);
-        const Row* row = rows;
+        auto row = std::begin(rows);
         for (; left >= row->weight; ++row) {
             left -= row->weight;
         }
@@ -210,15 +216,143 @@ class session {
 
     // --- From rest to rest ---
 
-    void boot();
-    void play(const action& one);
-    void rest();
-    void stop_captures();
-    std::vector<inside::process> strays();
-    figures take_figures();
-    void check_process();
-    void check();
-    void summarise();
+    void boot() {
+        inside::write_program("/system/bin/am", kWitness);
+        fs::permissions("/data/notices", fs::perms(0666));
+        inside::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
+        // Some of the settings are its upgrade check's, too, at the daemon's first start.
+        steering_.expect(
+            "the upgrade check",
+            [] { return inside::property("persist.service.brevix.version") == "1"; }, kProperties);
+        // Small files, so that all that rotates does.
+        for (const std::string channel : {"apk", "event", "radio", "kmsg"}) {
+            set("persist.sys." + channel + "logfs.size", std::to_string(kRotatedFiles));
+            set("persist.sys." + channel + "logfs.rotate_kbytes", std::to_string(kRotateKbytes));
+        }
+        set("persist.service.brevix.gl.num", std::to_string(kCapturesKept));
+        set("sys.tcpdump.size", "1,3");
+        set("sys.tcpdump.file", "soak");
+        struct stat owner {};
+        stat("/data/tcpdump", &owner);
+        can_record_ = owner.st_uid != 0;
+        if (!can_record_) {
+            std::cout << "no user for tcpdump here: packet captures are left out\n";
+        }
+        for (const inside::process& each : inside::processes()) {
+            steering_.daemon =
+                each.name == "zq_brevix" && each.parent == 1 ? each.pid : steering_.daemon;
+        }
+    }
+
+    void play(const action& one) {
+        constexpr unsigned kPauses[] = {1, 30, 300};
+        one.play(*this);
+        ++played_[one.name];
+        pause(kPauses[draw(std::size(kPauses))]);
+    }
+
+    void stop_captures() {
+        steering_.switch_to(kCaptureSwitch, false);
+        steering_.expect("the captures' end", [&] {
+            const std::vector<inside::process> all = inside::processes();
+            return std::none_of(all.begin(), all.end(), [&](const inside::process& each) {
+                return each.parent == steering_.daemon && !each.has_ended;
+            });
+        });
+    }
+
+    std::vector<inside::process> strays() {
+        std::vector<inside::process> found = inside::processes();
+        std::erase_if(found, [&](const inside::process& each) {
+            return each.pid == 1 || each.pid == getpid() || each.pid == steering_.daemon ||
+                   each.name == "klogd";
+        });
+        return found;
+    }
+
+    // Capture off, all detected, nothing under way, the last event a plain one.
+    void rest() {
+        if (is_recording_) {
+            switch_recording();
+        }
+        for (const tool& each : {kDumpInfo, kTouchpanel, kAudioDump}) {
+            await(each);
+        }
+        for (const auto& each : kSwitches) {
+            steering_.switch_to(each.property, true);
+        }
+        stop_captures();
+        steering_.switch_to(kCaptureSwitch, true);  // makes room, in which nobody writes any more
+        stop_captures();
+        // Collects the children that have ended.
+        steering_.deliver(kAppEvent, kPackages[0]);
+        steering_.drain();
+        inside::wait_until("/data", [&] { return strays().empty(); });
+    }
+
+    figures take_figures() {
+        const pid_t pid = steering_.daemon;
+        figures found{inside::names_in(inside::proc(pid, "task")).size(),
+                      {},
+                      inside::proc_number(inside::proc(pid, "smaps_rollup"), "Anonymous")};
+        for (const std::string& fd : inside::names_in(inside::proc(pid, "fd"))) {
+            found.descriptors.push_back(fs::read_symlink(inside::proc(pid, "fd/" + fd)));
+        }
+        std::sort(found.descriptors.begin(), found.descriptors.end());
+        return found;
+    }
+
+    void check_process() {
+        const std::vector<std::string> history = inside::read_lines("/data/logs/history.event");
+        const auto starts =
+            std::count_if(history.begin(), history.end(),
+                          [](const std::string& line) { return line.starts_with("REBOOT"); });
+        if (starts != 1 || kill(steering_.daemon, 0) != 0) {
+            faults_.push_back("the daemon of the start has ended; starts: " +
+                              std::to_string(starts));
+        }
+    }
+
+    void check() {
+        last_ = take_figures();
+        if (first_.anonymous_kb == 0) {
+            first_.anonymous_kb = last_.anonymous_kb;
+        }
+        check_process();
+        if (last_.threads != first_.threads || last_.descriptors != first_.descriptors ||
+            last_.anonymous_kb > first_.anonymous_kb + kGrowthKbytes) {
+            faults_.push_back("threads " + std::to_string(first_.threads) + " -> " +
+                              std::to_string(last_.threads) + ", anonymous memory " +
+                              std::to_string(first_.anonymous_kb) + " -> " +
+                              std::to_string(last_.anonymous_kb) + " kB, descriptors now " +
+                              android::base::Join(last_.descriptors, ' '));
+        }
+        for (const inside::process& each : strays()) {
+            faults_.push_back("process " + each.name + (each.has_ended ? " (ended)" : "") +
+                              (each.parent == steering_.daemon ? " of the daemon" : "") +
+                              " is left");
+        }
+        add_faults(steering_.events.check());
+        add_faults(check_files(steering_.events.folders()));
+        const std::chrono::duration<double, std::ratio<60>> elapsed = steady_clock::now() - start_;
+        printf("%5.1f min  %5zu events  %zu threads  %zu descriptors  anonymous %ld kB\n",
+               elapsed.count(), steering_.events.folders().size(), last_.threads,
+               last_.descriptors.size(), last_.anonymous_kb);
+        fflush(stdout);
+    }
+
+    void summarise() {
+        print_counts("actions: ", played_);
+        print_counts("files delivered: ", steering_.delivered);
+        std::cout << "events: " << steering_.events.summary() << "\nanonymous memory "
+                  << first_.anonymous_kb << " -> " << last_.anonymous_kb << " kB (at most "
+                  << kGrowthKbytes << " more)\n";
+        for (const std::string& fault : faults_) {
+            std::cout << "FAULT: " << fault << "\n";
+        }
+        std::cout << (faults_.empty() ? "no fault" : "faults") << ", seed " << seed_ << "\n";
+    }
+
     void add_faults(const std::vector<std::string>& found) {
         faults_.insert(faults_.end(), found.begin(), found.end());
     }
@@ -239,7 +373,7 @@ class session {
 };
 
 // clang-format off
-const session::action session::kActions[] = {
+const std::vector<session::action> session::kActions = {
     {"delivery",      40, [](session& s) { s.deliver(1); }},
     {"burst",          6, [](session& s) { s.deliver(3 + s.draw(12)); }},
     {"switch",        24, [](session& s) { s.switch_one(); }},
@@ -256,148 +390,6 @@ const session::action session::kActions[] = {
     {"packets",        3, [](session& s) { s.send_packets(); }},
 };
 // clang-format on
-
-void session::boot() {
-    inside::write_program("/system/bin/am", kWitness);
-    fs::permissions("/data/notices", fs::perms(0666));
-    inside::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
-    // Some of the settings are its upgrade check's, too, at the daemon's first start.
-    steering_.expect(
-        "the upgrade check",
-        [] { return inside::property("persist.service.brevix.version") == "1"; }, kProperties);
-    // Small files, so that all that rotates does.
-    for (const std::string channel : {"apk", "event", "radio", "kmsg"}) {
-        set("persist.sys." + channel + "logfs.size", std::to_string(kRotatedFiles));
-        set("persist.sys." + channel + "logfs.rotate_kbytes", std::to_string(kRotateKbytes));
-    }
-    set("persist.service.brevix.gl.num", std::to_string(kCapturesKept));
-    set("sys.tcpdump.size", "1,3");
-    set("sys.tcpdump.file", "soak");
-    struct stat owner {};
-    stat("/data/tcpdump", &owner);
-    can_record_ = owner.st_uid != 0;
-    if (!can_record_) {
-        std::cout << "no user for tcpdump here: packet captures are left out\n";
-    }
-    for (const inside::process& each : inside::processes()) {
-        steering_.daemon =
-            each.name == "zq_brevix" && each.parent == 1 ? each.pid : steering_.daemon;
-    }
-}
-
-void session::play(const action& one) {
-    constexpr unsigned kPauses[] = {1, 30, 300};
-    one.play(*this);
-    ++played_[one.name];
-    pause(kPauses[draw(std::size(kPauses))]);
-}
-
-void session::stop_captures() {
-    steering_.switch_to(kCaptureSwitch, false);
-    steering_.expect("the captures' end", [&] {
-        const std::vector<inside::process> all = inside::processes();
-        return std::none_of(all.begin(), all.end(), [&](const inside::process& each) {
-            return each.parent == steering_.daemon && !each.has_ended;
-        });
-    });
-}
-
-std::vector<inside::process> session::strays() {
-    std::vector<inside::process> found = inside::processes();
-    std::erase_if(found, [&](const inside::process& each) {
-        return each.pid == 1 || each.pid == getpid() || each.pid == steering_.daemon ||
-               each.name == "klogd";
-    });
-    return found;
-}
-
-// Capture off, all detected, nothing under way, the last event a plain one.
-void session::rest() {
-    if (is_recording_) {
-        switch_recording();
-    }
-    for (const tool& each : {kDumpInfo, kTouchpanel, kAudioDump}) {
-        await(each);
-    }
-    for (const auto& each : kSwitches) {
-        steering_.switch_to(each.property, true);
-    }
-    stop_captures();
-    steering_.switch_to(kCaptureSwitch, true);  // makes room, in which nobody writes any more
-    stop_captures();
-    // Collects the children that have ended.
-    steering_.deliver(kAppEvent, kPackages[0]);
-    steering_.drain();
-    inside::wait_until("/data", [&] { return strays().empty(); });
-}
-
-figures session::take_figures() {
-    const pid_t pid = steering_.daemon;
-    figures found{inside::names_in(inside::proc(pid, "task")).size(),
-                  {},
-                  inside::proc_number(inside::proc(pid, "smaps_rollup"), "Anonymous")};
-    for (const std::string& fd : inside::names_in(inside::proc(pid, "fd"))) {
-        found.descriptors.push_back(fs::read_symlink(inside::proc(pid, "fd/" + fd)));
-    }
-    std::sort(found.descriptors.begin(), found.descriptors.end());
-    return found;
-}
-
-void session::check_process() {
-    const std::vector<std::string> history = inside::read_lines("/data/logs/history.event");
-    const auto starts = std::count_if(history.begin(), history.end(), [](const std::string& line) {
-        return line.starts_with("REBOOT");
-    });
-    if (starts != 1 || kill(steering_.daemon, 0) != 0) {
-        faults_.push_back("the daemon of the start has ended; starts: " + std::to_string(starts));
-    }
-}
-
-void session::check() {
-    last_ = take_figures();
-    if (first_.anonymous_kb == 0) {
-        first_.anonymous_kb = last_.anonymous_kb;
-    }
-    check_process();
-    if (last_.threads != first_.threads || last_.descriptors != first_.descriptors ||
-        last_.anonymous_kb > first_.anonymous_kb + kGrowthKbytes) {
-        faults_.push_back("threads " + std::to_string(first_.threads) + " -> " +
-                          std::to_string(last_.threads) + ", anonymous memory " +
-                          std::to_string(first_.anonymous_kb) + " -> " +
-                          std::to_string(last_.anonymous_kb) + " kB, descriptors now " +
-                          android::base::Join(last_.descriptors, ' '));
-    }
-    for (const inside::process& each : strays()) {
-        faults_.push_back("process " + each.name + (each.has_ended ? " (ended)" : "") +
-                          (each.parent == steering_.daemon ? " of the daemon" : "") + " is left");
-    }
-    add_faults(steering_.events.check());
-    add_faults(check_files(steering_.events.folders()));
-    const std::chrono::duration<double, std::ratio<60>> elapsed = steady_clock::now() - start_;
-    printf("%5.1f min  %5zu events  %zu threads  %zu descriptors  anonymous %ld kB\n",
-           elapsed.count(), steering_.events.folders().size(), last_.threads,
-           last_.descriptors.size(), last_.anonymous_kb);
-    fflush(stdout);
-}
-
-void print_counts(const char* title, const std::map<std::string, size_t>& counts) {
-    for (const auto& [name, count] : counts) {
-        std::cout << (name == counts.begin()->first ? title : ", ") << name << " " << count;
-    }
-    std::cout << "\n";
-}
-
-void session::summarise() {
-    print_counts("actions: ", played_);
-    print_counts("files delivered: ", steering_.delivered);
-    std::cout << "events: " << steering_.events.summary() << "\nanonymous memory "
-              << first_.anonymous_kb << " -> " << last_.anonymous_kb << " kB (at most "
-              << kGrowthKbytes << " more)\n";
-    for (const std::string& fault : faults_) {
-        std::cout << "FAULT: " << fault << "\n";
-    }
-    std::cout << (faults_.empty() ? "no fault" : "faults") << ", seed " << seed_ << "\n";
-}
 
 int session::run() {
     std::cout << "seed " << seed_ << std::endl;
