@@ -7,7 +7,7 @@ std::map<std::string, customize_settings> event_settings = {
     {"CUSTOM", {"zqeventlog", "persist.service.custom.event"}},
 };
 
-// The order of the rows decides: the watchdog before the generic "anr" and "crash".
+// The first match wins, so the watchdog row stands before the generic "anr" and "crash".
 event_watch event_watches[2] = {
     {0,
      IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF,

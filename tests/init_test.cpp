@@ -158,6 +158,29 @@ TEST(ServiceFile, TheDaemonIsSystemAndReadsWhatIsSystems) {
     }
 }
 
+TEST(ServiceFile, ADeliveredCrashIsToldWithItsEventOrWhyThereIsNone) {
+    write_file("/dev/__properties__/persist.service.event.detect", "1");
+    write_file("/dev/__properties__/persist.service.crashlog.enable", "1");
+    start("exec init");
+    ASSERT_TRUE(wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
+    ASSERT_TRUE(wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
+    const struct {
+        std::string words;
+        std::string told;
+    } cases[] = {
+        {"tombstone", "TOMBSTONE /data/logs/crashlog/crashlog_0_TOMBSTONE_.*"},
+        {"pre_watchdog", "no event: a file of this name is none: .*"},
+        {"file data_app_anr@1.lost - </dev/null", "no event: a file of this name is none: .*"},
+        {"anr", "ANR /data/logs/crashlog/crashlog_1_ANR_.*"},
+        {"custom com.example.app Freeze",
+         "no event: detection is off \\(category CUSTOM, persist.service.event.detect=1, "
+         "persist.service.custom.event=, limit 10\\)\n"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_THAT(run("crash --wait " + c.words).output, MatchesRegex(c.told)) << c.words;
+    }
+}
+
 TEST(Launch, AServiceHasTheCapabilitiesItNamesAlone) {
     if (!has_users()) {
         GTEST_SKIP() << "this user namespace has one user alone";
