@@ -25,11 +25,15 @@ void measure_count(int folders) {
         fs::create_directories(dir + "crashlog_" + std::to_string(i) + "_ANR_2026-11-21-09-30-05");
     }
     const std::string last = "crashlog_" + std::to_string(folders - 1) + "_";
+    // As scripts have it, and the daemon: the keep-N comes later, and lists the folders again.
     const auto list = [&](const std::string& tools) {
-        run_shell(("cd " + dir + "; " + tools + "ls | " + tools + "sort -t_ -k2n | " + tools +
-                   "tail -n 1 >/data/last")
+        const std::string sorted = tools + "ls | " + tools + "sort -t_ -k2n | " + tools;
+        run_shell(("cd " + dir + "; " + sorted + "tail -n 1 >/data/last; " + sorted + "head -n -" +
+                   std::to_string(folders) + " >/data/old")
                       .c_str());
-        require(inside::read_file("/data/last").starts_with(last), "the shell line is wrong");
+        require(inside::read_file("/data/last").starts_with(last) &&
+                    inside::read_file("/data/old").empty(),
+                "the shell line is wrong");
     };
     for (int round = 0; round < kRounds; ++round) {
         measure("count", folders, "daemon", round, [&] {
