@@ -13,7 +13,6 @@ END {
     goal("burst", 500, "script", "ratio", 0.40, "ms", "500 tombstones at once, an event")
     goal("burst", 500, "floor", "ratio", 1.10, "ms", "500 tombstones at once, an event")
     goal("count", 10000, "coreutils", "ratio", 0.50, "ms", "next count and a keep-N that removes none, 10,000 folders")
-    goal("count", 10000, "toybox", "ratio", 0.50, "ms", "next count and a keep-N that removes none, 10,000 folders")
     goal("size", 50000, "du", "ratio", 1.00, "ms", "size of 50,000 files")
     goal("switch", 4, "script", "ratio", 0.50, "ms", "switch set → four captures run")
     goal("wakeups", 30, "inotifywait", "value", 0, "wake-ups", "30 s, capture and detection on")
@@ -22,7 +21,7 @@ END {
     goal("stripped", 1, "–", "value", 204800, "bytes", "the executable")
     print "\n| figure | work | side | median | ten times the work | factor |"
     print "| --- | --- | --- | --: | --: | --: |"
-    split("daemon script floor coreutils toybox du", sides, " ")
+    split("daemon script floor coreutils du", sides, " ")
     for (i = 1; i in sides; ++i) {
         growth("road", 10, sides[i], "folders kept")
         growth("burst", 50, sides[i], "tombstones at once, an event")
