@@ -45,6 +45,7 @@ const known_file kKnownFiles[] = {
     {std::regex(kEvent + "/" + kSource),                                            0777},
     {std::regex(kEvent + "/" + kDumped),                                            kAnyMode},
     {std::regex("/data/logs/history\\.event"),                                      0600},
+    {std::regex("/data/logs/console-ramoops-0-" + kTime),                     0777},
     {std::regex("/data/logs/sf\\.log"),                                             kAnyMode},
     {std::regex(kCapture),                                                          0777},
     {std::regex(kCapture + "/(android|event|radio|kernel)\\.log(\\.[1-3])?"),       0600},
