@@ -143,6 +143,16 @@ void end_capture() {
     }
 }
 
+std::string configured_command() {
+    char limitation[PROPERTY_VALUE_MAX] = {};
+    char size[PROPERTY_VALUE_MAX] = {};
+    char file[PROPERTY_VALUE_MAX] = {};
+    property_get("sys.brevix.tcpdump.package.limitation", limitation, "1");
+    property_get("sys.tcpdump.size", size, "100,10");
+    property_get("sys.tcpdump.file", file, "");
+    return capture_command(size, file, limitation);
+}
+
 }  // namespace
 
 void tcpdump_sig_handler(int sig) {
@@ -158,15 +168,11 @@ void tcpdump_sig_handler(int sig) {
 }
 
 void* record_tcpdump(void* /*unused*/) {
-    char limitation[PROPERTY_VALUE_MAX] = {};
-    char size[PROPERTY_VALUE_MAX] = {};
-    char file[PROPERTY_VALUE_MAX] = {};
-    property_get("sys.brevix.tcpdump.package.limitation", limitation, "1");
-    property_get("sys.tcpdump.size", size, "100,10");
-    property_get("sys.tcpdump.file", file, "");
-    const std::string line = capture_command(size, file, limitation);
-    handle_end_signals();
-    start_capture(line.c_str());
+    {
+        const std::string line = configured_command();
+        handle_end_signals();
+        start_capture(line.c_str());
+    }  // the handler ends this thread, in bionic without a destructor
     while (true) {
         wait_unblocked(kEndSignals, -1);
     }
