@@ -1,6 +1,7 @@
 #define LOG_TAG "ZQ_BREVIX"
 
 #include <android-base/logging.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <climits>
@@ -37,7 +38,10 @@ const char* volatile version = "zq_brevix " TEXT(ZQ_VERSION);
     }
 }
 
+// Ignores the terminal's signals while the shell line runs, as system() does for `cmd`.
 void copy_folder(int /*argc*/, char* argv[]) {
+    signal(SIGINT, SIG_IGN);
+    signal(SIGQUIT, SIG_IGN);
     ZQCopyFolder(argv[2], argv[3]);
 }
 
@@ -85,8 +89,8 @@ constexpr sub_command kSubCommands[] = {
 
 }  // namespace
 
-// Every way to return gives 0: the service manager and the app look at what was written, never at
-// the exit status.
+// Always returns 0: the service manager and the app look at what was written, never at the exit
+// status.
 int main(int argc, char* argv[]) {
     static_cast<void>(version);
     if (argc == 1) {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "utils/children.h"
 #include "utils/util.h"
 
 namespace {
@@ -28,12 +29,12 @@ struct log_settings {
     const char* count_default;
     const char* rotate_default;
     bool dynamic = false;             // obeys "sys.brevix.dynamic.log"
-    const char* dynamic_count = "";   // at least so many files while that is on
-    const char* dynamic_rotate = "";  // at least so many kilobytes while that is on
+    const char* dynamic_count = "";   // minimum of files while that is on
+    const char* dynamic_rotate = "";  // minimum of kilobytes while that is on
     const char* command;              // file, kilobytes, count; ends in a blank
 };
 
-// One switch for "android" and "kernel" on purpose: the two are only read side by side.
+// "android" and "kernel" share a switch on purpose: they are read side by side.
 // clang-format off
 constexpr log_settings kChannels[] = {
     {.name = "android", .enable_prop = "persist.service.apklogfs.enable",
@@ -61,7 +62,7 @@ struct property_value {
 
     property_value(const char* name, const char* fallback) { property_get(name, text, fallback); }
     bool is_on() const { return strcmp(text, "1") == 0; }
-    // Both texts are numbers; the greater one stays.
+    // Keeps the greater number.
     void raise_to(const char* minimum) {
         if (atoi(minimum) > atoi(text)) {
             snprintf(text, sizeof(text), "%s", minimum);
@@ -82,7 +83,7 @@ pid_t start_channel(const log_settings& channel, const char* dir) {
     std::vector<char*> argv;
     ZQSplitByDelim(argv, command.data(), " ");
     argv.push_back(nullptr);
-    const pid_t pid = ZQRecordLog(channel.name, argv.data());
+    const pid_t pid = start_kept_child(channel.name, argv.data());
     if (pid == 0) {
         _exit(127);
     }
@@ -95,9 +96,7 @@ const std::string kBase = "/data/logs/general_log/";
 const std::string kPrefix = "ZQLog_";
 constexpr uint64_t kNameFields = 3;
 
-std::vector<int> capture_pids;
-
-// Makes room for the capture `count` within the number kept and the size ceiling.
+// Removes old captures by number and by total size, so that the capture `count` fits in.
 bool prune(int count) {
     const int keep = std::stoi(property_value("persist.service.brevix.gl.num", "10").text);
     if (ZQRemoveOldFile(kBase, kPrefix, kNameFields, int64_t{count} - keep + 1, true, false)) {
@@ -138,10 +137,7 @@ void start_capturing() {
 
 void stop_capturing() {
     LOG(INFO) << "stop capturing";
-    for (const int pid : capture_pids) {
-        kill(pid, SIGTERM);
-    }
-    capture_pids.clear();
+    signal_kept_children(SIGTERM);
 }
 
 }  // namespace
@@ -153,9 +149,7 @@ int check_record_log(const char* dir) {
             LOG(INFO) << "record " << channel.name << " is not enabled";
             continue;
         }
-        const pid_t pid = start_channel(channel, dir);
-        if (pid > 0) {
-            capture_pids.push_back(pid);
+        if (start_channel(channel, dir) > 0) {
             result = 0;
         }
     }

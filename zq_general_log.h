@@ -11,6 +11,6 @@
 void capturing(const char* name, bool on);
 
 // Starts the enabled channels, writing into the directory `dir` (no "/" at its end), and notes
-// their pids for the switch-off. Returns 0 when at least one child was started, 1 otherwise. Only
-// for `capturing`: the pid list has no lock of its own.
+// them for the switch-off. Returns 0 when at least one child was started, 1 otherwise. Only for
+// `capturing`.
 int check_record_log(const char* dir);

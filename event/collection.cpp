@@ -44,13 +44,14 @@ bool create_folder(collected_event& event, const std::string& dir, const std::st
         created = ZQCreateLogDir(dir, prefix, count, event.type.c_str(), event.time.c_str(),
                                  sizeof(folder), folder) == 0;
     } catch (const fs::filesystem_error&) {
-        // A package name too long for a folder's name must not end the daemon.
+        // create_directories throws ENAMETOOLONG for an overlong package name, which any app can
+        // choose.
     }
     event.folder = folder;
     return created;
 }
 
-// False when there is nothing to copy: the platform has removed the file already.
+// Returns false when the platform has removed the file already.
 bool copy_source(const collected_event& event) {
     struct stat st {};
     if (stat(event.source.c_str(), &st) != 0) {
@@ -90,7 +91,7 @@ void copy_watchdog_logs(const collected_event& event) {
     }
 }
 
-// Paths without the leading "/": the daemon runs in the root directory.
+// Relative paths: the daemon's working directory is the root directory.
 constexpr const char* kBinderLogs[] = {
     "dev/binderfs/binder_logs/state",
     "dev/binderfs/binder_logs/transaction_log",
@@ -120,7 +121,7 @@ void dump_diagnostics(const collected_event& event) {
     }
 }
 
-// The app empties the staging folder as it pleases: what vanishes meanwhile is no candidate.
+// The app removes staged entries at any time, so an entry may be gone by its stat.
 void remove_oldest_staged() {
     std::optional<time_t> oldest;
     std::string path;

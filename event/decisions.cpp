@@ -11,13 +11,12 @@ bool row_matches(const event_watch& watch, int64_t row, const std::string& name)
     if (name.find(watch.pattern[row]) == std::string::npos) {
         return false;
     }
-    // The companions of a tombstone are no events of their own.
+    // A tombstone's protobuf and temporary file make no event of their own.
     const bool is_companion = name.size() >= 4 && (name.ends_with(".pb") || name.ends_with(".tmp"));
     return strcmp(watch.type[row], "TOMBSTONE") != 0 || !is_companion;
 }
 
-// App events name themselves: "ZQEvent_" PACKAGE "_" EVENT, and from an "@" on whatever the dropbox
-// adds. This contract with apps is frozen. Returns what is wrong with the name, null if nothing is.
+// "ZQEvent_" PACKAGE "_" EVENT, then "@" and what the dropbox appends. Frozen: apps compose it.
 const char* parse_app_event(const std::string& file_name, collected_event& out) {
     if (!file_name.starts_with("ZQEvent_")) {
         return "parse info from filename prefix incorrectly";
@@ -36,12 +35,12 @@ bool is_app_event(const collected_event& event) {
     return strcmp(event.category, "CUSTOM") == 0;
 }
 
-// App events are numbered, and kept, per package.
+// App events are numbered and retained per package.
 std::string name_prefix(const collected_event& event, const customize_settings& settings) {
     return (is_app_event(event) ? event.package : settings.log_dir) + "_";
 }
 
-// The app parses this command's extras: frozen.
+// Frozen: the app parses the extras.
 std::string notice_command(const collected_event& event) {
     return cut_format(
         kMaxPathBytes,
@@ -51,8 +50,6 @@ std::string notice_command(const collected_event& event) {
         event.folder.c_str(), event.time.c_str());
 }
 
-// One record of an inotify buffer, moving `position` behind it; null at the end and when what is
-// left is no whole record.
 const inotify_event* next_record(const char*& position, const char* end) {
     const auto* record = reinterpret_cast<const inotify_event*>(position);
     const auto left = static_cast<size_t>(end - position);

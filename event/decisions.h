@@ -8,42 +8,42 @@
 
 #include "event/tables.h"
 
-// Decisions on events: values to values, without a file or a log line.
+// What events are decided by: functions from values to values, without side effects.
 
-// An event on its way into its folder.
+// An event while it is collected.
 struct collected_event {
     const char* category;
     std::string file_name;
-    std::string package;  // empty but for app events
+    std::string package;  // of an app event, else empty
     std::string type;
     tm local;
-    std::string time;    // `local` as file names have it
-    std::string folder;  // without a "/" at its end
+    std::string time;    // `local` in kFileTimeFormat
+    std::string folder;  // its path, without a trailing "/"
     std::string source;
 };
 
 inline constexpr size_t kMaxTypeBytes = 31;
 inline constexpr size_t kMaxPackageBytes = 511;
 
-// Whether the row makes an event of a file of that name.
+// Whether a file of that name is an event of the row.
 bool row_matches(const event_watch& watch, int64_t row, const std::string& name);
 
-// Takes package and type out of an app event's file name. Returns what is wrong with the name, null
-// if nothing is.
+// Parses package and type out of an app event's file name, cut to their maximum sizes. Returns
+// null, or the text of the error.
 const char* parse_app_event(const std::string& file_name, collected_event& out);
 
-// Whether the event names itself (category "CUSTOM").
+// Whether the event comes from an app (category "CUSTOM").
 bool is_app_event(const collected_event& event);
 
-// What the names of the event's folder and its siblings begin with.
+// The prefix of the event's folder name, with its "_"; retention goes by it.
 std::string name_prefix(const collected_event& event, const customize_settings& settings);
 
-// The shell line that tells the app, at most 511 bytes.
+// The shell line of the notice to the app, cut at kMaxPathBytes.
 std::string notice_command(const collected_event& event);
 
-// The inotify record at `position`, which moves behind it. Null at the end, and when what is left
-// is no whole record.
+// Returns the inotify record at `position` and advances `position` past it; null when fewer bytes
+// than a whole record are left.
 const inotify_event* next_record(const char*& position, const char* end);
 
-// The file name that the record carries, without its padding.
+// The record's file name without its NUL padding.
 std::string name_of(const inotify_event& record);

@@ -28,7 +28,7 @@ int open_for_appending(const char* path) {
     return TEMP_FAILURE_RETRY(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0664));
 }
 
-// The report's lines, order included, are read by the app: frozen.
+// Frozen: the app reads these lines in this order.
 void write_report(const std::string& path, const char* event, const std::string& date,
                   const char* type, const char* name) {
     const int fd = open_for_appending(path.c_str());
@@ -79,7 +79,7 @@ void write_history_event(const char* event, const char* type, const char* dir, c
         return;
     }
     const std::string date = format_time("%Y-%m-%d/%H:%M:%S", time);
-    // The columns are read by the app: frozen.
+    // Frozen: the app reads these columns.
     std::string line;
     if (dir == nullptr) {
         line = cut_format(kMaxPathBytes, "%-8s%-20s%-16s\n", event, date.c_str(), type);
@@ -87,7 +87,7 @@ void write_history_event(const char* event, const char* type, const char* dir, c
         line = cut_format(kMaxPathBytes, "%-8s%-20s%s %s\n", event, date.c_str(), type, dir);
         write_report(cut_format(kMaxPathBytes, "%s/%s", dir, "eventfile"), event, date, type, name);
     }
-    // Last, so that whoever sees the line finds the report complete.
+    // Last: a reader that sees the line finds the report complete.
     android::base::WriteStringToFd(line, fd);
     close(fd);
 }

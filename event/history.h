@@ -4,13 +4,13 @@
 
 // The history file and the report file of each event folder.
 
-// Fills the device information of the reports from the system properties. For the main thread,
-// before the first report.
+// Reads the device information of the reports from the system properties. Main thread, before the
+// first watcher.
 void read_device_info();
 
-// Appends a line to "/data/logs/history.event" and, with a directory, first a report to its
-// "eventfile". `dir` is null for a line alone, and only then may `name` be null; an empty `name`
-// has no line in the report. `time` is local. A file that cannot be opened is logged; write errors
-// are not reported. Any thread: files are opened anew, for appending.
+// Appends a line to "/data/logs/history.event" and, when `dir` is not null, first a report to
+// `dir`/eventfile. `name` may be null only when `dir` is; an empty one has no line in the report.
+// `time` is local. A failed open is logged, write errors are not. Any thread: both files are opened
+// with O_APPEND for each call.
 void write_history_event(const char* event, const char* type, const char* dir, const char* name,
                          const tm& time);

@@ -32,7 +32,7 @@ constexpr event_watch make_watch(const char* path, uint32_t mask,
 
 }  // namespace
 
-// The order of the rows decides: the watchdog before the generic "anr" and "crash".
+// The first match wins, so the watchdog row stands before the generic "anr" and "crash".
 // clang-format off
 constinit event_watch event_watches[2] = {
     make_watch("/data/system/dropbox", IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF, {

@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-// What is watched, what its file names mean, and where the events go.
+// The watched directories, the meaning of their file names, and the event categories.
 
 // The root of all that is collected, ending in "/".
 inline constexpr const char* kBaseLogDir = "/data/logs/";
@@ -13,21 +13,21 @@ inline constexpr const char* kBaseLogDir = "/data/logs/";
 class customize_settings {
   public:
     std::string log_dir;     // folder below /data/logs/ that holds its event folders
-    std::string prop;        // its switch property
-    bool available = false;  // that switch, as last delivered; atomic accesses only
+    std::string prop;        // the property that switches it
+    bool available = false;  // state of that switch; accessed atomically
 };
 
-// By category, "CRASH" and "CUSTOM". Its structure never changes after start-up.
+// By category key, "CRASH" and "CUSTOM". Entries are never added or removed.
 extern std::map<std::string, customize_settings> event_settings;
 
-// A watched directory and what its file names mean. A row matches a name that contains its pattern.
+// A watched directory. A file belongs to the first row whose pattern its name contains.
 struct event_watch {
     static constexpr int kMaxRows = 32;
 
-    int32_t wd;  // the present watch descriptor, 0 before the first, -1 while there is no watch
+    int32_t wd;  // watch descriptor, 0 before the first watch, -1 without one
     uint32_t mask;
     const char* path;
-    int64_t count;  // of rows in use; the others are null
+    int64_t count;  // rows in use; the others are null
     const char* type[kMaxRows];
     const char* pattern[kMaxRows];
     const char* category[kMaxRows];
@@ -35,6 +35,6 @@ struct event_watch {
 
 extern event_watch event_watches[2];
 
-// Event folders kept per name prefix, and entries of the staging folder. Set by ZQEventDetect, only
-// read afterwards.
+// Maximum of event folders per name prefix and of entries in the staging folder. Written once, by
+// ZQEventDetect.
 extern int event_num_limit;

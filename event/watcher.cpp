@@ -7,7 +7,6 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,6 +20,7 @@
 #include "event/collection.h"
 #include "event/decisions.h"
 #include "event/tables.h"
+#include "utils/children.h"
 #include "utils/stop_signal.h"
 #include "utils/util.h"
 
@@ -281,11 +281,6 @@ void handle_records() {
     }
 }
 
-void reap_children() {
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-}
-
 void read_records() {
     const ssize_t bytes = read(detection.inotify, records.buffer, sizeof(records.buffer));
     if (bytes == 0) {
@@ -295,7 +290,7 @@ void read_records() {
         records.position = records.buffer;
         records.end = records.buffer + bytes;
         records.is_logged = false;
-        reap_children();
+        collect_ended_children();
     }
 }
 
@@ -340,7 +335,9 @@ void* start_event_detecting(void* /*unused*/) {
 }
 
 void start_watcher() {
-    const blocked_signals blocked;  // the thread inherits it
+    const sigset_t stop = set_of(kStopSignals);
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &stop, &previous);  // the thread inherits it
     const std::lock_guard lock(detection.mutex);
     detection.is_on =
         pthread_create(&detection.event_thread, nullptr, start_event_detecting, nullptr) == 0;
@@ -349,6 +346,7 @@ void start_watcher() {
     } else {
         LOG(ERROR) << "thread create fail";
     }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 void stop_watcher() {

@@ -2,14 +2,17 @@
 
 // The watcher thread: inotify on the watched directories.
 
-// Start and stop watching, in turn, beginning with a start; for one thread at a time. The files
-// that came before the stop are still collected, by the stopped thread or the next one; nothing
-// waits for that. A thread that cannot be created is logged.
+// Start and stop a watcher thread, strictly in turn, beginning with a start. Not thread-safe: for
+// the switch's handler. A stop does not wait for the thread: it finishes the event in hand, whose
+// child gets five more seconds, and ends. What is queued by then is the first work of the next
+// watcher. A thread that cannot be created is logged.
 void start_watcher();
 void stop_watcher();
 
-// A watcher thread's body, started by start_watcher alone. The argument is not used. Never returns.
+// The thread's body. Only start_watcher may start it: a thread that detection does not know adds no
+// watch. The argument is not used. Never returns.
 void* start_event_detecting(void*);
 
-// SIGTERM on a watcher thread ends that thread; on any other thread it ends the process.
+// Handler of SIGTERM: ends a watcher thread that was stopped. A SIGTERM that nobody sent it as a
+// stop is the process's, whichever thread the kernel chose, and ends the process.
 void event_sig_handler(int sig);

@@ -43,7 +43,7 @@ complaint check_count(const std::string& keyword, size_t count, size_t min, size
 
 // --- Commands ------------------------------------------------------------------------------------
 
-enum class kind { text, path, mode, user, group, property };
+enum class kind { text, path, mode, user, group, property, encryption };
 
 complaint check(kind what, const std::string& word) {
     switch (what) {
@@ -57,6 +57,11 @@ complaint check(kind what, const std::string& word) {
             return user_named(word) ? "" : "unknown user '" + word + "'";
         case kind::group:
             return group_named(word) ? "" : "unknown group '" + word + "'";
+        case kind::encryption:  // Linux as such has none
+            return word == "encryption=None" || word == "encryption=Attempt" ||
+                           word == "encryption=DeleteIfNecessary" || word == "encryption=Require"
+                       ? ""
+                       : "'" + word + "' is not a class of encryption";
         case kind::property:
             return word.find_first_of("/=") == std::string::npos
                        ? ""
@@ -76,7 +81,7 @@ struct command_row {
 const command_row kCommands[] = {
     {"chmod",       verb::chmod,       2, {kind::mode, kind::path}},
     {"class_start", verb::class_start, 1, {kind::text}},
-    {"mkdir",       verb::mkdir,       4, {kind::path, kind::mode, kind::user, kind::group}},
+    {"mkdir",       verb::mkdir,       4, {kind::path, kind::mode, kind::user, kind::group, kind::encryption}},
     {"setprop",     verb::setprop,     2, {kind::property, kind::text}},
     {"start",       verb::start,       1, {kind::text}},
     {"stop",        verb::stop,        1, {kind::text}},

@@ -10,6 +10,7 @@
 
 #include "tests/device_fixture.h"
 #include "tool/zq_touchpanel.h"
+#include "utils/util.h"
 
 namespace {
 
@@ -80,10 +81,11 @@ const std::string kNoSource =
     "TouchPanel Error: Unable to open source file\n"
     "Error: Unable to open source file: " +
     kDiffData + "\n";
+const std::string kNoGoodixTarget = "TouchPanel Error: Unable to create target file\n";
+const std::string kNoFtsTarget =
+    "Error: Unable to create target file: " + kOutputDir + "tp_log_.txt\n";
 const std::string kNoTarget =
-    "TouchPanel Error: Unable to create target file\n"
-    "Error: Unable to open file: " +
-    kDiffMode + "\nError: Unable to create target file: " + kOutputDir + "tp_log_.txt\n";
+    kNoGoodixTarget + "Error: Unable to open file: " + kDiffMode + "\n" + kNoFtsTarget;
 
 class TouchPanel : public Test {
   protected:
@@ -106,6 +108,11 @@ class TouchPanel : public Test {
         EXPECT_EQ(ZQTouchPanelDump(), 0);
         const std::regex varying("[^\n]*I ZQ_TOUCHPANEL: |20..-..-.._..-..-..");
         return std::regex_replace(read_file(log_lines::kFile), varying, "");
+    }
+
+    static std::string output_path(time_t second, const char* suffix) {
+        return kOutputDir + "tp_log_" + format_time("%Y-%m-%d_%H-%M-%S", local_time(second)) +
+               suffix;
     }
 
     static std::string output(const std::string& suffix) {
@@ -149,6 +156,38 @@ TEST_F(TouchPanel, EveryControllerIsCapturedAsFarAsItCanBe) {
         EXPECT_EQ(read_file(kOwners),
                   c.missing.empty() ? "-R system:system /data/logs/touch_panel/\n" : "");
     }
+}
+
+TEST_F(TouchPanel, NoLinkIsFollowedAndNoFifoWaitedFor) {
+    const std::string dir = "/data/logs/touch_panel";
+    const std::string secret = "/data/root/secret";
+    write_file(secret, "kept");
+    const time_t now = time(nullptr);
+    for (time_t second = now; second < now + 10; ++second) {
+        fs::create_symlink(secret, output_path(second, ".rep"));
+        mkfifo(output_path(second, ".txt").c_str(), 0666);
+    }
+    EXPECT_EQ(dump("62,63"), kStart + kNoGoodixTarget + kNoFtsTarget + kEnd);
+
+    fs::remove_all(dir);
+    fs::create_directory_symlink("/data/root", dir);
+    const std::string link = "TouchPanel Error: " + dir + " is a link or a file\n";
+    EXPECT_EQ(dump("62,63"), kStart + link + kNoGoodixTarget + link + kNoFtsTarget + kEnd);
+
+    fs::remove(dir);
+    fs::create_directory(dir);
+    fs::remove("/dev/__properties__/ro.zq.features");
+    std::thread planter([&] {
+        EXPECT_TRUE(wait_until(dir, [] { return output(".txt") == kDiffs; }));
+        fs::rename(dir, "/data/moved");
+        fs::create_directory_symlink("/data/root", dir);
+    });
+    EXPECT_EQ(dump("63"), kStart + kHandOver + link + "TouchPanel Error\n" + kEnd);
+    planter.join();
+
+    EXPECT_EQ(read_file(secret), "kept");
+    EXPECT_THAT(names_in("/data/root"), ElementsAre("secret"));
+    EXPECT_EQ(read_file(kOwners), "");
 }
 
 // The list of mounts is a kernel file that raises a priority event whenever it changes.

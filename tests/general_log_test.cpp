@@ -1,6 +1,21 @@
+#include <linux/sched.h>
+#include <spawn.h>
+
 #include "tests/device_fixture.h"
 #include "utils/util.h"
 #include "zq_general_log.h"
+
+// Bionic allocates in these two.
+int spawn_settings_left = -1;  // negative: no end of them
+
+extern "C" int __real_posix_spawnattr_init(posix_spawnattr_t* attributes);
+extern "C" int __wrap_posix_spawnattr_init(posix_spawnattr_t* attributes) {
+    return spawn_settings_left-- == 0 ? ENOMEM : __real_posix_spawnattr_init(attributes);
+}
+extern "C" int __real_posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions);
+extern "C" int __wrap_posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions) {
+    return spawn_settings_left-- == 0 ? ENOMEM : __real_posix_spawn_file_actions_init(actions);
+}
 
 namespace {
 
@@ -82,6 +97,19 @@ TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
     EXPECT_EQ(last_line(), "E ZQ_GENERAL_LOG: create new general log dir failed!");
 }
 
+TEST_F(GeneralLog, AChannelWithoutMemoryForItsStartIsSaid) {
+    write_program("/system/bin/logcat", "exec sleep 1000");
+    for (const int settings : {0, 1}) {
+        const log_lines log;
+        spawn_settings_left = settings;
+        capturing(nullptr, true);
+        capturing(nullptr, false);
+        EXPECT_THAT(log.lines(),
+                    Contains("E ZQ_UTIL: tag: android, error: Cannot allocate memory"));
+        EXPECT_EQ(log.count(", pid: "), 3U);
+    }
+}
+
 TEST_F(GeneralLog, TenCapturesAreKept) {
     write_program("/system/bin/logcat", "exec sleep 1000");
     for (int i = 0; i < 12; ++i) {
@@ -94,8 +122,29 @@ TEST_F(GeneralLog, TenCapturesAreKept) {
 
 // --- The daemon, switched by its property --------------------------------------------------------
 
+// A process that does nothing, with a pid that is free.
+pid_t start_stranger(pid_t pid) {
+    clone_args arguments{};
+    arguments.exit_signal = SIGCHLD;
+    arguments.set_tid = reinterpret_cast<uintptr_t>(&pid);
+    arguments.set_tid_size = 1;
+    const auto stranger = static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof(arguments)));
+    while (stranger == 0) {
+        pause();
+    }
+    return stranger;
+}
+
 class Daemon : public GeneralLog {
   protected:
+    void SetUp() override { make_event_folders(); }
+
+    size_t ended_children() const {
+        return std::ranges::count_if(processes(), [this](const process& each) {
+            return each.parent == daemon_.pid && each.has_ended;
+        });
+    }
+
     static void set_switch(bool on) {
         set_property("persist.service.start.capture", on ? "1" : "0");
     }
@@ -148,6 +197,29 @@ TEST_F(Daemon, WithoutLogcatNothingIsLeftRunning) {
     ASSERT_TRUE(flip(true));
     ASSERT_TRUE(flip(false));
     EXPECT_THAT(processes_named("zq_brevix"), SizeIs(1));
+}
+
+TEST_F(Daemon, APidThatWasCollectedIsNotSignalled) {
+    write_program("/system/bin/logcat", "echo $$ >>/data/pids");
+    set_property("persist.service.event.detect", "1");
+    ASSERT_TRUE(wait_for_text(log_lines::kFile, "/data/tombstones has been snooped"));
+    ASSERT_TRUE(flip(true));
+    ASSERT_TRUE(wait_until("/data", [this] { return ended_children() == 4; }));
+    move_into_dropbox("boring@1");
+    ASSERT_TRUE(wait_until("/data", [this] { return ended_children() == 0; }));
+    std::vector<pid_t> strangers;
+    for (const std::string& pid : read_lines("/data/pids")) {
+        strangers.push_back(start_stranger(std::stoi(pid)));
+        ASSERT_EQ(std::to_string(strangers.back()), pid);
+    }
+    ASSERT_TRUE(flip(false));
+    // Handlers run one at a time: when the next one begins, that of the capture is through.
+    set_property("persist.service.event.detect", "0");
+    ASSERT_TRUE(wait_for_text(log_lines::kFile, "stop detecting"));
+    for (const pid_t stranger : strangers) {
+        kill(stranger, SIGKILL);
+        EXPECT_EQ(wait_status(stranger), SIGKILL);
+    }
 }
 
 TEST_F(GeneralLog, ANumberThatIsNoneEndsTheDaemon) {

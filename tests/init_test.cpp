@@ -57,7 +57,9 @@ TEST(Language, RefusesWhatItDoesNotKnow) {
     } const cases[] = {
         {"mkdir /x", "x.rc:1: 'mkdir' stands outside of a section"},
         {"on boot\n\n frob 1", "x.rc:3: unknown command 'frob'"},
-        {"on boot\n mkdir /x 0755 root", "x.rc:2: mkdir takes 4 arguments, not 3"},
+        {"on boot\n mkdir /x 0755 root", "x.rc:2: mkdir takes 4 to 5 arguments, not 3"},
+        {"on boot\n mkdir /x 0755 root root encryption=Perhaps",
+         "x.rc:2: 'encryption=Perhaps' is not a class of encryption"},
         {"on boot\n chmod 0855 /x", "x.rc:2: '0855' is not an octal mode"},
         {"on boot\n mkdir /x 0755 nobody2 root", "x.rc:2: unknown user 'nobody2'"},
         {"on boot\n setprop a/b 1", "x.rc:2: 'a/b' is not a property name"},
@@ -203,6 +205,29 @@ TEST(ServiceFile, TheDaemonIsSystemAndReadsWhatIsSystems) {
         EXPECT_EQ(stat(path.c_str(), &folder), 0);
         EXPECT_EQ(folder.st_uid, 1000U) << name;
         EXPECT_EQ(names_in(path).size(), 2U) << name;  // the report and the copy
+    }
+}
+
+TEST(ServiceFile, ADeliveredCrashIsToldWithItsEventOrWhyThereIsNone) {
+    write_file("/dev/__properties__/persist.service.event.detect", "1");
+    write_file("/dev/__properties__/persist.service.crashlog.enable", "1");
+    start("exec init");
+    ASSERT_TRUE(wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
+    ASSERT_TRUE(wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
+    const struct {
+        std::string words;
+        std::string told;
+    } cases[] = {
+        {"tombstone", "TOMBSTONE /data/logs/crashlog/crashlog_0_TOMBSTONE_.*"},
+        {"pre_watchdog", "no event: a file of this name is none: .*"},
+        {"file data_app_anr@1.lost - </dev/null", "no event: a file of this name is none: .*"},
+        {"anr", "ANR /data/logs/crashlog/crashlog_1_ANR_.*"},
+        {"custom com.example.app Freeze",
+         "no event: detection is off \\(category CUSTOM, persist.service.event.detect=1, "
+         "persist.service.custom.event=, limit 10\\)\n"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_THAT(run("crash --wait " + c.words).output, MatchesRegex(c.told)) << c.words;
     }
 }
 

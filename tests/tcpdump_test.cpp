@@ -84,6 +84,12 @@ class Capture : public Test {
         EXPECT_THAT(read_file(kOutput), ContainsRegex("start rec.*stop rec.*exit\n"));
     }
 
+    void expect_end_by(int sig) {
+        kill(tool_, sig);
+        EXPECT_EQ(wait_status(tool_) & 0x7f, sig);  // without a bit for a core
+        EXPECT_THAT(other_processes(), IsEmpty()) << sig;
+    }
+
     pid_t tool_ = -1;
 };
 
@@ -127,6 +133,8 @@ TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
     for (int i = 0; i < 20 && !HasFailure(); ++i) {
         start();
         stop();
+        start();
+        expect_end_by(SIGTERM);
         start_and_wait(endless);
         stop();
     }
@@ -142,12 +150,25 @@ TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTimeButEnds) {
     start_and_wait(std::string("kill -9 $PPID; ") + kEndsInItsOwnTime);  // its shell
     stop();
     EXPECT_TRUE(fs::remove("/data/flushed"));
-    start_and_wait(kEndsInItsOwnTime);
-    kill(tool_, SIGTERM);
-    EXPECT_EQ(wait_status(tool_), SIGTERM);
-    EXPECT_TRUE(fs::remove("/data/flushed"));
-    EXPECT_THAT(other_processes(), IsEmpty());
     start_and_wait("trap '' TERM; echo >/data/started; while true; do sleep 1000; done");
+    stop();
+}
+
+TEST_F(Capture, WhateverEndsTheToolTheCaptureEndsFirst) {
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+        start_and_wait(kEndsInItsOwnTime);
+        expect_end_by(sig);
+        EXPECT_TRUE(fs::remove("/data/flushed")) << sig;
+    }
+    // As a tool inherits it: blocked, and ignored.
+    sigset_t blocked;
+    sigfillset(&blocked);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    start_and_wait(kEndsInItsOwnTime);
+    expect_end_by(SIGTERM);
+    signal(SIGHUP, SIG_IGN);
+    start_and_wait(kEndsInItsOwnTime);
+    kill(tool_, SIGHUP);
     stop();
 }
 

@@ -1,6 +1,11 @@
 #include "utils/util.h"
 
+#include <atomic>
+#include <climits>
+#include <thread>
+
 #include "tests/device_fixture.h"
+#include "utils/upgrade.h"
 
 namespace {
 
@@ -15,61 +20,7 @@ void make_dirs(const std::string& base, const std::vector<std::string>& names) {
     }
 }
 
-// --- Directories and names ---------------------------------------------------------------------
-
-TEST(Names, CountIsFieldOneOfAWellFormedName) {
-    struct {
-        const char* name;
-        uint64_t fields;
-        int64_t count;
-    } const cases[] = {
-        {"ZQLog_7_2025-01-02-03-04-05", 3, 7},
-        {"ZQLog_7_2025-01-02-03-04-05", 4, -1},
-        {"ZQLog_x7_2025", 3, -1},
-        {"ZQLog_007_t", 3, 7},
-        {"ZQLog_12-3_t", 3, 12},
-        {"ZQLog_12-x_t", 3, -1},
-        {"ZQLog_ +8_t", 3, 8},
-        {"ZQLog_-5_t", 3, -5},
-        {"ZQLog_9223372036854775807_t", 3, INT64_MAX},
-        {"crashlog_5_UIWDT_2026-11-15-10-46-07", 4, 5},
-        {"crashlog_5_UI_WDT_2026", 4, -1},
-        {"a__b_c", 3, -1},
-        {"_3", 2, 3},
-        {"name", 1, -1},
-        {"", 0, -1},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(ZQGetCountByFileName(c.name, c.fields), c.count) << c.name << " " << c.fields;
-    }
-    for (const char* name : {"ZQLog__t", "ZQLog_-_t", "ZQLog_ _5", "ZQLog_._t"}) {
-        EXPECT_THROW(ZQGetCountByFileName(name, 3), std::invalid_argument) << name;
-    }
-    EXPECT_THROW(ZQGetCountByFileName("ZQLog_9223372036854775808_t", 3), std::out_of_range);
-}
-
-TEST(Names, OnlyTheFirstTokenEndsAtTheDelimiter) {
-    const auto split = [](std::string text, const char* delim) {
-        std::vector<char*> tokens;
-        ZQSplitByDelim(tokens, text.data(), delim);
-        return std::vector<std::string>(tokens.begin(), tokens.end());
-    };
-    EXPECT_THAT(split("a,b c,d", ","), ElementsAre("a", "b", "c,d"));
-    EXPECT_THAT(split("/bin/x  -f y ", " "), ElementsAre("/bin/x", "-f", "y"));
-    EXPECT_THAT(split("", " "), IsEmpty());
-}
-
-TEST(CreateDir, OpensTheLastComponentAlone) {
-    umask(022);
-    EXPECT_EQ(ZQCreateDir("/data/a/b/"), 0);
-    EXPECT_EQ(mode_of("/data/a"), 0755);
-    fs::permissions("/data/a/b", fs::perms(0700));
-    write_file("/data/file", "x");
-    for (const char* path : {"/data/a/b", "/data/a/c", "/data/file"}) {
-        EXPECT_EQ(ZQCreateDir(path), 0) << path;
-        EXPECT_EQ(mode_of(path), 0777) << path;
-    }
-}
+// --- Directories and times ---------------------------------------------------------------------
 
 TEST(CreateDir, WhatCannotBeMadeIsSaid) {
     write_file("/data/file", "x");
@@ -78,19 +29,6 @@ TEST(CreateDir, WhatCannotBeMadeIsSaid) {
     EXPECT_EQ(ZQCreateDir("/data/file/below"), 1);
     const auto line = MatchesRegex("E ZQ_UTIL: Cannot create: /data/file/.* error: [a-z]+:[0-9]+");
     EXPECT_THAT(log.lines(), ElementsAre(line, line));
-}
-
-TEST(CreateDir, ComposedNamesAreCutToTheCallersBuffer) {
-    char out[512];
-    EXPECT_EQ(ZQCreateDirByFormat("/data/", "ZQLog_", 12, "%Y-%m-%d-%H-%M-%S", sizeof(out), out),
-              0);
-    EXPECT_THAT(out, MatchesRegex("/data/ZQLog_12_20..-..-..-..-..-.."));
-    EXPECT_TRUE(fs::is_directory(out));
-    EXPECT_EQ(ZQCreateDirByFormat("/data/", "ZQLog_", 12, "%Y", 8, out), 0);
-    EXPECT_STREQ(out, "/data/Z");
-    EXPECT_EQ(ZQCreateLogDir("/data/", "crashlog_", 5, "UIWDT", "t", sizeof(out), out), 0);
-    EXPECT_STREQ(out, "/data/crashlog_5_UIWDT_t");
-    EXPECT_THAT(names_in("/data"), Contains("crashlog_5_UIWDT_t"));
 }
 
 TEST(Times, FollowTheZoneThatIsSet) {
@@ -108,19 +46,11 @@ TEST(Retention, NextCountFollowsTheHighest) {
     make_dirs("/data/e/", {"ZQLog_0_x", "ZQLog_5_y", "ZQLog_5_z"});
     EXPECT_EQ(ZQGetNewLogCount("/data/e/", "ZQLog_", 3), 6);
     EXPECT_EQ(ZQGetNewLogCount("/data/e/", "", 3), 10);
+    make_dirs("/data/e/", {"int_2147483647_t", "long_9223372036854775807_t"});
+    EXPECT_EQ(ZQGetNewLogCount("/data/e/", "int_", 3), INT_MIN);
+    EXPECT_EQ(ZQGetNewLogCount("/data/e/", "long_", 3), 0);
     EXPECT_THROW(ZQGetNewLogCount("/data/none/", "", 3), fs::filesystem_error);
-    EXPECT_EQ(ZQGetFileCount("/data/e"), 6);
-}
-
-TEST(Retention, RemovesBelowTheCountKeptAndMalformedNames) {
-    make_dirs("/data/r/",
-              {"ZQLog_0_a", "ZQLog_1_b/deep", "ZQLog_9_c", "ZQLog_bad", "ZQLog_-5_t", "other"});
-    EXPECT_FALSE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, -7, true, false));
-    EXPECT_THAT(names_in("/data/r"), ElementsAre("ZQLog_0_a", "ZQLog_1_b", "ZQLog_9_c", "other"));
-    EXPECT_FALSE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 2, true, false));
-    EXPECT_THAT(names_in("/data/r"), ElementsAre("ZQLog_9_c", "other"));
-    EXPECT_FALSE(ZQRemoveOldFile("/data/r/", "", 3, 0, true, false));
-    EXPECT_THAT(names_in("/data/r"), ElementsAre("ZQLog_9_c"));
+    EXPECT_EQ(ZQGetFileCount("/data/e"), 8);
 }
 
 TEST(Retention, AFailedRemovalEndsTheWalk) {
@@ -129,6 +59,14 @@ TEST(Retention, AFailedRemovalEndsTheWalk) {
     EXPECT_TRUE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false));
     EXPECT_EQ(ZQRemoveFile("/data/r/ZQLog_0_a"), -1);
     EXPECT_EQ(ZQRemoveFile("/data/none"), 0);
+}
+
+// In memory the walk meets the entries in the order of their making, or backwards.
+TEST(Retention, ANameThatThrowsSavesThoseBehindItAlone) {
+    ASSERT_TRUE(mount_memory("/data"));
+    make_dirs("/data/r/", {"ZQLog_0_a", "ZQLog__t", "ZQLog_0_b"});
+    EXPECT_THROW(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false), std::invalid_argument);
+    EXPECT_THAT(names_in("/data/r"), AllOf(SizeIs(2), Contains("ZQLog__t")));
 }
 
 TEST(Retention, CompressPacksWhatIsKept) {
@@ -145,16 +83,24 @@ TEST(Retention, CompressPacksWhatIsKept) {
     }));
 }
 
-TEST(Size, CountsRegularFilesOnceAndThroughLinks) {
-    write_file("/data/s/a", "12345");
-    write_file("/data/s/d/e/b", "123");
-    fs::create_symlink("a", "/data/s/link");
-    fs::create_symlink("nowhere", "/data/s/dangling");
-    fs::create_directory_symlink("d", "/data/s/dirlink");
-    mkfifo("/data/s/fifo", 0600);
-    EXPECT_EQ(GetDirectorySize("/data/s"), 5 + 3 + 5);
-    EXPECT_THROW(GetDirectorySize("/data/s/a"), fs::filesystem_error);
-    EXPECT_THROW(GetDirectorySize("/data/none"), fs::filesystem_error);
+TEST(Size, FoldersThatVanishUnderTheWalkAreLeftOut) {
+    write_file("/data/s/stays", "12345");
+    std::atomic<bool> walked = false;
+    std::thread app([&] {
+        while (!walked) {
+            for (int i = 0; i < 100; ++i) {
+                fs::create_directory("/data/s/" + std::to_string(i));
+            }
+            for (int i = 0; i < 100; ++i) {
+                fs::remove("/data/s/" + std::to_string(i));
+            }
+        }
+    });
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(GetDirectorySize("/data/s"), 5);
+    }
+    walked = true;
+    app.join();
 }
 
 TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
@@ -265,6 +211,8 @@ TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
     }
     EXPECT_EQ(wait_status(pid) & 0x7f, SIGABRT);
     EXPECT_EQ(run_shell("exit 7"), 7 << 8);
+    run_shell("echo $0 >/data/ran");
+    EXPECT_EQ(read_file("/data/ran"), "sh\n");
 }
 
 TEST(Copies, NeverOverwriteAndAlwaysOpenTheMode) {
@@ -293,6 +241,42 @@ TEST(Copies, ShellCopiesRunTheLineAsItIs) {
     ZQCopyCmd(std::string(500, 'a').c_str(), "/0123456789");
     EXPECT_THAT(read_lines("/data/cp"), ElementsAre("3:-r /a/b /c", "3:/a b /c",
                                                     "2:" + std::string(500, 'a') + " /012345"));
+}
+
+// --- Upgrade and dispatch ------------------------------------------------------------------------
+
+TEST(Upgrade, MovesOldDefaultsAlone) {
+    // Version and size; version, size and rotate_kbytes afterwards.
+    const std::array<const char*, 5> cases[] = {
+        {"", "", "1", "5", "20000"},        {"0", "2", "1", "5", "20000"},
+        {"", "3", "1", "3", "20000"},       {"1", "2", "1", "2", "(unset)"},
+        {"01", "2", "01", "2", "(unset)"},  {"07", "2", "7", "2", "(unset)"},
+        {"-3x", "2", "-3", "2", "(unset)"},
+    };
+    for (const auto& [version, size, version_after, size_after, rotate_after] : cases) {
+        set_property("persist.service.brevix.version", version);
+        set_property("persist.sys.apklogfs.size", size);
+        set_property("persist.sys.apklogfs.rotate_kbytes", "");
+        EXPECT_EQ(ZQCheckUpgrade(), 0);
+        EXPECT_EQ(property("persist.service.brevix.version"), version_after) << version;
+        EXPECT_EQ(property("persist.sys.apklogfs.size"), size_after) << version;
+        EXPECT_EQ(property("persist.sys.apklogfs.rotate_kbytes"), rotate_after) << version;
+    }
+    EXPECT_EQ(property("persist.sys.kmsglogfs.rotate_kbytes"), "6000");
+    set_property("persist.service.brevix.version", "new");
+    EXPECT_THROW(ZQCheckUpgrade(), std::invalid_argument);
+}
+
+TEST(Dispatch, ToolsAnswerToTheirArgumentsAndAlwaysEndWithZero) {
+    write_program("/system/bin/cp", "echo \"cp $*\" >>/data/ran; kill -INT $PPID");
+    write_program("/system/bin/touch", "echo \"touch $#\" >>/data/ran");
+    for (const char* arguments :
+         {"unknown", "CMD 'touch x'", "cmdx", "''", "copy_folder", "copy_folder /a", "cmd",
+          "audio_cmd", "audio_cmd 7", "audio_cmd 1:2 x", "copy_folder /a /b /c",
+          "cmd touch 'a b' c", "cmd 'exit 9'", "cmd 'kill -INT $PPID'"}) {
+        EXPECT_EQ(run(std::string("zq_brevix ") + arguments).exit_status, 0) << arguments;
+    }
+    EXPECT_THAT(read_lines("/data/ran"), ElementsAre("cp -r /a /b", "touch 3"));
 }
 
 }  // namespace

@@ -14,10 +14,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <sstream>
 
 #include "utils/stop_signal.h"
@@ -67,23 +67,47 @@ namespace {
 
 // --- The recorder thread -------------------------------------------------------------------------
 
+// The signals that end the process, and with it the capture. From the "1" on every thread blocks
+// them but the recorder in its wait, so the recorder takes them, whichever thread they are for.
+constexpr int kEndSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT};
+
 pthread_t tcpdump_thread = 0;  // 0 while there is no recorder
 sem_t recorder_ended;
 
-// The shell and its group. The recorder's own, set before the one place where its handler may run.
+// The shell's pid, which is also its process group. Only the recorder uses it.
 pid_t capture = -1;
 
-// The signal that ends the process once the capture has ended, 0 if none.
-std::atomic<int> process_end{0};
+// Guards `is_ordered`. stop_recorder holds it while it signals, so that the recorder, which another
+// signal may end at the same time, is still alive then: bionic aborts on a dead thread.
+std::mutex stop_mutex;
+bool is_ordered = false;  // the end of the recording, by "0"
+
+// `how` is SIG_BLOCK or SIG_UNBLOCK. SIGCHLD is what end_capture waits for.
+void mask_signals(int how) {
+    sigset_t signals = set_of(kEndSignals);
+    sigaddset(&signals, SIGCHLD);
+    pthread_sigmask(how, &signals, nullptr);
+}
+
+// What is ignored stays so, as under nohup, but for SIGTERM, which is also the stop's own.
+void handle_end_signals() {
+    for (const int sig : kEndSignals) {
+        struct sigaction present {};
+        sigaction(sig, nullptr, &present);
+        if (sig == SIGTERM || present.sa_handler != SIG_IGN) {
+            handle_signal(sig, tcpdump_sig_handler);
+        }
+    }
+}
 
 void start_capture(const char* line) {
-    // A tcpdump that outlives its shell becomes a child of this process then, to be waited for.
+    // As a child subreaper, this process also collects a tcpdump that outlives its shell.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     capture = start_shell_group(line);
 }
 
-// Reaps the processes of the capture that have ended. Returns whether there are others.
-bool is_capture_alive() {
+// Collects the processes of the capture that have ended. Returns whether there are others.
+bool collect_ended() {
     pid_t pid = 0;
     do {
         pid = waitpid(-capture, nullptr, WNOHANG);
@@ -93,18 +117,17 @@ bool is_capture_alive() {
 
 // Returns false when no child of this process has ended in that time.
 bool wait_for_child(std::chrono::milliseconds patience) {
-    sigset_t child_end;
-    sigemptyset(&child_end);
-    sigaddset(&child_end, SIGCHLD);
+    constexpr int kChildEnd[] = {SIGCHLD};
+    const sigset_t child_end = set_of(kChildEnd);
     const auto seconds = std::chrono::floor<std::chrono::seconds>(patience);
     const timespec timeout{static_cast<time_t>(seconds.count()),
                            static_cast<long>(std::chrono::nanoseconds(patience - seconds).count())};
     return sigtimedwait(&child_end, nullptr, &timeout) == SIGCHLD;
 }
 
-// A shell that is about to start tcpdump may handle a SIGTERM on its own and forget it: the signal
-// is sent again, to whoever is there by then. Less and less often, for those that need their time;
-// whoever takes more than three seconds is killed, so that the stop comes to an end.
+// A shell that has not started tcpdump yet may handle SIGTERM and lose it, so the signal is
+// repeated, at growing intervals for processes that need time to end. After three seconds SIGKILL
+// ends them.
 void end_capture() {
     if (capture <= 0) {
         return;
@@ -112,7 +135,7 @@ void end_capture() {
     constexpr std::chrono::milliseconds kLastPatience(3200);
     std::chrono::milliseconds patience(100);
     kill(-capture, SIGTERM);
-    while (is_capture_alive()) {
+    while (collect_ended()) {
         if (!wait_for_child(patience)) {
             patience *= 2;
             kill(-capture, patience < kLastPatience ? SIGTERM : SIGKILL);
@@ -120,28 +143,16 @@ void end_capture() {
     }
 }
 
-void signal_recorder() {
-    // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
-    pthread_kill(tcpdump_thread, SIGTERM);
-}
-
 }  // namespace
 
 void tcpdump_sig_handler(int sig) {
-    if (!is_stoppable()) {
-        process_end = sig;
-        if (tcpdump_thread == 0) {
-            end_process_by(sig);
-        } else {
-            signal_recorder();
-        }
-        return;
-    }
     LOG(INFO) << "exit";
     end_capture();
-    if (process_end != 0) {
-        end_process_by(process_end);
+    stop_mutex.lock();
+    if (!is_ordered) {
+        end_process_by(sig);
     }
+    stop_mutex.unlock();  // not a lock_guard: bionic's pthread_exit runs no destructor
     sem_post(&recorder_ended);
     pthread_exit(nullptr);
 }
@@ -154,10 +165,10 @@ void* record_tcpdump(void* /*unused*/) {
     property_get("sys.tcpdump.size", size, "100,10");
     property_get("sys.tcpdump.file", file, "");
     const std::string line = capture_command(size, file, limitation);
-    make_stoppable(tcpdump_sig_handler);
+    handle_end_signals();
     start_capture(line.c_str());
     while (true) {
-        wait_or_stop(-1);
+        wait_unblocked(kEndSignals, -1);
     }
 }
 
@@ -173,27 +184,33 @@ void wait_for_switch(const char* value) {
 
 void start_recorder() {
     sem_init(&recorder_ended, 0, 0);
-    const blocked_signals blocked;  // the thread inherits it
+    mask_signals(SIG_BLOCK);  // the thread inherits it
     if (pthread_create(&tcpdump_thread, nullptr, record_tcpdump, nullptr) != 0) {
         LOG(ERROR) << "thread create fail";
         tcpdump_thread = 0;  // a failed creation may leave anything here
+        mask_signals(SIG_UNBLOCK);
         return;
     }
     pthread_detach(tcpdump_thread);
 }
 
 void stop_recorder() {
-    const blocked_signals blocked;  // the handler here must not meet a recorder that ends
-    if (tcpdump_thread != 0) {
-        signal_recorder();
-        TEMP_FAILURE_RETRY(sem_wait(&recorder_ended));
-        tcpdump_thread = 0;
+    if (tcpdump_thread == 0) {
+        return;
     }
+    {
+        const std::lock_guard lock(stop_mutex);
+        is_ordered = true;
+        // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
+        pthread_kill(tcpdump_thread, SIGTERM);
+    }
+    TEMP_FAILURE_RETRY(sem_wait(&recorder_ended));
 }
 
 }  // namespace
 
 int ZQTCPDumpDetect() {
+    mask_signals(SIG_UNBLOCK);  // whoever started this may have left them blocked
     wait_for_switch("1");
     LOG(INFO) << "start recording";
     start_recorder();

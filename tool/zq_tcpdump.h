@@ -8,19 +8,22 @@
 // One capture: waits without limit for "1", starts a recorder thread, waits for "0", ends the
 // recorder with its tcpdump and gives the files mode 0666. By then no process of the capture is
 // left and its last file is complete, unless tcpdump took more than three seconds to end and was
-// killed. Returns 0. Makes this process the one that orphans of its
-// children fall to.
+// killed. Returns 0. Makes this process a child subreaper. Main thread
+// of a single-threaded process.
 //
-// A SIGTERM to the process before the capture ends it as usual; during a capture the capture ends
-// first. A value of "sys.tcpdump.size" that is no number ends the process (std::terminate).
+// SIGTERM, SIGINT, SIGHUP and SIGQUIT end the process as usual, but during a capture the capture
+// ends first, in the same way. They are unblocked until the capture and blocked in the calling
+// thread from then on; one that is ignored stays so, except SIGTERM. A value of "sys.tcpdump.size"
+// that is no number ends the process (std::terminate).
 int ZQTCPDumpDetect();
 
-// The recorder thread's body, to be started with SIGTERM blocked: the thread takes that signal only
-// where it waits, with the capture running. The argument is not used. Never returns.
+// The recorder thread's body, to be started with those four signals and SIGCHLD blocked in every
+// thread: it takes them only where it waits, with the capture running. The argument is not used.
+// Never returns.
 void* record_tcpdump(void*);
 
-// SIGTERM on the recorder thread ends the capture, waits for its processes, and ends the thread; on
-// any other thread it does so for the recorder, if there is one, and then ends the process.
+// The recorder thread's handler. Ends the capture, waits for its processes, and ends the thread
+// when the "0" has come, else the process by `sig`.
 void tcpdump_sig_handler(int sig);
 
 // The shell line of a capture, at most 254 bytes. `size` is FILE_SIZE[,FILES[,...]] in tcpdump's

@@ -4,6 +4,7 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/unique_fd.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -11,9 +12,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <thread>
 
 #include "platform/zq_feature.h"
@@ -21,6 +24,7 @@
 
 namespace {
 
+using android::base::unique_fd;
 using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kCaptureTime(2);
@@ -32,7 +36,7 @@ struct touch_controller {
     const char* switch_node;
     const char* data_node;
     const char* suffix;
-    // Returns false when the capture could not be made.
+    // Writes into the file `output` of the folder. Returns false when that could not be made.
     bool (*capture)(const touch_controller& controller, const std::string& output);
 };
 
@@ -46,6 +50,26 @@ void write_switch(const std::string& path, char value) {
         std::cerr << "Error: Failed to write content to file: " << path << std::endl;
     }
     close(fd);
+}
+
+// --- Output --------------------------------------------------------------------------------------
+
+// The folder belongs to the user system and this process is root: a planted link must lead neither
+// a capture nor the change of owner to the files of others, and a planted FIFO must not hold it up.
+constexpr const char* kOutputDir = "/data/logs/touch_panel";
+
+unique_fd open_folder() {
+    unique_fd folder(open(kOutputDir, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (folder < 0 && errno == ENOTDIR) {
+        LOG(INFO) << "TouchPanel Error: " << kOutputDir << " is a link or a file";
+    }
+    return folder;
+}
+
+unique_fd open_output(const std::string& name, int flags, mode_t mode) {
+    const unique_fd folder = open_folder();
+    flags |= O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    return unique_fd(openat(folder, name.c_str(), flags, mode));
 }
 
 // --- goodix_ts: every change of the node is a snapshot of its own --------------------------------
@@ -65,7 +89,7 @@ void record_changes(int node, int output, steady_clock::time_point start) {
             LOG(INFO) << "TouchPanel polling!! break poll";
             return;
         }
-        // Kernel files raise POLLERR beside it.
+        // Kernel files raise POLLERR with it.
         if ((change.revents & POLLPRI) != 0) {
             const std::string snapshot = read_snapshot(node);
             android::base::WriteFully(output, snapshot.data(), snapshot.size());
@@ -75,15 +99,14 @@ void record_changes(int node, int output, steady_clock::time_point start) {
 }
 
 bool capture_changes(const touch_controller& controller, const std::string& output) {
-    const int node = open(controller.data_node, O_RDONLY | O_CLOEXEC);
+    const unique_fd node(open(controller.data_node, O_RDONLY | O_CLOEXEC));
     if (node < 0) {
         LOG(INFO) << "TouchPanel Error: Unable to open source file";
         return false;
     }
-    const int file = open(output.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const unique_fd file = open_output(output, 0, 0644);
     if (file < 0) {
         LOG(INFO) << "TouchPanel Error: Unable to create target file";
-        close(node);
         return false;
     }
     read_snapshot(node);  // the driver tells of changes since the last read
@@ -91,31 +114,29 @@ bool capture_changes(const touch_controller& controller, const std::string& outp
     enableReplay(controller.switch_node);
     record_changes(node, file, start);
     disableReplay(controller.switch_node);
-    close(node);
-    close(file);
     return true;
 }
 
 // --- fts: one copy, with the mode held on --------------------------------------------------------
 
-// Both streams are opened before either is looked at, and a capture that cannot be made leaves the
-// mode on: whoever asked for it finds an empty file and the controller as the attempt left it.
+// Opens both before it checks either, and a capture that fails leaves the mode on: an empty file
+// and the controller's state show whoever asked that it was tried.
 bool capture_once(const touch_controller& controller, const std::string& output) {
     enableReplay(controller.switch_node);
     std::ifstream node(controller.data_node, std::ios::binary);
-    std::ofstream file(output, std::ios::binary);
+    const unique_fd file = open_output(output, O_TRUNC, 0666);
     if (!node) {
         std::cerr << "Error: Unable to open source file: " << controller.data_node << std::endl;
         return false;
     }
-    if (!file) {
-        std::cerr << "Error: Unable to create target file: " << output << std::endl;
+    if (file < 0) {
+        std::cerr << "Error: Unable to create target file: " << kOutputDir << "/" << output
+                  << std::endl;
         return false;
     }
-    file << node.rdbuf();  // a node without data sets the fail bit: an empty capture is one, too
+    const std::string diffs(std::istreambuf_iterator<char>(node), {});
+    android::base::WriteFully(file, diffs.data(), diffs.size());
     std::this_thread::sleep_for(kCaptureTime);
-    node.close();
-    file.close();
     disableReplay(controller.switch_node);
     return true;
 }
@@ -130,15 +151,15 @@ constexpr touch_controller kControllers[] = {
      capture_once},
 };
 
-std::string output_path(const char* suffix) {
-    const std::string stamp = format_time("%Y-%m-%d_%H-%M-%S", local_time(time(nullptr)));
-    return "/data/logs/touch_panel/tp_log_" + stamp + suffix;
+std::string output_name(const char* suffix) {
+    return "tp_log_" + format_time("%Y-%m-%d_%H-%M-%S", local_time(time(nullptr))) + suffix;
 }
 
 void hand_over() {
     constexpr const char* kCommand = "chown -R system:system /data/logs/touch_panel/";
     LOG(INFO) << kCommand << "\n";
-    if (run_shell(kCommand) != 0) {
+    // The command's trailing slash follows a link that replaced the folder meanwhile.
+    if (open_folder() < 0 || run_shell(kCommand) != 0) {
         LOG(INFO) << "TouchPanel Error";
     }
     property_set("sys.brevix.touchpanel.fetch", "0");
@@ -158,7 +179,7 @@ int ZQTouchPanelDump() {
     LOG(INFO) << "TouchPanel main start!!";
     for (const touch_controller& controller : kControllers) {
         const bool is_present = (GetZqFeature(controller.feature) & 1) != 0;
-        if (is_present && controller.capture(controller, output_path(controller.suffix))) {
+        if (is_present && controller.capture(controller, output_name(controller.suffix))) {
             hand_over();
         }
     }

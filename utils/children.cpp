@@ -15,6 +15,8 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <vector>
 
 #include "utils/stop_signal.h"
 #include "utils/util.h"
@@ -25,56 +27,67 @@ namespace {
 
 enum class process_group { inherited, own };
 
-struct spawn_settings {
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_t files;
+// bionic allocates these objects. When that fails it leaves a null pointer, which every further
+// call, the destruction included, would dereference.
+template <typename Setting, int (*Init)(Setting*), int (*Destroy)(Setting*)>
+struct spawn_setting {
+    Setting value;
+    const int error = Init(&value);
 
-    spawn_settings() {
-        posix_spawnattr_init(&attributes);
-        posix_spawn_file_actions_init(&files);
+    spawn_setting() = default;
+    ~spawn_setting() {
+        if (error == 0) {
+            Destroy(&value);
+        }
     }
-    ~spawn_settings() {
-        posix_spawn_file_actions_destroy(&files);
-        posix_spawnattr_destroy(&attributes);
-    }
-    spawn_settings(const spawn_settings&) = delete;
-    spawn_settings& operator=(const spawn_settings&) = delete;
+    spawn_setting(const spawn_setting&) = delete;
+    spawn_setting& operator=(const spawn_setting&) = delete;
 };
+using spawn_attributes =
+    spawn_setting<posix_spawnattr_t, posix_spawnattr_init, posix_spawnattr_destroy>;
+using spawn_files = spawn_setting<posix_spawn_file_actions_t, posix_spawn_file_actions_init,
+                                  posix_spawn_file_actions_destroy>;
 
-// Children are most of what an event costs, and a spawn, unlike a fork, copies no page tables. It
-// keeps every signal from the child until its dispositions are the default ones: a handler of the
-// daemon would swallow it there, and the program would run on unstopped. Returns -1, with errno,
-// when the program cannot be started; of that bionic says nothing, and the child ends with 127.
-pid_t spawn(const char* const argv[], int standard_output = STDOUT_FILENO,
+// posix_spawn, because fork copies page tables, which is most of what an event costs. It also
+// blocks all signals until the child has the default dispositions: one of the daemon's handlers
+// would swallow a SIGTERM there. Returns -1, with errno, when the program cannot be started; bionic
+// does not report that, and its child ends with 127.
+pid_t spawn(const char* program, const char* const argv[], int standard_output = STDOUT_FILENO,
             process_group group = process_group::inherited) {
-    spawn_settings settings;
+    spawn_attributes attributes;
+    spawn_files files;
+    if (attributes.error != 0 || files.error != 0) {
+        errno = ENOMEM;
+        return -1;
+    }
     sigset_t signals;
-    // Not sigfillset: it leaves out two that a spawn would then have the program ignore.
+    // memset, not sigfillset: glibc's omits its two internal signals, and posix_spawn would then
+    // leave them ignored in the child.
     memset(&signals, 0xff, sizeof(signals));
-    sigdelset(&signals, SIGKILL);  // a refusal, as for these two, may end the child
+    sigdelset(&signals, SIGKILL);  // sigaction refuses these two, which bionic takes for a failure
     sigdelset(&signals, SIGSTOP);
-    posix_spawnattr_setsigdefault(&settings.attributes, &signals);
+    posix_spawnattr_setsigdefault(&attributes.value, &signals);
     sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&settings.attributes, &signals);
-    // Without the last one bionic forks when it is given attributes.
+    posix_spawnattr_setsigmask(&attributes.value, &signals);
+    // POSIX_SPAWN_USEVFORK: given attributes, bionic forks without it.
     int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_USEVFORK;
     if (group == process_group::own) {
         flags |= POSIX_SPAWN_SETPGROUP;
     }
-    posix_spawnattr_setflags(&settings.attributes, static_cast<short>(flags));
+    posix_spawnattr_setflags(&attributes.value, static_cast<short>(flags));
     if (standard_output != STDOUT_FILENO) {
-        posix_spawn_file_actions_adddup2(&settings.files, standard_output, STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&files.value, standard_output, STDOUT_FILENO);
     }
     pid_t pid = -1;
-    errno = posix_spawn(&pid, argv[0], &settings.files, &settings.attributes,
+    errno = posix_spawn(&pid, program, &files.value, &attributes.value,
                         const_cast<char* const*>(argv), environ);
     return errno == 0 ? pid : -1;
 }
 
 pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO,
                   process_group group = process_group::inherited) {
-    const char* const argv[] = {_PATH_BSHELL, "-c", command, nullptr};
-    return spawn(argv, standard_output, group);
+    const char* const argv[] = {"sh", "-c", command, nullptr};
+    return spawn(_PATH_BSHELL, argv, standard_output, group);
 }
 
 pid_t start_shell_or_say(const char* command, process_group group) {
@@ -85,13 +98,26 @@ pid_t start_shell_or_say(const char* command, process_group group) {
     return pid;
 }
 
+// Logs nothing when there can be no process: the missing copy tells.
+void run_copy(const std::string& line) {
+    const pid_t pid = start_shell(line.c_str());
+    if (pid > 0) {
+        wait_for(pid, line.c_str());
+    }
+}
+
 constexpr size_t kMaxCommandBytes = 1023;
 constexpr std::chrono::seconds kPatience(5);
+
+// Guards `kept`. Held while a child is started or collected: the kernel reuses a pid only after its
+// process has been collected, so a pid in `kept` never names another process.
+std::mutex kept_mutex;
+std::vector<pid_t> kept;
 
 }  // namespace
 
 pid_t spawn_or_fork(const char* const argv[]) {
-    const pid_t pid = spawn(argv);
+    const pid_t pid = spawn(argv[0], argv);
     return pid < 0 && errno != EAGAIN && errno != ENOMEM ? fork() : pid;
 }
 
@@ -102,6 +128,31 @@ int wait_for(pid_t pid, const char* command) {
     }
     int status = -1;
     return TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) == pid ? status : -1;
+}
+
+pid_t start_kept_child(const std::string& tag, char* const argv[]) {
+    const std::lock_guard lock(kept_mutex);
+    const pid_t pid = ZQRecordLog(tag, argv);
+    if (pid > 0) {
+        kept.push_back(pid);
+    }
+    return pid;
+}
+
+void signal_kept_children(int sig) {
+    const std::lock_guard lock(kept_mutex);
+    for (const pid_t pid : kept) {
+        kill(pid, sig);
+    }
+    kept.clear();
+}
+
+void collect_ended_children() {
+    const std::lock_guard lock(kept_mutex);
+    pid_t pid = 0;
+    while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
+        std::erase(kept, pid);
+    }
 }
 
 int ZQRecordLog(const std::string& tag, char* const argv[]) {
@@ -154,9 +205,9 @@ void ZQCopyFile(const char* from, const char* to) {
 }
 
 void ZQCopyFolder(const char* from, const char* to) {
-    run_shell(cut_format(kMaxPathBytes, "cp -r %s %s ", from, to).c_str());
+    run_copy(cut_format(kMaxPathBytes, "cp -r %s %s ", from, to));
 }
 
 void ZQCopyCmd(const char* from, const char* to) {
-    run_shell(cut_format(kMaxPathBytes, "cp %s %s ", from, to).c_str());
+    run_copy(cut_format(kMaxPathBytes, "cp %s %s ", from, to));
 }

@@ -14,9 +14,9 @@ namespace {
 
 using handler_function = void (*)(const char* name, bool on);
 
-pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards `handlers`, and is held while they run
 
-// Ordered by the pointer itself: two pointers to equal texts are two subscriptions on purpose.
+// Keyed by the pointer: two pointers to equal texts are two subscriptions on purpose.
 std::map<const char*, std::vector<handler_function>> handlers;
 
 void call_handlers(const char* name, bool on) {

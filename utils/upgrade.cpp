@@ -46,7 +46,8 @@ int ZQCheckUpgrade() {
     }
     LOG(INFO) << "upgrade from " << value << " to " << kVersion;
     if (old != 0) {
-        // A version that nobody knows stays, so that every start says so; only its form is tidied.
+        // An unknown version stays, so that every start logs it; only its decimal form is
+        // normalised.
         property_set(kVersionProperty, std::to_string(old).c_str());
         return 0;
     }

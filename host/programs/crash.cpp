@@ -1,18 +1,24 @@
 // Delivers a crash file as the platform does it: dropbox files are written as dropN.tmp and
-// renamed, tombstones are unnamed files that are linked into place.
+// renamed, those of lost entries made in place; tombstones are unnamed files that are linked into
+// place. With --wait it then says which event the daemon has made of it.
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
+#include <android-base/unique_fd.h>
+#include <cutils/properties.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -20,21 +26,28 @@
 #include <filesystem>
 #include <iostream>
 #include <iterator>
+#include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include "zq_event_log.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr const char* kUsage =
-    "usage: crash KIND [-]\n"
+    "usage: crash [--wait] KIND [-]\n"
     "  KIND: watchdog, pre_watchdog, anr, app_crash, system_crash, custom PACKAGE EVENT, "
     "tombstone,\n"
     "        or file NAME for a file of that very name\n"
-    "  -     the content comes from standard input";
+    "  -     the content comes from standard input\n"
+    "  --wait: instead of the delivered file says TYPE FOLDER of the event, once the history has "
+    "it,\n"
+    "        or why there is none";
 
 constexpr const char* kDropbox = "/data/system/dropbox/";
 constexpr const char* kTombstones = "/data/tombstones/";
@@ -80,16 +93,21 @@ void give_to_owner_of(const char* folder, int fd) {
     }
 }
 
+bool is_lost_entry(const std::string& name) {
+    return name.ends_with(".lost");
+}
+
 void deliver_to_dropbox(const std::string& name, const std::string& content) {
-    const std::string temporary = kDropbox + ("drop" + std::to_string(getpid())) + ".tmp";
-    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    const std::string temporary =
+        kDropbox + (is_lost_entry(name) ? name : "drop" + std::to_string(getpid()) + ".tmp");
+    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) {
         throw_errno(temporary);
     }
     write_all(fd, content);
     give_to_owner_of(kDropbox, fd);
     close(fd);
-    if (rename(temporary.c_str(), (kDropbox + name).c_str()) != 0) {
+    if (!is_lost_entry(name) && rename(temporary.c_str(), (kDropbox + name).c_str()) != 0) {
         unlink(temporary.c_str());
         throw_errno(kDropbox + name);
     }
@@ -259,10 +277,140 @@ std::string run(const std::vector<std::string>& words, bool has_content,
     return "";
 }
 
+// --- What the daemon makes of it -----------------------------------------------------------------
+
+constexpr const char* kHistory = "/data/logs/history.event";
+constexpr std::chrono::seconds kPatience(60);
+
+struct expected_event {
+    std::string category;
+    std::string type;
+    std::string folder_prefix;
+};
+
+// No value: the name does not keep to the contract with apps.
+std::optional<expected_event> app_event(const std::string& name) {
+    std::istringstream parts(name.substr(0, name.find('@')));
+    std::string tag;
+    std::string package;
+    std::string type;
+    std::string rest;
+    std::getline(std::getline(std::getline(parts, tag, '_'), package, '_'), type, '_');
+    if (!parts || tag != "ZQEvent" || std::getline(parts, rest)) {
+        return std::nullopt;
+    }
+    return expected_event{"CUSTOM", type.substr(0, 31), package + "_"};
+}
+
+// By the daemon's own watch tables. No value: the platform's file is no event.
+std::optional<expected_event> event_of(const fs::path& delivered) {
+    const std::string name = delivered.filename();
+    if (is_lost_entry(name) || name.ends_with(".pb") || name.ends_with(".tmp")) {
+        return std::nullopt;
+    }
+    for (const event_watch& watch : event_watches) {
+        for (int64_t row = 0; delivered.parent_path() == watch.path && row < watch.count; ++row) {
+            if (name.find(watch.pattern[row]) != std::string::npos) {
+                return strcmp(watch.category[row], "CUSTOM") == 0
+                           ? app_event(name)
+                           : expected_event{watch.category[row], watch.type[row], ""};
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+std::string property(const std::string& name, const char* fallback) {
+    char value[PROPERTY_VALUE_MAX] = {};
+    property_get(name.c_str(), value, fallback);
+    return value;
+}
+
+bool is_detected(const expected_event& event) {
+    return property("persist.service.event.detect", "") == "1" &&
+           property(event_settings.at(event.category).prop, "") == "1";
+}
+
+std::string switches(const expected_event& event) {
+    std::string text = "category " + event.category;
+    for (const std::string& name :
+         {std::string("persist.service.event.detect"), event_settings.at(event.category).prop}) {
+        text.append(", ").append(name).append("=").append(property(name, ""));
+    }
+    return text + ", limit " + property("persist.service.brevix.ev.num", "10");
+}
+
+std::string history() {
+    std::string text;
+    android::base::ReadFileToString(kHistory, &text);  // none: no boot has been noted yet
+    return text;
+}
+
+// The first line of `lines` for this event, as "TYPE FOLDER".
+std::optional<std::string> noted(const std::string& lines, const expected_event& event) {
+    std::istringstream in(lines);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream columns(line);
+        std::string category;
+        std::string date;
+        std::string type;
+        std::string folder = "(its folder could not be made)";
+        columns >> category >> date >> type >> folder;
+        if (category == event.category && type == event.type &&
+            (columns.fail() ||
+             fs::path(folder).filename().string().starts_with(event.folder_prefix))) {
+            return type + " " + folder;
+        }
+    }
+    return std::nullopt;
+}
+
+// Waits until the history, past its first `known` bytes, has a line for the event.
+std::string wait_until_noted(const expected_event& event, size_t known) {
+    const android::base::unique_fd changes(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (inotify_add_watch(changes, fs::path(kHistory).parent_path().c_str(),
+                          IN_MODIFY | IN_CREATE) < 0) {
+        throw_errno(kHistory);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (true) {
+        const std::string text = history();
+        if (const auto line = noted(text.substr(std::min(known, text.size())), event)) {
+            return *line;
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd change{changes.get(), POLLIN, 0};
+        if (left.count() <= 0 || poll(&change, 1, static_cast<int>(left.count())) == 0) {
+            throw std::runtime_error("no event within 60 seconds (" + switches(event) +
+                                     ", daemon " + property("init.svc.zq_brevix", "not started") +
+                                     ")");
+        }
+        char buffer[4096];
+        while (read(changes, buffer, sizeof(buffer)) > 0) {
+        }
+    }
+}
+
+std::string outcome(const std::string& delivered, size_t known_history) {
+    const auto event = event_of(delivered);
+    if (!event) {
+        return "no event: a file of this name is none: " + fs::path(delivered).filename().string();
+    }
+    if (!is_detected(*event)) {
+        return "no event: detection is off (" + switches(*event) + ")";
+    }
+    return wait_until_noted(*event, known_history);
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
     std::vector<std::string> words(argv + 1, argv + argc);
+    const bool is_to_wait = !words.empty() && words.front() == "--wait";
+    if (is_to_wait) {
+        words.erase(words.begin());
+    }
     const bool has_content = !words.empty() && words.back() == "-";
     std::string content;
     if (has_content) {
@@ -270,12 +418,13 @@ int main(int argc, char* argv[]) {
         content.assign(std::istreambuf_iterator<char>(std::cin), {});
     }
     try {
+        const size_t known_history = history().size();
         const std::string delivered = run(words, has_content, content);
         if (delivered.empty()) {
             std::cerr << kUsage << "\n";
             return 1;
         }
-        std::cout << delivered << "\n";
+        std::cout << (is_to_wait ? outcome(delivered, known_history) : delivered) << "\n";
     } catch (const std::exception& error) {
         std::cerr << "crash: " << error.what() << "\n";
         return 1;

@@ -77,8 +77,8 @@ double milliseconds_between(const timespec& start, const timespec& end) {
            static_cast<double>(end.tv_sec - start.tv_sec) * 1000;
 }
 
-// The speed is whole MiB by a thousand times the milliseconds: its unit is wrong, but it is the
-// figure that devices have been compared by.
+// The speed is whole MiB divided by a thousand times the milliseconds. Its unit is wrong, but
+// devices have been compared by this figure.
 void log_rate(const char* name, size_t bytes, double milliseconds) {
     const size_t mebibytes = bytes / 1048576;
     const double speed = static_cast<double>(mebibytes) / (milliseconds * 1000.0);
@@ -123,8 +123,8 @@ void copy_dump_files(char* list) {
             LOG(WARNING) << kCopy << "(), wrong file size info... (" << name << ")";
             return;
         }
-        // A file that cannot be opened stays the present one: the next token, a name, is no size,
-        // which ends the copying under the name of the file that was the cause.
+        // Without advancing the name: the next token, a name, then fails to parse as a size, and
+        // the log names the file that could not be opened.
         if (copy_dump_file(name, size)) {
             name = strtok_r(nullptr, ",", &rest);
         }

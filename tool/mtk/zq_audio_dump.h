@@ -4,8 +4,9 @@
 
 // Copies every dump file that the HAL lists to its name in /data/logs/audiohal/audio_dump/, which
 // is made when missing (mode 0770), then sets "sys.brevix.mtk.audio.dump" to "0". Blocks meanwhile
-// and holds at most one piece of 350,000 bytes. Failures are logged: a list that makes no sense
-// ends the copying, a file that cannot be opened makes its successor's name its size.
+// and holds at most one piece of 350,000 bytes. Failures are logged. A malformed list ends the
+// copy. If a local file cannot be opened, the next token (the following file's name) is read as its
+// size, which normally ends the copy.
 void ZQCopyAudioHalDumpFiles();
 
 // Sends the HAL the command number `command` with `value` and writes the HAL's status, 0 or a
