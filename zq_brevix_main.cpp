@@ -19,7 +19,14 @@
 #include "zq_event_log.h"
 #include "zq_general_log.h"
 
+#define TEXT(macro) TEXT_OF(macro)
+#define TEXT_OF(value) #value
+
 namespace {
+
+// For `strings`: bug reports ask which release an executable is. Volatile and read by main, because
+// compiler and linker drop what no code uses.
+const char* volatile version = "zq_brevix " TEXT(ZQ_VERSION);
 
 [[noreturn]] void run_daemon() {
     LOG(INFO) << "ZQLog main start!!";
@@ -85,6 +92,7 @@ constexpr sub_command kSubCommands[] = {
 // Always returns 0: the service manager and the app look at what was written, never at the exit
 // status.
 int main(int argc, char* argv[]) {
+    static_cast<void>(version);
     if (argc == 1) {
         run_daemon();
     }
