@@ -19,7 +19,14 @@
 #include "zq_event_log.h"
 #include "zq_general_log.h"
 
+#define TEXT(macro) TEXT_OF(macro)
+#define TEXT_OF(value) #value
+
 namespace {
+
+// For `strings`: bug reports ask which release an executable is. Volatile and read by main, because
+// compiler and linker drop what no code uses.
+const char* volatile version = "zq_brevix " TEXT(ZQ_VERSION);
 
 [[noreturn]] void run_daemon() {
     LOG(INFO) << "ZQLog main start!!";
@@ -31,7 +38,7 @@ namespace {
     }
 }
 
-// Keys pressed while the shell line runs are for that alone, as system() has it for `cmd`.
+// Ignores the terminal's signals while the shell line runs, as system() does for `cmd`.
 void copy_folder(int /*argc*/, char* argv[]) {
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
@@ -82,9 +89,10 @@ constexpr sub_command kSubCommands[] = {
 
 }  // namespace
 
-// Every way to return gives 0: the service manager and the app look at what was written, never at
-// the exit status.
+// Always returns 0: the service manager and the app look at what was written, never at the exit
+// status.
 int main(int argc, char* argv[]) {
+    static_cast<void>(version);
     if (argc == 1) {
         run_daemon();
     }

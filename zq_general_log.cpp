@@ -28,31 +28,32 @@ struct log_settings {
     const char* enable_default;
     const char* count_default;
     const char* rotate_default;
-    bool dynamic;                // obeys "sys.brevix.dynamic.log"
-    const char* dynamic_count;   // at least so many files while that is on
-    const char* dynamic_rotate;  // at least so many kilobytes while that is on
-    const char* command;         // file, kilobytes, count; ends in a blank
+    bool dynamic = false;             // obeys "sys.brevix.dynamic.log"
+    const char* dynamic_count = "";   // minimum of files while that is on
+    const char* dynamic_rotate = "";  // minimum of kilobytes while that is on
+    const char* command;              // file, kilobytes, count; ends in a blank
 };
 
-// One switch for "android" and "kernel" on purpose: the two are only read side by side.
+// "android" and "kernel" share a switch on purpose: they are read side by side.
 // clang-format off
 constexpr log_settings kChannels[] = {
-    {"android",
-     "persist.service.apklogfs.enable", "persist.sys.apklogfs.size", "persist.sys.apklogfs.rotate_kbytes",
-     "1", "5", "20000", true, "30", "50000",
-     "/system/bin/logcat -b system -b main -b crash -v threadtime -f %s -r %s -n %s "},
-    {"event",
-     "persist.service.eventlogfs.enable", "persist.sys.eventlogfs.size", "persist.sys.eventlogfs.rotate_kbytes",
-     "1", "2", "2000", false, "", "",
-     "/system/bin/logcat -b events -v threadtime -f %s -r %s -n %s "},
-    {"radio",
-     "persist.service.radiologfs.enable", "persist.sys.radiologfs.size", "persist.sys.radiologfs.rotate_kbytes",
-     "1", "2", "6000", false, "", "",
-     "/system/bin/logcat -b radio -v threadtime -f %s -r %s -n %s "},
-    {"kernel",
-     "persist.service.apklogfs.enable", "persist.sys.kmsglogfs.size", "persist.sys.kmsglogfs.rotate_kbytes",
-     "1", "2", "6000", false, "", "",
-     "/system/bin/logcat -b kernel -v threadtime -f %s -r %s -n %s "},
+    {.name = "android", .enable_prop = "persist.service.apklogfs.enable",
+     .count_prop = "persist.sys.apklogfs.size", .rotate_prop = "persist.sys.apklogfs.rotate_kbytes",
+     .enable_default = "1", .count_default = "5", .rotate_default = "20000",
+     .dynamic = true, .dynamic_count = "30", .dynamic_rotate = "50000",
+     .command = "/system/bin/logcat -b system -b main -b crash -v threadtime -f %s -r %s -n %s "},
+    {.name = "event", .enable_prop = "persist.service.eventlogfs.enable",
+     .count_prop = "persist.sys.eventlogfs.size", .rotate_prop = "persist.sys.eventlogfs.rotate_kbytes",
+     .enable_default = "1", .count_default = "2", .rotate_default = "2000",
+     .command = "/system/bin/logcat -b events -v threadtime -f %s -r %s -n %s "},
+    {.name = "radio", .enable_prop = "persist.service.radiologfs.enable",
+     .count_prop = "persist.sys.radiologfs.size", .rotate_prop = "persist.sys.radiologfs.rotate_kbytes",
+     .enable_default = "1", .count_default = "2", .rotate_default = "6000",
+     .command = "/system/bin/logcat -b radio -v threadtime -f %s -r %s -n %s "},
+    {.name = "kernel", .enable_prop = "persist.service.apklogfs.enable",
+     .count_prop = "persist.sys.kmsglogfs.size", .rotate_prop = "persist.sys.kmsglogfs.rotate_kbytes",
+     .enable_default = "1", .count_default = "2", .rotate_default = "6000",
+     .command = "/system/bin/logcat -b kernel -v threadtime -f %s -r %s -n %s "},
 };
 // clang-format on
 
@@ -61,7 +62,7 @@ struct property_value {
 
     property_value(const char* name, const char* fallback) { property_get(name, text, fallback); }
     bool is_on() const { return strcmp(text, "1") == 0; }
-    // Both texts are numbers; the greater one stays.
+    // Keeps the greater number.
     void raise_to(const char* minimum) {
         if (atoi(minimum) > atoi(text)) {
             snprintf(text, sizeof(text), "%s", minimum);
@@ -95,7 +96,7 @@ const std::string kBase = "/data/logs/general_log/";
 const std::string kPrefix = "ZQLog_";
 constexpr uint64_t kNameFields = 3;
 
-// Makes room for the capture `count` within the number kept and the size ceiling.
+// Removes old captures by number and by total size, so that the capture `count` fits in.
 bool prune(int count) {
     const int keep = std::stoi(property_value("persist.service.brevix.gl.num", "10").text);
     if (ZQRemoveOldFile(kBase, kPrefix, kNameFields, int64_t{count} - keep + 1, true, false)) {

@@ -2,13 +2,12 @@
 
 #include "bench/figures.h"
 
-#include <spawn.h>
 #include <sys/stat.h>
 
 #include <cstring>
 #include <iostream>
 
-#include "host/inside.h"
+#include "testing/device.h"
 #include "utils/util.h"
 
 void require(bool condition, const std::string& what) {
@@ -37,15 +36,14 @@ pid_t start_program(const std::vector<std::string>& argv, int output, int error)
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }
     arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, error, STDERR_FILENO);
-    pid_t pid = -1;
-    const int failure =
-        posix_spawn(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    require(failure == 0, "cannot start " + argv[0] + ": " + strerror(failure));
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(output, STDOUT_FILENO);
+        dup2(error, STDERR_FILENO);
+        execv(arguments[0], arguments.data());
+        _exit(127);
+    }
+    require(pid > 0, "cannot start " + argv[0]);
     return pid;
 }
 

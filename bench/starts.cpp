@@ -3,39 +3,21 @@
 #include <sched.h>
 
 #include "bench/figures.h"
-#include "host/inside.h"
+#include "testing/device.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-const std::vector<std::string> kInotifywait = {"/usr/bin/inotifywait",
-                                               "-m",
-                                               "-e",
-                                               "moved_to",
-                                               "-e",
-                                               "create",
-                                               "-e",
-                                               "close_write",
-                                               "/data/system/dropbox",
-                                               "/data/tombstones"};
-
-std::string proc(pid_t pid, const std::string& file) {
-    return "/proc/" + std::to_string(pid) + "/" + file;
-}
-
-long number_in(const std::string& file, const std::string& name) {
-    return std::stol(inside::proc_field(file, name));
-}
 
 // --- Switch --------------------------------------------------------------------------------------
 
 constexpr int kChannels = 4;
 
 bool waits_in_inotify(pid_t pid) {
-    const std::vector<std::string> fds = inside::names_in(proc(pid, "fdinfo"));
-    return std::any_of(fds.begin(), fds.end(), [pid](const std::string& fd) {
-        return inside::read_file(proc(pid, "fdinfo/" + fd)).find("inotify wd") != std::string::npos;
+    const std::string dir = inside::proc(pid, "fdinfo");
+    const std::vector<std::string> fds = inside::names_in(dir);
+    return std::any_of(fds.begin(), fds.end(), [&](const std::string& fd) {
+        return inside::read_file(dir + "/" + fd).find("inotify wd") != std::string::npos;
     });
 }
 
@@ -73,15 +55,11 @@ void switch_on_and_off(const char* side, const char* property, line_fifo& starte
 // Voluntary switches of all threads.
 long wakeups(pid_t pid) {
     long sum = 0;
-    for (const std::string& task : inside::names_in(proc(pid, "task"))) {
-        sum += number_in(proc(pid, "task/" + task + "/status"), "voluntary_ctxt_switches");
+    for (const std::string& task : inside::names_in(inside::proc(pid, "task"))) {
+        sum += inside::proc_number(inside::proc(pid, "task/" + task + "/status"),
+                                   "voluntary_ctxt_switches");
     }
     return sum;
-}
-
-long private_kbytes(pid_t pid) {
-    const std::string file = proc(pid, "smaps_rollup");
-    return number_in(file, "Private_Clean") + number_in(file, "Private_Dirty");
 }
 
 // --- Armed ---------------------------------------------------------------------------------------
@@ -130,19 +108,17 @@ void idle() {
     make_phone_folders();
     switch_detection_on();
     set_property("persist.service.start.capture", "1");
-    std::string command = "exec";
-    for (const std::string& word : kInotifywait) {
-        command += " " + word;
-    }
     const side_process daemon("exec zq_brevix >/dev/null 2>/data/daemon.log");
-    const side_process watcher(command + " >/dev/null 2>/data/inotifywait.log");
+    const side_process watcher(
+        "exec inotifywait -m -e moved_to -e create -e close_write /data/system/dropbox "
+        "/data/tombstones >/dev/null 2>/data/inotifywait.log");
     for (const char* line : {"tag: kernel, pid", "tombstones has been snooped",
                              "crashlog.enable changed to 1", "custom.event changed to 1"}) {
         require(inside::wait_for_text("/data/daemon.log", line), "the daemon is not at work");
     }
     require(inside::wait_for_text("/data/inotifywait.log", "established"), "nothing watches");
     // The first second that wakes nobody ends the start.
-    constexpr int kSeconds = 60;
+    constexpr int kSeconds = 30;
     long daemon_before = 0;
     long watcher_before = 0;
     for (long before = -1; before != daemon_before + watcher_before;) {
@@ -154,7 +130,7 @@ void idle() {
     poll(nullptr, 0, kSeconds * 1000);
     const auto print = [](const char* side, pid_t pid, long before) {
         print_sample("wakeups", kSeconds, side, static_cast<double>(wakeups(pid) - before));
-        print_sample("memory", kSeconds, side, static_cast<double>(private_kbytes(pid)));
+        print_sample("memory", kSeconds, side, static_cast<double>(inside::private_kbytes(pid)));
     };
     print("daemon", daemon.pid(), daemon_before);
     print("inotifywait", watcher.pid(), watcher_before);
@@ -163,8 +139,11 @@ void idle() {
 void armed() {
     make_phone_folders();
     switch_detection_on();
+    for (const char* dir : {"tombstones", "dropbox", "eventTemp"}) {
+        fs::create_directories(fs::path("/data/floor") / dir);
+    }
     for (int round = 0; round < 100; ++round) {
         measure_armed("daemon", {"/system/bin/zq_brevix"}, "/data/tombstones has been snooped");
-        measure_armed("inotifywait", kInotifywait, "Watches established");
+        measure_armed("floor", {"/bench/floor", "/data/floor"}, "armed");
     }
 }

@@ -2,6 +2,8 @@
 
 #include <sys/inotify.h>
 
+#include <initializer_list>
+
 std::map<std::string, customize_settings> event_settings = {
     {"CRASH", {"crashlog", "persist.service.crashlog.enable"}},
     {"CUSTOM", {"zqeventlog", "persist.service.custom.event"}},
@@ -9,40 +11,40 @@ std::map<std::string, customize_settings> event_settings = {
 
 namespace {
 
-constexpr int64_t rows_in(const char* const (&column)[event_watch::kMaxRows]) {
-    int64_t rows = 0;
-    while (rows < event_watch::kMaxRows && column[rows] != nullptr) {
-        ++rows;
+struct watch_row {
+    const char* type;
+    const char* pattern;
+    const char* category;
+};
+
+constexpr event_watch make_watch(const char* path, uint32_t mask,
+                                 std::initializer_list<watch_row> rows) {
+    event_watch watch{
+        .wd = 0, .mask = mask, .path = path, .count = 0, .type = {}, .pattern = {}, .category = {}};
+    for (const watch_row& row : rows) {
+        watch.type[watch.count] = row.type;
+        watch.pattern[watch.count] = row.pattern;
+        watch.category[watch.count] = row.category;
+        ++watch.count;
     }
-    return rows;
+    return watch;
 }
-
-constexpr bool counts_its_rows(const event_watch& watch) {
-    return rows_in(watch.type) == watch.count && rows_in(watch.pattern) == watch.count &&
-           rows_in(watch.category) == watch.count;
-}
-
-// The first match wins, so the watchdog row stands before the generic "anr" and "crash".
-constexpr event_watch kDropbox = {0,
-                                  IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF,
-                                  "/data/system/dropbox",
-                                  4,
-                                  {"UIWDT", "ANR", "JAVACRASH", "CUSTOM"},
-                                  {"system_server_watchdog", "anr", "crash", "ZQEvent_"},
-                                  {"CRASH", "CRASH", "CRASH", "CUSTOM"}};
-static_assert(counts_its_rows(kDropbox));
-
-constexpr event_watch kTombstones = {0,
-                                     IN_CLOSE_WRITE | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF,
-                                     "/data/tombstones",
-                                     1,
-                                     {"TOMBSTONE"},
-                                     {"tombstone"},
-                                     {"CRASH"}};
-static_assert(counts_its_rows(kTombstones));
 
 }  // namespace
 
-event_watch event_watches[2] = {kDropbox, kTombstones};
+// The first match wins, so the watchdog row stands before the generic "anr" and "crash".
+// clang-format off
+constinit event_watch event_watches[2] = {
+    make_watch("/data/system/dropbox", IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF, {
+        {"UIWDT",     "system_server_watchdog", "CRASH"},
+        {"ANR",       "anr",                    "CRASH"},
+        {"JAVACRASH", "crash",                  "CRASH"},
+        {"CUSTOM",    "ZQEvent_",               "CUSTOM"},
+    }),
+    make_watch("/data/tombstones", IN_CLOSE_WRITE | IN_CREATE | IN_DELETE_SELF | IN_MOVE_SELF, {
+        {"TOMBSTONE", "tombstone",              "CRASH"},
+    }),
+};
+// clang-format on
 
 int event_num_limit = 0;

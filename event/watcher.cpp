@@ -335,7 +335,9 @@ void* start_event_detecting(void* /*unused*/) {
 }
 
 void start_watcher() {
-    const blocked_signals blocked;  // the thread inherits it
+    const sigset_t stop = set_of(kStopSignals);
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &stop, &previous);  // the thread inherits it
     const std::lock_guard lock(detection.mutex);
     detection.is_on =
         pthread_create(&detection.event_thread, nullptr, start_event_detecting, nullptr) == 0;
@@ -344,6 +346,7 @@ void start_watcher() {
     } else {
         LOG(ERROR) << "thread create fail";
     }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 void stop_watcher() {

@@ -1,8 +1,8 @@
 // Records of the kernel's log.
 
-#include "host/kernel_log.h"
-
 #include <cstdlib>
+
+#include "host/log/kernel.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto record = parse_kernel_record({reinterpret_cast<const char*>(data), size});

@@ -1,9 +1,9 @@
 // What may stand in the log store.
 
-#include "host/log_store.h"
-
 #include <cstdlib>
 #include <cstring>
+
+#include "host/log/store.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view bytes(reinterpret_cast<const char*>(data), size);

@@ -33,22 +33,6 @@ std::map<std::string, uintmax_t> dump_file_sizes() {
     return sizes;
 }
 
-size_t read_at(int fd, unsigned char* out, size_t length, size_t offset) {
-    size_t total = 0;
-    while (total < length) {
-        const ssize_t bytes = TEMP_FAILURE_RETRY(
-            pread(fd, out + total, length - total, static_cast<off_t>(offset + total)));
-        if (bytes < 0) {
-            PLOG(ERROR) << "cannot read a dump file";
-        }
-        if (bytes <= 0) {
-            break;
-        }
-        total += static_cast<size_t>(bytes);
-    }
-    return total;
-}
-
 }  // namespace
 
 android::String8 android::getAudioHalDumpFileList() {
@@ -74,11 +58,16 @@ unsigned long android::readAudioHalDumpFileContent(char* name, unsigned char** d
         return 0;
     }
     auto piece = std::make_unique<unsigned char[]>(length);
-    const size_t bytes = read_at(fd, piece.get(), length, offset);
-    if (bytes > 0) {
-        *data = piece.release();
+    const ssize_t bytes =
+        TEMP_FAILURE_RETRY(pread(fd, piece.get(), length, static_cast<off_t>(offset)));
+    if (bytes < 0) {
+        PLOG(ERROR) << "cannot read dump file " << name;
     }
-    return bytes;
+    if (bytes <= 0) {
+        return 0;
+    }
+    *data = piece.release();
+    return static_cast<unsigned long>(bytes);
 }
 
 unsigned long android::Base64_OutputSize(bool encode, unsigned long length) {

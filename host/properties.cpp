@@ -2,6 +2,7 @@
 // the property, its content the value. A missing or empty file is an unset property.
 #define LOG_TAG "properties"
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
@@ -18,7 +19,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,8 @@
 #include "host/signals.h"
 
 using android::base::unique_fd;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -43,27 +46,15 @@ std::string path_of(std::string_view name) {
     return std::string(kFolder).append("/").append(name);
 }
 
-struct property_value {
-    char text[PROP_VALUE_MAX] = {};
-};
-
-property_value read_value(std::string_view name) {
-    property_value value;
+std::string read_value(std::string_view name) {
     if (!is_name(name)) {
-        return value;
+        return "";
     }
     // O_NONBLOCK: whatever else may stand under that name, a reader never waits for it.
     const unique_fd fd(open(path_of(name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (fd >= 0 && TEMP_FAILURE_RETRY(read(fd, value.text, PROP_VALUE_MAX - 1)) < 0) {
-        value = {};
-    }
-    return value;
-}
-
-bool fill(int fd, std::string_view value) {
-    return fd >= 0 && fchmod(fd, 0644) == 0 &&
-           TEMP_FAILURE_RETRY(write(fd, value.data(), value.size())) ==
-               static_cast<ssize_t>(value.size());
+    char text[PROP_VALUE_MAX] = {};
+    const bool is_read = fd >= 0 && TEMP_FAILURE_RETRY(read(fd, text, PROP_VALUE_MAX - 1)) > 0;
+    return is_read ? text : "";
 }
 
 // The file appears under its name with its whole content or not at all. Two first writers of a
@@ -75,12 +66,13 @@ bool write_value(std::string_view name, std::string_view value) {
         return false;
     }
     const unsigned flags = name.starts_with("ro.") ? RENAME_NOREPLACE : 0;
-    if (!fill(fd, value) ||
-        renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path_of(name).c_str(), flags) != 0) {
+    const bool is_set =
+        fchmod(fd, 0644) == 0 && android::base::WriteFully(fd, value.data(), value.size()) &&
+        renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path_of(name).c_str(), flags) == 0;
+    if (!is_set) {
         unlink(temporary.c_str());
-        return false;
     }
-    return true;
+    return is_set;
 }
 
 // --- Waiting -------------------------------------------------------------------------------------
@@ -96,10 +88,13 @@ class folder_watch {
             instance_.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
             process_ = getpid();
         }
+        if (instance_ < 0) {
+            PLOG(FATAL) << "inotify_init1";
+        }
         constexpr uint32_t kChanges = IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM |
                                       IN_DELETE_SELF | IN_MOVE_SELF;
         if (inotify_add_watch(instance_, kFolder, kChanges) < 0) {
-            PLOG(FATAL) << "cannot watch " << kFolder;
+            PLOG(FATAL) << "inotify_add_watch " << kFolder;
         }
     }
 
@@ -120,43 +115,30 @@ class folder_watch {
 
 thread_local folder_watch watch;
 
-using steady_clock = std::chrono::steady_clock;
-
-// No value: a time too far away for the clock, which never comes.
-std::optional<steady_clock::time_point> deadline_after(std::chrono::milliseconds timeout) {
-    using std::chrono::milliseconds;
-    const auto now = steady_clock::now();
-    if (timeout >= std::chrono::floor<milliseconds>(steady_clock::time_point::max() - now)) {
-        return std::nullopt;
-    }
-    return now + std::max(timeout, milliseconds::zero());
-}
-
-timespec time_until(steady_clock::time_point deadline) {
-    const auto left = std::max(deadline - steady_clock::now(), steady_clock::duration::zero());
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-    return {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
-}
-
 // Returns false when the deadline has passed without a change of the folder.
 bool wait_for_change(int fd, const std::optional<steady_clock::time_point>& deadline) {
+    const auto left = [&] {
+        return std::chrono::ceil<milliseconds>(*deadline - steady_clock::now()).count();
+    };
     pollfd change = {fd, POLLIN, 0};
-    const timespec timeout = deadline ? time_until(*deadline) : timespec{};
-    return ppoll(&change, 1, deadline ? &timeout : nullptr, nullptr) != 0;
+    return poll(&change, 1, deadline ? static_cast<int>(std::max<int64_t>(left(), 0)) : -1) != 0;
 }
 
 }  // namespace
 
 bool android::base::WaitForProperty(const std::string& key, const std::string& expected_value,
                                     std::chrono::milliseconds relative_timeout) {
-    const auto deadline = deadline_after(relative_timeout);
+    std::optional<steady_clock::time_point> deadline;
+    if (relative_timeout.count() <= std::numeric_limits<int>::max()) {
+        deadline = steady_clock::now() + std::max(relative_timeout, milliseconds::zero());
+    }
     int fd = -1;
     // Armed before the comparison: a change after it is an event that ends the wait.
     const auto has_come = [&] {
         watch.arm();
         watch.drain();
         fd = watch.fd();
-        return expected_value == read_value(key).text;
+        return expected_value == read_value(key);
     };
     while (!with_signals_blocked(has_come)) {
         if (!wait_for_change(fd, deadline)) {
@@ -167,13 +149,12 @@ bool android::base::WaitForProperty(const std::string& key, const std::string& e
 }
 
 int property_get(const char* key, char* value, const char* default_value) {
-    const property_value found = with_signals_blocked([key] { return read_value(key); });
-    const char* text = found.text;
-    if (text[0] == '\0' && default_value != nullptr) {
+    std::string text = with_signals_blocked([key] { return read_value(key); });
+    if (text.empty() && default_value != nullptr) {
         text = default_value;
     }
-    const size_t length = strnlen(text, PROP_VALUE_MAX - 1);
-    memmove(value, text, length);
+    const size_t length = std::min<size_t>(text.size(), PROP_VALUE_MAX - 1);
+    text.copy(value, length);
     value[length] = '\0';
     return static_cast<int>(length);
 }
@@ -192,9 +173,8 @@ int property_list(void (*propfn)(const char* key, const char* value, void* cooki
         return -1;
     }
     while (const dirent* entry = readdir(folder.get())) {
-        const property_value value = read_value(entry->d_name);
-        if (value.text[0] != '\0') {
-            propfn(entry->d_name, value.text, cookie);
+        if (const std::string value = read_value(entry->d_name); !value.empty()) {
+            propfn(entry->d_name, value.c_str(), cookie);
         }
     }
     return 0;

@@ -5,7 +5,7 @@
 
 #include <gmock/gmock.h>
 
-#include "host/inside.h"
+#include "testing/device.h"
 
 namespace fixture {
 

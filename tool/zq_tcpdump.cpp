@@ -5,7 +5,6 @@
 #include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <cutils/properties.h>
-#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -68,60 +67,41 @@ namespace {
 
 // --- The recorder thread -------------------------------------------------------------------------
 
-// Those that end the process, and with it the capture. From the "1" on they are blocked in every
-// thread but the recorder, and there but where it waits: whoever the kernel picks, the recorder
-// acts.
+// The signals that end the process, and with it the capture. From the "1" on every thread blocks
+// them but the recorder in its wait, so the recorder takes them, whichever thread they are for.
 constexpr int kEndSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT};
 
 pthread_t tcpdump_thread = 0;  // 0 while there is no recorder
 sem_t recorder_ended;
 
-// The shell and its group. The recorder's own, set before the one place where its handler may run.
+// The shell's pid, which is also its process group. Only the recorder uses it.
 pid_t capture = -1;
 
-// Guards `is_ordered`. Held while the stop's signal is sent, so that the recorder, which takes the
-// signals of others too, is there until it has been.
+// Guards `is_ordered`. stop_recorder holds it while it signals, so that the recorder, which another
+// signal may end at the same time, is still alive then: bionic aborts on a dead thread.
 std::mutex stop_mutex;
 bool is_ordered = false;  // the end of the recording, by "0"
 
 // `how` is SIG_BLOCK or SIG_UNBLOCK. SIGCHLD is what end_capture waits for.
 void mask_signals(int how) {
-    sigset_t signals;
-    sigemptyset(&signals);
+    sigset_t signals = set_of(kEndSignals);
     sigaddset(&signals, SIGCHLD);
-    for (const int sig : kEndSignals) {
-        sigaddset(&signals, sig);
-    }
     pthread_sigmask(how, &signals, nullptr);
 }
 
 // What is ignored stays so, as under nohup, but for SIGTERM, which is also the stop's own.
 void handle_end_signals() {
-    struct sigaction action {};
-    action.sa_handler = tcpdump_sig_handler;
-    sigfillset(&action.sa_mask);
     for (const int sig : kEndSignals) {
         struct sigaction present {};
         sigaction(sig, nullptr, &present);
         if (sig == SIGTERM || present.sa_handler != SIG_IGN) {
-            sigaction(sig, &action, nullptr);
+            handle_signal(sig, tcpdump_sig_handler);
         }
     }
 }
 
-[[noreturn]] void wait_for_end_signal() {
-    sigset_t mask;
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    for (const int sig : kEndSignals) {
-        sigdelset(&mask, sig);
-    }
-    while (true) {
-        ppoll(nullptr, 0, nullptr, &mask);
-    }
-}
-
 void start_capture(const char* line) {
-    // A tcpdump that outlives its shell becomes a child of this process then, to be waited for.
+    // As a child subreaper, this process also collects a tcpdump that outlives its shell.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     capture = start_shell_group(line);
 }
@@ -137,18 +117,17 @@ bool collect_ended() {
 
 // Returns false when no child of this process has ended in that time.
 bool wait_for_child(std::chrono::milliseconds patience) {
-    sigset_t child_end;
-    sigemptyset(&child_end);
-    sigaddset(&child_end, SIGCHLD);
+    constexpr int kChildEnd[] = {SIGCHLD};
+    const sigset_t child_end = set_of(kChildEnd);
     const auto seconds = std::chrono::floor<std::chrono::seconds>(patience);
     const timespec timeout{static_cast<time_t>(seconds.count()),
                            static_cast<long>(std::chrono::nanoseconds(patience - seconds).count())};
     return sigtimedwait(&child_end, nullptr, &timeout) == SIGCHLD;
 }
 
-// A shell that is about to start tcpdump may handle a SIGTERM on its own and forget it: the signal
-// is sent again, to whoever is there by then. Less and less often, for those that need their time;
-// whoever takes more than three seconds is killed, so that the stop comes to an end.
+// A shell that has not started tcpdump yet may handle SIGTERM and lose it, so the signal is
+// repeated, at growing intervals for processes that need time to end. After three seconds SIGKILL
+// ends them.
 void end_capture() {
     if (capture <= 0) {
         return;
@@ -164,6 +143,16 @@ void end_capture() {
     }
 }
 
+std::string configured_command() {
+    char limitation[PROPERTY_VALUE_MAX] = {};
+    char size[PROPERTY_VALUE_MAX] = {};
+    char file[PROPERTY_VALUE_MAX] = {};
+    property_get("sys.brevix.tcpdump.package.limitation", limitation, "1");
+    property_get("sys.tcpdump.size", size, "100,10");
+    property_get("sys.tcpdump.file", file, "");
+    return capture_command(size, file, limitation);
+}
+
 }  // namespace
 
 void tcpdump_sig_handler(int sig) {
@@ -173,22 +162,20 @@ void tcpdump_sig_handler(int sig) {
     if (!is_ordered) {
         end_process_by(sig);
     }
-    stop_mutex.unlock();  // not by a scope: bionic's pthread_exit leaves none
+    stop_mutex.unlock();  // not a lock_guard: bionic's pthread_exit runs no destructor
     sem_post(&recorder_ended);
     pthread_exit(nullptr);
 }
 
 void* record_tcpdump(void* /*unused*/) {
-    char limitation[PROPERTY_VALUE_MAX] = {};
-    char size[PROPERTY_VALUE_MAX] = {};
-    char file[PROPERTY_VALUE_MAX] = {};
-    property_get("sys.brevix.tcpdump.package.limitation", limitation, "1");
-    property_get("sys.tcpdump.size", size, "100,10");
-    property_get("sys.tcpdump.file", file, "");
-    const std::string line = capture_command(size, file, limitation);
-    handle_end_signals();
-    start_capture(line.c_str());
-    wait_for_end_signal();
+    {
+        const std::string line = configured_command();
+        handle_end_signals();
+        start_capture(line.c_str());
+    }  // the handler ends this thread, in bionic without a destructor
+    while (true) {
+        wait_unblocked(kEndSignals, -1);
+    }
 }
 
 // --- Control -------------------------------------------------------------------------------------

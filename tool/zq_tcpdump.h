@@ -8,8 +8,8 @@
 // One capture: waits without limit for "1", starts a recorder thread, waits for "0", ends the
 // recorder with its tcpdump and gives the files mode 0666. By then no process of the capture is
 // left and its last file is complete, unless tcpdump took more than three seconds to end and was
-// killed. Returns 0. Makes this process the one that orphans of its children fall to (a child
-// subreaper). For the main thread of a process that has no other.
+// killed. Returns 0. Makes this process a child subreaper. Main thread
+// of a single-threaded process.
 //
 // SIGTERM, SIGINT, SIGHUP and SIGQUIT end the process as usual, but during a capture the capture
 // ends first, in the same way. They are unblocked until the capture and blocked in the calling

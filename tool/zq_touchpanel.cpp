@@ -89,7 +89,7 @@ void record_changes(int node, int output, steady_clock::time_point start) {
             LOG(INFO) << "TouchPanel polling!! break poll";
             return;
         }
-        // Kernel files raise POLLERR beside it.
+        // Kernel files raise POLLERR with it.
         if ((change.revents & POLLPRI) != 0) {
             const std::string snapshot = read_snapshot(node);
             android::base::WriteFully(output, snapshot.data(), snapshot.size());
@@ -119,8 +119,8 @@ bool capture_changes(const touch_controller& controller, const std::string& outp
 
 // --- fts: one copy, with the mode held on --------------------------------------------------------
 
-// Node and file are opened before either is looked at, and a capture that cannot be made leaves the
-// mode on: whoever asked for it finds an empty file and the controller as the attempt left it.
+// Opens both before it checks either, and a capture that fails leaves the mode on: an empty file
+// and the controller's state show whoever asked that it was tried.
 bool capture_once(const touch_controller& controller, const std::string& output) {
     enableReplay(controller.switch_node);
     std::ifstream node(controller.data_node, std::ios::binary);
@@ -158,7 +158,7 @@ std::string output_name(const char* suffix) {
 void hand_over() {
     constexpr const char* kCommand = "chown -R system:system /data/logs/touch_panel/";
     LOG(INFO) << kCommand << "\n";
-    // Its slash follows a link that has taken the folder's place meanwhile.
+    // The command's trailing slash follows a link that replaced the folder meanwhile.
     if (open_folder() < 0 || run_shell(kCommand) != 0) {
         LOG(INFO) << "TouchPanel Error";
     }

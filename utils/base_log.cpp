@@ -45,10 +45,9 @@ pid_t start_dump(const base_log& log, const char* dir) {
     return pid;
 }
 
-// One scan from the first child on: true when all of them are seen to have exited. A child
-// collected by an earlier scan counts as not done, so only a scan that meets all of them finished
-// ends early.
-bool all_done(const std::vector<pid_t>& children) {
+// Reaps the children in order and returns whether all have exited. A child that an earlier scan
+// reaped counts as not done, so the wait ends early only when one scan finds all of them finished.
+bool collect_all(const std::vector<pid_t>& children) {
     for (size_t i = 0; i < children.size(); ++i) {
         int status = 0;
         if (waitpid(children[i], &status, WNOHANG) != children[i] || !WIFEXITED(status)) {
@@ -62,7 +61,7 @@ bool all_done(const std::vector<pid_t>& children) {
 
 void wait_for_dumps(const std::vector<pid_t>& children) {
     for (int pass = 0; pass < kDumpPasses; ++pass) {
-        if (all_done(children)) {
+        if (collect_all(children)) {
             return;
         }
         sleep(1);

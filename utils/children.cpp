@@ -27,8 +27,8 @@ namespace {
 
 enum class process_group { inherited, own };
 
-// Bionic allocates what these hold, and leaves null when it cannot: the next call, the destroying
-// one included, would write through that.
+// bionic allocates these objects. When that fails it leaves a null pointer, which every further
+// call, the destruction included, would dereference.
 template <typename Setting, int (*Init)(Setting*), int (*Destroy)(Setting*)>
 struct spawn_setting {
     Setting value;
@@ -48,10 +48,10 @@ using spawn_attributes =
 using spawn_files = spawn_setting<posix_spawn_file_actions_t, posix_spawn_file_actions_init,
                                   posix_spawn_file_actions_destroy>;
 
-// Children are most of what an event costs, and a spawn, unlike a fork, copies no page tables. It
-// keeps every signal from the child until its dispositions are the default ones: a handler of the
-// daemon would swallow it there, and the program would run on unstopped. Returns -1, with errno,
-// when the program cannot be started; of that bionic says nothing, and the child ends with 127.
+// posix_spawn, because fork copies page tables, which is most of what an event costs. It also
+// blocks all signals until the child has the default dispositions: one of the daemon's handlers
+// would swallow a SIGTERM there. Returns -1, with errno, when the program cannot be started; bionic
+// does not report that, and its child ends with 127.
 pid_t spawn(const char* program, const char* const argv[], int standard_output = STDOUT_FILENO,
             process_group group = process_group::inherited) {
     spawn_attributes attributes;
@@ -61,14 +61,15 @@ pid_t spawn(const char* program, const char* const argv[], int standard_output =
         return -1;
     }
     sigset_t signals;
-    // Not sigfillset: it leaves out two that a spawn would then have the program ignore.
+    // memset, not sigfillset: glibc's omits its two internal signals, and posix_spawn would then
+    // leave them ignored in the child.
     memset(&signals, 0xff, sizeof(signals));
-    sigdelset(&signals, SIGKILL);  // a refusal, as for these two, may end the child
+    sigdelset(&signals, SIGKILL);  // sigaction refuses these two, which bionic takes for a failure
     sigdelset(&signals, SIGSTOP);
     posix_spawnattr_setsigdefault(&attributes.value, &signals);
     sigemptyset(&signals);
     posix_spawnattr_setsigmask(&attributes.value, &signals);
-    // Without the last one bionic forks when it is given attributes.
+    // POSIX_SPAWN_USEVFORK: given attributes, bionic forks without it.
     int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_USEVFORK;
     if (group == process_group::own) {
         flags |= POSIX_SPAWN_SETPGROUP;
@@ -108,8 +109,8 @@ void run_copy(const std::string& line) {
 constexpr size_t kMaxCommandBytes = 1023;
 constexpr std::chrono::seconds kPatience(5);
 
-// Guards `kept`. Held while a child is started or collected, so that a pid in `kept` names no
-// stranger: the kernel gives it to nobody else before the child has been collected.
+// Guards `kept`. Held while a child is started or collected: the kernel reuses a pid only after its
+// process has been collected, so a pid in `kept` never names another process.
 std::mutex kept_mutex;
 std::vector<pid_t> kept;
 

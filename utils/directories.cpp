@@ -29,7 +29,7 @@ std::string cut_format(size_t max_bytes, const char* format, ...) {
 }
 
 tm local_time(time_t time) {
-    tzset();  // or a process that has once asked keeps its zone wherever the phone travels
+    tzset();  // localtime_r alone keeps the zone of its first call, wherever the phone travels
     tm local{};
     localtime_r(&time, &local);
     return local;
@@ -75,7 +75,7 @@ constexpr bool is_ascii_letter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// std::stoll without its copy: the conversion ends by itself at the "_" behind the field.
+// std::stoll without a copy of the field: strtoll stops at the "_" behind it.
 int64_t to_count(const char* digits) {
     const int saved_errno = errno;
     errno = 0;

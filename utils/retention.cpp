@@ -37,9 +37,9 @@ using unique_dir = std::unique_ptr<DIR, dir_closer>;
     throw fs::filesystem_error(what, path, std::error_code(errno, std::generic_category()));
 }
 
-// Calls `look` with each entry but "." and "..". The library's iterator makes a path of every name,
-// a third of what counting them cost. A directory that is removed meanwhile has no more entries;
-// bionic passes the kernel's ENOENT on.
+// Calls `look` with each entry but "." and "..". readdir, because std::filesystem's iterator builds
+// a path of every name, a third of the cost of counting. ENOENT, which only bionic passes on, means
+// that the directory was removed meanwhile.
 void for_each_entry(DIR* dir, const std::string& path, const auto& look) {
     errno = 0;
     while (const dirent* entry = readdir(dir)) {
@@ -54,7 +54,7 @@ void for_each_entry(DIR* dir, const std::string& path, const auto& look) {
     }
 }
 
-// Calls `look` with each name that starts with `prefix`, in a string that the next name replaces.
+// Calls `look` with each name that starts with `prefix`. The string is reused for the next name.
 void for_each_name(const std::string& path, std::string_view prefix, const auto& look) {
     const unique_dir dir(opendir(path.c_str()));
     if (dir == nullptr) {
@@ -78,7 +78,7 @@ bool is_directory(int dir_fd, const dirent& entry) {
             fstatat(dir_fd, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode));
 }
 
-// 0 for what is neither a regular file nor a directory, and for what has vanished meanwhile.
+// 0 for other types, and for an entry that was removed meanwhile.
 int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
     if (is_directory(dir_fd, entry)) {
         return directory_size(dir_fd, entry.d_name, dir + "/" + entry.d_name, false);
@@ -91,12 +91,12 @@ int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
                : 0;
 }
 
-// A walk of its own: logcat children that were just stopped may still rename files below, and the
-// library's iterator throws for each that has gone when its size is asked for.
+// Not std::filesystem's iterator: it throws when an entry is removed before its size is read, and
+// logcat children that are just ending still rename their files.
 int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top) {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (top ? 0 : O_NOFOLLOW);
     android::base::unique_fd fd(openat(parent_fd, name, flags));
-    // Fdopendir replaces the errno of a failed openat.
+    // Fdopendir of a failed openat would overwrite errno.
     const unique_dir dir(fd < 0 ? nullptr : android::base::Fdopendir(std::move(fd)));
     if (dir == nullptr) {
         if (!top && errno == ENOENT) {
@@ -128,8 +128,8 @@ void pack(const std::string& path) {
     chmod(archive.c_str(), 0777);
 }
 
-// The lowest counts whose removal brings `total` bytes below the ceiling; never the last of
-// `names`.
+// The entries, lowest counts first, whose removal brings `total` bytes below the ceiling; never the
+// last of `names`.
 std::vector<std::string> beyond_ceiling(const std::string& dir, const auto& names, int64_t total) {
     std::vector<std::string> paths;
     int64_t sum = 0;
@@ -143,8 +143,8 @@ std::vector<std::string> beyond_ceiling(const std::string& dir, const auto& name
         }
         paths.push_back(path);
         sum += size;
-        // Strictly below, unlike the test that starts the trimming: a remainder of exactly the
-        // ceiling loses one more directory.
+        // Strictly below, unlike the test that starts the trimming: at exactly the ceiling one more
+        // directory goes.
         if (total - sum < kMaxTotalBytes) {
             LOG(INFO) << "sum size=" << sum << ", total size=" << total;
             break;
@@ -176,7 +176,7 @@ int ZQGetNewLogCount(const std::string& dir, const std::string& prefix, uint64_t
     for_each_name(dir, prefix, [&](const std::string& name) {
         best = std::max(best, ZQGetCountByFileName(name, fieldCount));
     });
-    // Unsigned, because anyone who may write in `dir` can plant the highest count there is.
+    // Unsigned: INT64_MAX + 1, which a planted name can ask for, would overflow.
     const int count = static_cast<int>(static_cast<uint64_t>(best) + 1);
     LOG(INFO) << "new count: " << count;
     return count;
@@ -215,7 +215,7 @@ int ZQRemoveFileWithCheckSize(const std::string& dir, int64_t /*newCount*/,
     const auto by_count = [fieldCount](const std::string& a, const std::string& b) {
         return compare(a, b, fieldCount);
     };
-    // A set on purpose: of several names with one count only the first met is a candidate.
+    // A set on purpose: of names with equal counts only the first one met is a candidate.
     std::set<std::string, decltype(by_count)> names(by_count);
     for_each_name(dir, prefix, [&](const std::string& name) { names.insert(name); });
     if (names.empty()) {

@@ -16,24 +16,18 @@ thread_local bool stoppable = false;
 thread_local bool was_stopped = false;          // while it waited for a child
 thread_local sigjmp_buf* child_wait = nullptr;  // where a stop leads while a child is waited for
 
-void set_stop_blocked(bool blocked) {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGTERM);
-    pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &stop, nullptr);
-}
-
 // waitid has no signal mask to be given, as ppoll has: a signal that came just before the call
 // would leave it blocked for good. The jump closes that gap; WNOWAIT leaves nothing that it could
 // lose.
 void wait_for_end_or_stop(pid_t pid) {
+    const sigset_t stop_signal = set_of(kStopSignals);
     sigjmp_buf stop;
     if (sigsetjmp(stop, 1) == 0) {
         child_wait = &stop;
-        set_stop_blocked(false);
+        pthread_sigmask(SIG_UNBLOCK, &stop_signal, nullptr);
         siginfo_t info;
         TEMP_FAILURE_RETRY(waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
-        set_stop_blocked(true);
+        pthread_sigmask(SIG_BLOCK, &stop_signal, nullptr);
     } else {
         was_stopped = true;
     }
@@ -48,24 +42,35 @@ bool has_ended(pid_t pid) {
 
 }  // namespace
 
-blocked_signals::blocked_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &signals, &previous_);
+sigset_t set_of(std::span<const int> signals) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int sig : signals) {
+        sigaddset(&set, sig);
+    }
+    return set;
 }
 
-blocked_signals::~blocked_signals() {
-    pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+void handle_signal(int sig, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigfillset(&action.sa_mask);
+    sigaction(sig, &action, nullptr);
+}
+
+void wait_unblocked(std::span<const int> signals, int fd) {
+    sigset_t mask;
+    pthread_sigmask(SIG_UNBLOCK, nullptr, &mask);
+    for (const int sig : signals) {
+        sigdelset(&mask, sig);
+    }
+    pollfd waiting{fd, POLLIN, 0};
+    ppoll(&waiting, 1, nullptr, &mask);
 }
 
 void make_stoppable(void (*handler)(int)) {
     stoppable = true;
-    struct sigaction action {};
-    action.sa_handler = handler;
-    sigfillset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
+    handle_signal(SIGTERM, handler);
 }
 
 bool is_stoppable() {
@@ -73,11 +78,7 @@ bool is_stoppable() {
 }
 
 void wait_or_stop(int fd) {
-    sigset_t mask;
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    sigdelset(&mask, SIGTERM);
-    pollfd waiting{fd, POLLIN, 0};
-    ppoll(&waiting, 1, nullptr, &mask);
+    wait_unblocked(kStopSignals, fd);
 }
 
 bool wait_for_end(pid_t pid, std::chrono::milliseconds patience) {
@@ -105,8 +106,6 @@ void interrupt_child_wait() {
 void end_process_by(int sig) {
     signal(sig, SIG_DFL);
     raise(sig);
-    sigset_t raised;
-    sigemptyset(&raised);
-    sigaddset(&raised, sig);
+    const sigset_t raised = set_of({&sig, 1});
     pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
 }

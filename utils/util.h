@@ -15,14 +15,14 @@
 // All functions but ZQDumpBaseLog may be called from any thread at once. Paths of directories whose
 // entries are looked at (`dir`, `base`) end in "/": names are appended as they are.
 
-// printf into a text that is cut, silently, at `max_bytes`: what the fixed sizes of paths, shell
-// lines and history lines come down to.
+// snprintf into a string: silently truncates at `max_bytes`.
 std::string cut_format(size_t max_bytes, const char* format, ...)
     __attribute__((__format__(__printf__, 2, 3)));
 
-constexpr size_t kMaxPathBytes = 511;  // also of shell lines and history lines
+// What a 512-byte buffer holds: the limit of composed paths, shell lines and history lines.
+constexpr size_t kMaxPathBytes = 511;
 
-// The broken-down local time, in the zone that is set at the time of the call.
+// localtime_r in the zone that is set at the time of the call.
 tm local_time(time_t time);
 
 // strftime, at most 63 bytes.
@@ -32,15 +32,14 @@ inline constexpr const char* kFileTimeFormat = "%Y-%m-%d-%H-%M-%S";
 
 // --- Directories and names ---------------------------------------------------------------------
 
-// Makes `path` and its missing parents and gives the last component mode 0777 (parents keep the
-// process's default). Returns 0, also when something stood there already, a regular file included;
-// 1 (logged) when nothing could be made. Throws std::filesystem::filesystem_error when `path` may
-// not be looked at.
+// Creates `path` with its missing parents and sets mode 0777 on the last component (parents keep
+// the process's default). Returns 0, also when `path` exists, even as a regular file; 1 (logged) on
+// failure. Throws std::filesystem::filesystem_error when `path` cannot be examined.
 int ZQCreateDir(const std::string& path);
 
 // Composes base + prefix + count + "_" + the local time by strftime's `timeFormat` (at most 63
-// bytes) into `out`, cut silently to `outSize` bytes with the terminator, and makes that directory.
-// Returns the result of ZQCreateDir.
+// bytes) into `out`, silently truncated to `outSize` bytes with the NUL, and creates that
+// directory. Returns the result of ZQCreateDir.
 int ZQCreateDirByFormat(const std::string& base, const std::string& prefix, int64_t count,
                         const std::string& timeFormat, uint64_t outSize, char* out);
 
@@ -48,18 +47,17 @@ int ZQCreateDirByFormat(const std::string& base, const std::string& prefix, int6
 int ZQCreateLogDir(const std::string& base, const std::string& prefix, int64_t count,
                    const char* field1, const char* field2, uint64_t outSize, char* out);
 
-// The count in a bare file name: -1 unless the name has exactly `fieldCount` fields and no ASCII
-// letter in field 1. White space, a sign and what follows the digits are taken as std::stoll takes
-// them; throws std::invalid_argument for a field without digits, std::out_of_range past 64 bits.
-// Makes no heap allocation.
+// Returns the count in a bare file name, -1 unless the name has exactly `fieldCount` fields and no
+// ASCII letter in field 1. Parses field 1 as std::stoll does, and throws as it does:
+// std::invalid_argument without digits, std::out_of_range past 64 bits. Does not allocate.
 int64_t ZQGetCountByFileName(const std::string& fileName, uint64_t fieldCount);
 
-// Cuts `text` in place and appends a pointer to each token to `out`. Only the first token ends at
-// one of `delim`, all further ones end at a blank. `text` must outlive `out`; no null is appended.
+// Tokenises `text` in place and appends a pointer to each token to `out`. The first token ends at
+// one of `delim`, all others at a blank. `text` must outlive `out`; no null pointer is appended.
 void ZQSplitByDelim(std::vector<char*>& out, char* text, const char* delim);
 
-// The number of entries of any type directly in `dir`. Throws std::filesystem::filesystem_error
-// when it cannot be read.
+// Returns the number of entries, of any type, directly in `dir`. Throws
+// std::filesystem::filesystem_error when it cannot be read.
 int ZQGetFileCount(const std::string& dir);
 
 // --- Retention ---------------------------------------------------------------------------------

@@ -9,8 +9,8 @@
 
 #include <exception>
 
-#include "host/kernel_log.h"
-#include "host/log_store.h"
+#include "host/log/kernel.h"
+#include "host/log/store.h"
 
 int main() {
     android::base::unique_fd kmsg(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC));

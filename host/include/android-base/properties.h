@@ -10,7 +10,7 @@ namespace android::base {
 
 // Blocks the calling thread until the property `key` has the value `expected_value`; "" stands for
 // an unset one. Returns true then, at once when it is so already, and false when `relative_timeout`
-// has passed; milliseconds::max() never passes. A value that is there only for a moment, between
+// has passed; one of more than 24 days never does. A value that is there only for a moment, between
 // two others, may be missed; a value that stays is not.
 //
 // Any number of threads may wait. Each has an inotify instance of its own from its first wait to

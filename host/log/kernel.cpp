@@ -1,4 +1,4 @@
-#include "host/kernel_log.h"
+#include "host/log/kernel.h"
 
 #include <time.h>
 #include <unistd.h>
@@ -73,7 +73,6 @@ AndroidLogEntry entry_of(const kernel_record& record) {
     entry.tv_sec = std::chrono::floor<seconds>(time).count();
     entry.tv_nsec = (time - std::chrono::floor<seconds>(time)).count();
     entry.priority = record.priority;
-    entry.tid = record.tid;
     entry.tag = record.tag.c_str();
     entry.tagLen = record.tag.size();
     entry.message = record.message.c_str();
@@ -83,7 +82,7 @@ AndroidLogEntry entry_of(const kernel_record& record) {
 
 }  // namespace
 
-// "LEVEL,SEQUENCE,MICROSECONDS,FLAGS[,caller=T<tid>];TEXT" and a line end; lines after it hold the
+// "LEVEL,SEQUENCE,MICROSECONDS,FLAGS...;TEXT" and a line end; lines after it hold the
 // names of devices.
 std::optional<kernel_record> parse_kernel_record(std::string_view text) {
     std::string_view line = take_until('\n', text);
@@ -98,11 +97,6 @@ std::optional<kernel_record> parse_kernel_record(std::string_view text) {
     take_until(',', fields);
     if (!has_level || !parse_number(take_until(',', fields), since_boot) || since_boot < 0) {
         return std::nullopt;
-    }
-    constexpr std::string_view kCaller = "caller=T";
-    if (const size_t caller = fields.find(kCaller); caller != std::string_view::npos) {
-        fields.remove_prefix(caller + kCaller.size());
-        parse_number(take_until(',', fields), record.tid);
     }
     record.priority = kPriorities[level % std::size(kPriorities)];
     record.since_boot = microseconds(since_boot);

@@ -11,12 +11,11 @@
 #include <string>
 #include <string_view>
 
-#include "host/log_source.h"
+#include "host/log/source.h"
 
 struct kernel_record {
     android_LogPriority priority = ANDROID_LOG_INFO;
     std::chrono::microseconds since_boot{};
-    int32_t tid = 0;  // 0: the kernel does not say
     std::string tag;  // "" when the text begins with none
     std::string message;
 };

@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/log_source.h"
+#include "host/log/source.h"
 
 inline constexpr char kLogFolder[] = "/dev/log";
 
@@ -41,7 +41,8 @@ AndroidLogEntry log_entry_now(android_LogPriority priority, const char* tag, con
 int append_log_entry(log_id_t buffer, const AndroidLogEntry& entry);
 
 // Takes the first entry off the front of `bytes`, with anything before it that is no entry. The
-// result points into the bytes. No value: `bytes` is empty now, or the front part of an entry.
+// result points into the bytes. No value: what is left of `bytes` may be the front part of an
+// entry.
 std::optional<AndroidLogEntry> take_log_entry(std::string_view& bytes);
 
 // Reads the entries of one buffer, from the oldest there is, and follows it for as long as it is

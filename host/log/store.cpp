@@ -1,4 +1,4 @@
-#include "host/log_store.h"
+#include "host/log/store.h"
 
 #include <fcntl.h>
 #include <log/log_id.h>
@@ -64,47 +64,26 @@ bool is_sound(const logger_entry& header) {
            header.len <= kMaxPayload && header.nsec < 1'000'000'000 && header.lid < LOG_ID_MAX;
 }
 
-enum class verdict { kEntry, kFrontPart, kNoEntry };
-
 // The NULs tell an entry from the front part of one that another entry follows: they would not be
 // where the header says.
-verdict parse_payload(std::string_view payload, size_t whole_size, AndroidLogEntry& entry) {
-    constexpr size_t kNone = std::string_view::npos;
-    if (!payload.empty() && (payload[0] < ANDROID_LOG_VERBOSE || payload[0] > ANDROID_LOG_FATAL)) {
-        return verdict::kNoEntry;
-    }
+bool parse(const logger_entry& header, std::string_view payload, AndroidLogEntry& entry) {
     const size_t tag_end = payload.find('\0');
-    const size_t message_end = tag_end == kNone ? kNone : payload.find('\0', tag_end + 1);
-    if (message_end == kNone) {
-        return payload.size() < whole_size ? verdict::kFrontPart : verdict::kNoEntry;
+    if (payload[0] < ANDROID_LOG_VERBOSE || payload[0] > ANDROID_LOG_FATAL ||
+        tag_end == std::string_view::npos ||
+        payload.find('\0', tag_end + 1) != payload.size() - 1) {
+        return false;
     }
-    if (message_end != whole_size - 1) {
-        return verdict::kNoEntry;
-    }
-    entry.priority = static_cast<android_LogPriority>(payload[0]);
-    entry.tag = payload.data() + 1;
-    entry.tagLen = tag_end - 1;
-    entry.message = payload.data() + tag_end + 1;
-    entry.messageLen = message_end - tag_end - 1;
-    return verdict::kEntry;
-}
-
-verdict parse(std::string_view bytes, size_t& size, AndroidLogEntry& entry) {
-    logger_entry header{};
-    if (bytes.size() < kHeaderBytes) {
-        return verdict::kFrontPart;
-    }
-    memcpy(&header, bytes.data(), kHeaderBytes);
-    if (!is_sound(header)) {
-        return verdict::kNoEntry;
-    }
-    size = kHeaderBytes + header.len;
     entry.tv_sec = header.sec;
     entry.tv_nsec = header.nsec;
     entry.pid = header.pid;
     entry.tid = static_cast<int32_t>(header.tid);
     entry.uid = static_cast<int32_t>(header.uid);
-    return parse_payload(bytes.substr(kHeaderBytes, header.len), header.len, entry);
+    entry.priority = static_cast<android_LogPriority>(payload[0]);
+    entry.tag = payload.data() + 1;
+    entry.tagLen = tag_end - 1;
+    entry.message = payload.data() + tag_end + 1;
+    entry.messageLen = payload.size() - tag_end - 2;
+    return true;
 }
 
 // --- Writing -------------------------------------------------------------------------------------
@@ -253,17 +232,20 @@ int append_log_entry(log_id_t buffer, const AndroidLogEntry& entry) {
 }
 
 std::optional<AndroidLogEntry> take_log_entry(std::string_view& bytes) {
-    while (!bytes.empty()) {
-        size_t size = 0;
+    for (; bytes.size() >= kHeaderBytes; bytes.remove_prefix(1)) {
+        logger_entry header{};
+        memcpy(&header, bytes.data(), kHeaderBytes);
+        const size_t size = kHeaderBytes + header.len;
+        if (!is_sound(header)) {
+            continue;
+        }
+        if (bytes.size() < size) {
+            return std::nullopt;
+        }
         AndroidLogEntry entry{};
-        switch (parse(bytes, size, entry)) {
-            case verdict::kEntry:
-                bytes.remove_prefix(size);
-                return entry;
-            case verdict::kFrontPart:
-                return std::nullopt;
-            case verdict::kNoEntry:
-                bytes.remove_prefix(1);
+        if (parse(header, bytes.substr(kHeaderBytes, header.len), entry)) {
+            bytes.remove_prefix(size);
+            return entry;
         }
     }
     return std::nullopt;

@@ -5,46 +5,14 @@
 #include <log/logprint.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
-#include "host/log_store.h"
+#include "host/log/store.h"
 
 namespace {
 
-using android::base::LogId;
-using android::base::LogSeverity;
-
 AndroidLogFormat* threadtime;
-
-log_id_t buffer_of(LogId id) {
-    switch (id) {
-        case android::base::SYSTEM:
-            return LOG_ID_SYSTEM;
-        case android::base::RADIO:
-            return LOG_ID_RADIO;
-        case android::base::CRASH:
-            return LOG_ID_CRASH;
-        default:
-            return LOG_ID_MAIN;
-    }
-}
-
-android_LogPriority priority_of(LogSeverity severity) {
-    switch (severity) {
-        case android::base::VERBOSE:
-            return ANDROID_LOG_VERBOSE;
-        case android::base::DEBUG:
-            return ANDROID_LOG_DEBUG;
-        case android::base::INFO:
-            return ANDROID_LOG_INFO;
-        case android::base::WARNING:
-            return ANDROID_LOG_WARN;
-        case android::base::ERROR:
-            return ANDROID_LOG_ERROR;
-        default:
-            return ANDROID_LOG_FATAL;
-    }
-}
 
 // One write, so that lines of several processes do not run into each other.
 void write_to_standard_error(const AndroidLogEntry& entry) {
@@ -60,15 +28,17 @@ void write_to_standard_error(const AndroidLogEntry& entry) {
     }
 }
 
-void log_line(LogId id, LogSeverity severity, const char* tag, const char* /*file*/,
-              unsigned int /*line*/, const char* message) {
+void log_line(android::base::LogId /*buffer*/, android::base::LogSeverity severity, const char* tag,
+              const char* /*file*/, unsigned int /*line*/, const char* message) {
     const android::base::ErrnoRestorer keep_errno;
-    const AndroidLogEntry entry =
-        log_entry_now(priority_of(severity), tag == nullptr ? "" : tag, message);
+    // Severities and priorities go up alike; of the two fatal ones a line shows one.
+    const int priority = std::min<int>(int{ANDROID_LOG_VERBOSE} + severity, ANDROID_LOG_FATAL);
+    const AndroidLogEntry entry = log_entry_now(static_cast<android_LogPriority>(priority),
+                                                tag == nullptr ? "" : tag, message);
     write_to_standard_error(entry);
     // A store that cannot be written is no one's to tell: a logger must not log, and the line is on
     // standard error already.
-    append_log_entry(buffer_of(id), entry);
+    append_log_entry(LOG_ID_MAIN, entry);
 }
 
 // Ahead of the initialisers of all other files, which may log.
