@@ -131,6 +131,8 @@ class first_call_hangs {
 };
 
 TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
+    // The first dump ends last: a scan that meets only some of them finished waits ten seconds.
+    const replaced_program dumps("timeout", "case $4 in *pre_android*) sleep 0.5 ;; esac");
     write_file(kDropbox + "created_crash", "moved files only");
     const std::string no_folder = "ZQEvent_" + std::string(235, 'p');
     const std::vector<std::string> names = {"system_server_watchdog_crash@1",
@@ -246,7 +248,7 @@ TEST_F(Watcher, AnUnmountedDirectoryIsSaidAndWatchedAtTheNextSwitchOn) {
 }
 
 TEST_F(Watcher, ABurstIsCollectedOnceEach) {
-    constexpr int kFiles = 150;
+    constexpr int kFiles = 100;
     deliver(0, kFiles);
     ASSERT_TRUE(wait_for_notices(kFiles));
     EXPECT_THAT(packages_told(), ElementsAreArray(packages(0, kFiles)));
@@ -271,7 +273,7 @@ TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
 TEST_F(Watcher, AChildThatNeverEndsHoldsUpNoSwitch) {
     const size_t threads = daemon_entries("task");
     const size_t descriptors = daemon_entries("fd");
-    constexpr int kSwitches = 100;
+    constexpr int kSwitches = 80;
     const first_call_hangs am("am");
     deliver(0, 1);
     ASSERT_TRUE(first_call_hangs::wait_until_it_hangs());
