@@ -45,7 +45,7 @@ TEST(Names, CountIsFieldOneOfAWellFormedName) {
         {"ZQLog_7_2025-01-02-03-04-05", 3, 7},
         {"ZQLog_7_2025-01-02-03-04-05", 4, -1},
         {"ZQLog_x7_2025", 3, -1},
-        {"ZQLog_007_t", 3, 7},
+        {"ZQLog_010_t", 3, 10},
         {"ZQLog_12-3_t", 3, 12},
         {"ZQLog_12-X_t", 3, -1},
         {"ZQLog_ +8_t", 3, 8},

@@ -154,9 +154,11 @@ TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
                                                 "JAVACRASH", "x", "JAVACRASH", "ANR"));
     EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
     EXPECT_THAT(read_lines(kHistory).front(), HasSubstr(" UNKNOWN "));
-    EXPECT_THAT(daemon_.log.lines(),
-                Contains(MatchesRegex("I ZQ_EVENT_LOG: event\\[wd:1, mask:0x128, cookie:[0-9]+, "
-                                      "len:32, name:system_server_watchdog_crash@1\\]")));
+    EXPECT_THAT(
+        daemon_.log.lines(),
+        AllOf(Contains("I ZQ_EVENT_LOG: panic mode: 0"),
+              Contains(MatchesRegex("I ZQ_EVENT_LOG: event\\[wd:1, mask:0x128, cookie:[0-9]+, "
+                                    "len:32, name:system_server_watchdog_crash@1\\]"))));
 }
 
 TEST_F(Watcher, TombstonesCountAsTheyArrive) {
