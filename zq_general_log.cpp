@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #define LOG_TAG "ZQ_GENERAL_LOG"
 
 #include "zq_general_log.h"

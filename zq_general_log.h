@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // General log capture: one logcat child per enabled channel, all writing into one numbered

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Road and burst: from the tombstone that is linked into its directory to the notice to the app.
 
 #include <memory>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // figures NAME: prints the samples of one figure of the daemon in the virtual device.
 
 #include "bench/figures.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // What the figures share. Each runs in a fresh virtual device of its own and prints its samples: a

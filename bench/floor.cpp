@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // floor DIR: what an event costs at least. Watches DIR/tombstones and DIR/dropbox and leaves the
 // same on disk as the daemon, in as few system calls as it takes: one kept and one staged folder
 // go, a folder with report and copy comes, the history gets its line. The two shell lines that no

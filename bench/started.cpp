@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Stands where logcat does when only its start matters: says its pid, then waits to be ended.
 
 #include <fcntl.h>

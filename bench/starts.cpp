@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Switch, armed and idle: how soon the daemon is at work, and what it takes while nothing happens.
 
 #include <sched.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Count and size: the walks that retention makes over the folders that are kept.
 
 #include "bench/figures.h"

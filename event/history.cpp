@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #define LOG_TAG "ZQ_EVENT_LOG"
 
 #include "event/history.h"

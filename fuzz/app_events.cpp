@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Names of app events, and the command lines that come of them: any app chooses them.
 
 #include <cstdlib>

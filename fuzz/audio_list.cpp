@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Lists of dump files as a HAL may give them.
 
 #include <android-base/file.h>

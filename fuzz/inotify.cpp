@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What the kernel, or anything else, may put into the watcher's buffer.
 
 #include <algorithm>

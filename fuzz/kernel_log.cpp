@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Records of the kernel's log.
 
 #include <cstdlib>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What may stand in the log store.
 
 #include <cstdlib>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Counts in directory names: whatever stands there, and what the program composes itself.
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Sizes of a packet capture as somebody may have set them.
 
 #include <cutils/properties.h>

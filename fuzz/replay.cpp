@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs a fuzz target over the files it is given: the seeds and found cases, with any compiler.
 
 #include <cstdint>

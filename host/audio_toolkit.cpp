@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The audio toolkit over plain files: the HAL's dump files lie in a folder of the device.
 #define LOG_TAG "audiotoolkit"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The device's features: the numbers in the property "ro.zq.features", separated by commas.
 
 #include <android-base/strings.h>

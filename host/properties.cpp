@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // System properties as files: one per property in one folder, the name of the file is the name of
 // the property, its content the value. A missing or empty file is an unset property.
 #define LOG_TAG "properties"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <time.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What a phone has collected, as a table, as one event and as a page.
 
 #include <android-base/stringprintf.h>

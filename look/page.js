@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 "use strict";
 // What was collected is hostile: it enters the page as text nodes and attribute values alone.
 const $ = (id) => document.getElementById(id);

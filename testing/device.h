@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // What programs share that run inside the virtual device to try it: its files and properties, its

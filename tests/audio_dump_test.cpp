@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The toolkit's calls go through wrappers here (see the linker's --wrap), which note what is asked
 // for and can be made to fail.
 

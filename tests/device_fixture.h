@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // What the tests of the product share. Every case runs in a fresh virtual device: files, properties

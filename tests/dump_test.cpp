@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The system dump and the touch panel dump.
 
 #include <arpa/inet.h>

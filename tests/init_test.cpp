@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The device's init: its language, and what it makes of services and triggers.
 
 #include "tests/device_fixture.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs at the end of a copy of the page and leaves what is wrong with it as the page's only text;
 // `expected` is made by look_browser.
 const wrong = [];

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes a folder as it is pulled from a phone: look_folder DIR [EVENTS BYTES]
 // Alone a small one with hostile and damaged entries; with numbers a large one with that many
 // events and captures of that many bytes.

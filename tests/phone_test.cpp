@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The cases that a phone can run, too: they need no stand-in for one of its programs and no log
 // lines on standard error, run one after the other in one process, and leave nothing behind.
 

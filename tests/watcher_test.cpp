@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The watcher, in the daemon.
 
 #include <map>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Writes the state of processes, input and output, sockets, open files, storage and memory to seven

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Calls `handler(name, true)` when the property `name` becomes exactly "1" and

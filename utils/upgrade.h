@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Brings the capture settings of a device of the old settings scheme to the current defaults, once,

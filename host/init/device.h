@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The device that init boots and keeps going.
 #pragma once
 

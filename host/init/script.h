@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The language of init's .rc files, as far as the files of this device use it.
 #pragma once
 

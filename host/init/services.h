@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The services of the device: how they are started, and started again.
 #pragma once
 

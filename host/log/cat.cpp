@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "host/log/cat.h"
 
 #include <android-base/file.h>

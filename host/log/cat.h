@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What logcat does once its options are read.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The kernel's log as a source of log entries.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Where the lines of LOG(...) go: to standard error as logcat shows them, and to the log store.
 
 #include <android-base/errno_restorer.h>

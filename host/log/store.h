@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The log buffers of the device as files. The store of a buffer is two segments in one folder, NAME
 // and the older NAME.1, with one entry behind the other in each; a full NAME becomes NAME.1, whose
 // entries are the ones that go.

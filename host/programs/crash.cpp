@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Delivers a crash file as the platform does it: dropbox files are written as dropN.tmp and
 // renamed, those of lost entries made in place; tombstones are unnamed files that are linked into
 // place. With --wait it then says which event the daemon has made of it.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // getprop [NAME [DEFAULT]]: prints the value of a property, or DEFAULT when it is unset; without
 // NAME all that are set.
 #include <cutils/properties.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // init [-f FILE]... [COMMAND [ARG]...]: the device's first process. Boots by the .rc files, then
 // runs COMMAND on the console, whose end is the end of the device; without one a SIGTERM is.
 #include <glob.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // klogd: keeps a copy of the kernel's log in the store of the kernel buffer, for readers that the
 // kernel does not admit to the log itself. Ends at once where it is not admitted either, which is
 // no error: without the machine's root that is the rule.

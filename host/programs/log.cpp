@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // log [-b BUFFER] [-p PRIORITY] [-t TAG] MESSAGE...: stores a line in a log buffer.
 #include <android-base/strings.h>
 #include <unistd.h>

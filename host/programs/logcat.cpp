@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // logcat: shows the log buffers, or writes them to a file that it rotates.
 #include <android-base/parseint.h>
 #include <android-base/strings.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // setprop NAME VALUE: sets a property; an empty VALUE unsets it.
 #include <cutils/properties.h>
 

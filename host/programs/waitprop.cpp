@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // waitprop NAME VALUE SECONDS: waits until a property has a value; exit status 1 when it has not
 // got it in time.
 #include <android-base/properties.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The files on the device against the contract.
 #include "tests/soak/files.h"
 

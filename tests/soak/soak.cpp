@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // soak MINUTES SEED: as the command of a booted device, works the daemon and its tools with actions
 // drawn at random, brings all to rest now and then, and compares what the daemon has made of it
 // with what it was given. Ends with 1 when there is a fault.

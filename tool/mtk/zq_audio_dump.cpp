@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #define LOG_TAG "ZQ_AUDIO_DUMP"
 
 #include "tool/mtk/zq_audio_dump.h"

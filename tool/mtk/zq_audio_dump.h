@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // The audio HAL's dump files and commands, by the chip vendor's audio toolkit.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Debian's header, and the wait that it leaves to the phone.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The part of the phone's audio client that is used here.
 #pragma once
 

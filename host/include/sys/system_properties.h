@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Sizes of a system property, as <cutils/properties.h> needs them.
 #pragma once
 
