@@ -220,7 +220,8 @@ TEST_F(Daemon, APidThatWasCollectedIsNotSignalled) {
     ASSERT_TRUE(wait_for_text(log_lines::kFile, "/data/tombstones has been snooped"));
     ASSERT_TRUE(flip(true));
     ASSERT_TRUE(wait_until("/data", [this] { return ended_children() == 4; }));
-    move_into_dropbox("boring@1");
+    move_into_dropbox("anr@1");
+    ASSERT_TRUE(wait_for_text(log_lines::kFile, "disable detecting CRASH")) << "never switched on";
     ASSERT_TRUE(wait_until("/data", [this] { return ended_children() == 0; }));
     std::vector<pid_t> strangers;
     for (const std::string& pid : read_lines("/data/pids")) {
