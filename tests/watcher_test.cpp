@@ -216,6 +216,7 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
     move_into_dropbox("anr");
     ASSERT_TRUE(wait_for_notices(11));
     EXPECT_EQ(types_in_history().size(), 11U);
+    EXPECT_THAT(names_in(kCrashlog), SizeIs(10)) << "kept unless set otherwise";
 }
 
 TEST_F(Watcher, ARemovalThatIsQueuedAtASwitchOffLeadsToAWatch) {
