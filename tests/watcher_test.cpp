@@ -256,6 +256,7 @@ TEST_F(Watcher, ABurstIsCollectedOnceEach) {
     ASSERT_TRUE(wait_for_notices(kFiles));
     EXPECT_THAT(packages_told(), ElementsAreArray(packages(0, kFiles)));
     EXPECT_THAT(types_in_history(), SizeIs(kFiles));
+    EXPECT_LT(log_lines::count("event[wd:"), kFiles) << "the first of each read";
 }
 
 TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
