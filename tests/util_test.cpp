@@ -282,6 +282,7 @@ TEST(Dispatch, ToolsAnswerToTheirArgumentsAndAlwaysEndWithZero) {
         EXPECT_EQ(run(std::string("zq_brevix ") + arguments).exit_status, 0) << arguments;
     }
     EXPECT_THAT(read_lines("/data/ran"), ElementsAre("cp -r /a /b", "touch 3"));
+    EXPECT_THAT(run("zq_brevix cmd 'cat /proc/$$/cmdline;' true").output, HasSubstr("; true "));
     EXPECT_THAT(run("zq_brevix touchpanel x").output, HasSubstr("TouchPanel main end!!"));
     EXPECT_THAT(run("zq_brevix audio_dump x").output, HasSubstr("copy all AudioHalDumpFiles"));
 }

@@ -218,6 +218,7 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
     move_into_dropbox("anr");
     ASSERT_TRUE(wait_for_notices(11));
     EXPECT_EQ(types_in_history().size(), 11U);
+    EXPECT_THAT(names_in(kCrashlog), SizeIs(10)) << "kept unless set otherwise";
 }
 
 TEST_F(Watcher, ARemovalThatIsQueuedAtASwitchOffLeadsToAWatch) {
@@ -257,6 +258,7 @@ TEST_F(Watcher, ABurstIsCollectedOnceEach) {
     ASSERT_TRUE(wait_for_notices(kFiles));
     EXPECT_THAT(packages_told(), ElementsAreArray(packages(0, kFiles)));
     EXPECT_THAT(types_in_history(), SizeIs(kFiles));
+    EXPECT_LT(log_lines::count("event[wd:"), kFiles) << "the first of each read";
 }
 
 TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
@@ -350,6 +352,13 @@ TEST_F(Watcher, SwitchesInAStormLeaveItWhole) {
 
 TEST_F(Watcher, SigtermForTheProcessEndsIt) {
     kill(daemon_.pid, SIGTERM);
+    EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
+    wait_until_armed(2);
+    pid_t watcher = 0;  // the last thread; the kernel may choose it, too
+    for (const std::string& thread : names_in("/proc/" + std::to_string(daemon_.pid) + "/task")) {
+        watcher = std::max(watcher, std::stoi(thread));
+    }
+    tgkill(daemon_.pid, watcher, SIGTERM);
     EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
 }
 
