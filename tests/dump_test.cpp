@@ -4,7 +4,6 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <map>
 #include <regex>
@@ -222,14 +221,6 @@ TEST_F(TouchPanel, EveryChangeOfTheNodeIsASnapshot) {
 TEST_F(TouchPanel, WithoutAControllerNothingIsTouched) {
     EXPECT_EQ(dump("6,2,620"), kStart + kEnd);
     EXPECT_EQ(read_file(kReplay) + read_file(kDiffMode), "");
-}
-
-TEST_F(TouchPanel, AnInterruptedPollEndsTheCaptureAsUsual) {
-    signal(SIGALRM, [](int) {});
-    const itimerval often{{0, 20000}, {0, 20000}};
-    setitimer(ITIMER_REAL, &often, nullptr);
-    EXPECT_EQ(dump("62"), kStart + "TouchPanel polling!! break poll\n" + kHandOver + kEnd);
-    EXPECT_EQ(read_file(kReplay) + read_file(kRequest), "00");
 }
 
 }  // namespace
