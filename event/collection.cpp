@@ -45,8 +45,7 @@ bool create_folder(collected_event& event, const std::string& dir, const std::st
         created = ZQCreateLogDir(dir, prefix, count, event.type.c_str(), event.time.c_str(),
                                  sizeof(folder), folder) == 0;
     } catch (const fs::filesystem_error&) {
-        // create_directories throws ENAMETOOLONG for an overlong package name, which any app can
-        // choose.
+        // ENAMETOOLONG: any app can choose an overlong package name, which must not end the daemon.
     }
     event.folder = folder;
     return created;

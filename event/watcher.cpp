@@ -155,11 +155,9 @@ void watch_again(event_watch& watch) {
 
 // The queued records of these watches are the next watcher's.
 void remove_watches() {
-    for (event_watch& watch : event_watches) {
-        if (watch.wd > 0) {
-            inotify_rm_watch(detection.inotify, watch.wd);
-        }
-        watch.wd = -1;
+    for (const auto& [wd, watch] : detection.watched) {
+        inotify_rm_watch(detection.inotify, wd);
+        watch->wd = -1;
     }
 }
 
