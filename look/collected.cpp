@@ -154,13 +154,14 @@ entry& add(collected& all, const std::string& category, moment time, const std::
 
 void read_history_line(collected& all, const std::string& line) {
     constexpr size_t kMaxBytes = 4096;
+    if (line.empty()) {
+        return;
+    }
     const std::string head = line.substr(0, kMaxBytes);
     const auto parts = match(head, "^(.*)(REBOOT|CRASH|CUSTOM) +([-0-9]{10}/[:0-9]{8}) +(.*)$");
-    if (parts.empty() && !line.empty()) {
+    if (parts.empty()) {
         const moment time = all.entries.empty() ? 0 : all.entries.back().time;
         add(all, "?", time, "", "its line is cut; ").line = head;
-    }
-    if (parts.empty()) {
         return;
     }
     read_history_line(all, parts[1]);  // the next line is appended to one that was cut

@@ -17,11 +17,6 @@ namespace look {
 
 namespace {
 
-struct log_line {
-    moment time;
-    std::string text;
-};
-
 constexpr moment kSecond = 1000;
 constexpr moment kMonth = 31 * 86400 * kSecond;
 
@@ -145,7 +140,7 @@ void open_log(const fs::path& dir, const std::string& name, char channel, moment
 std::string lines_around(const std::vector<log_file>& files, moment time, size_t max_bytes) {
     const moment begin = time - 10 * kSecond;
     const moment end = time + 11 * kSecond;
-    std::vector<log_line> lines;
+    std::multimap<moment, std::string> lines;
     std::map<std::string, const log_file*> owners;  // a log snapshot repeats what the capture holds
     for (const log_file& file : files) {
         if (file.begin >= end || file.end < begin) {
@@ -154,7 +149,7 @@ std::string lines_around(const std::vector<log_file>& files, moment time, size_t
         moment stamp = begin;
         const auto add = [&](const std::string& text) {
             if (owners.try_emplace(text, &file).first->second == &file) {
-                lines.push_back({stamp, text});
+                lines.emplace(stamp, text);
             }
         };
         const auto from = [&](moment wanted) {
@@ -179,10 +174,9 @@ std::string lines_around(const std::vector<log_file>& files, moment time, size_t
             add("[more lines behind: cut]");
         }
     }
-    std::ranges::stable_sort(lines, {}, &log_line::time);
     std::string text;
-    for (const log_line& line : lines) {
-        text += line.text + "\n";
+    for (const auto& [stamp, line] : lines) {
+        text += line + "\n";
     }
     return text;
 }
