@@ -158,7 +158,8 @@ void read_history_line(collected& all, const std::string& line) {
         return;
     }
     const std::string head = line.substr(0, kMaxBytes);
-    const auto parts = match(head, "^(.*)(REBOOT|CRASH|CUSTOM) +([-0-9]{10}/[:0-9]{8}) +(.*)$");
+    const auto parts =
+        match(head, "^(.*)(REBOOT|CRASH|CUSTOM) +([-0-9]{10}/[:0-9]{8}) +(.*[^ ]) *$");
     if (parts.empty()) {
         const moment time = all.entries.empty() ? 0 : all.entries.back().time;
         add(all, "?", time, "", "its line is cut; ").line = head;
@@ -166,7 +167,7 @@ void read_history_line(collected& all, const std::string& line) {
     }
     read_history_line(all, parts[1]);  // the next line is appended to one that was cut
     entry& event = add(all, parts[2], parse_moment(parts[3], "%Y-%m-%d/%H:%M:%S"));
-    event.type = android::base::Trim(parts[4]);
+    event.type = parts[4];
     const auto names = match(parts[4], "^(.*) (/.*)$");
     if (!names.empty() && event.category != "REBOOT") {
         event.type = names[1];

@@ -33,10 +33,9 @@ std::string printable(std::string_view text, std::string_view kept = "\n\t") {
         wchar_t letter = 0;
         mbstate_t state{};
         bytes = mbrtowc(&letter, &text[at], text.size() - at, &state);
-        const bool is_letter = bytes - 1 < text.size();  // errors are the highest numbers
-        bytes = is_letter ? bytes : 1;
+        bytes = bytes - 1 < text.size() ? bytes : 1;  // 0 and the errors, the highest numbers
         const bool is_kept = kept.find(text[at]) != kept.npos || iswprint(letter) != 0;
-        result += is_letter && is_kept ? text.substr(at, bytes) : "\uFFFD";
+        result += is_kept ? text.substr(at, bytes) : "\uFFFD";
     }
     uselocale(before);
     return result;
