@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Builds the page from its rows: time axis, counts, list and the open event.
 // What was collected is untrusted: it enters the page only as text nodes and attribute values.
 const $ = (id) => document.getElementById(id);
 const rows = JSON.parse($("rows").textContent).map(([time, end, ...cells]) => {
@@ -43,7 +44,7 @@ function drawAxis() {
   const minutes = [1 / 60, 1 / 4, 1, 5, 15, 60, 180, 360, 720, 1440, 2880, 10080, 43200, 129600, 525600, 5256000];
   const step = 60e3 * minutes.find((some) => some * 60e3 / span * width > 84);
   const format = step < 60e3 ? [11, 19] : step < 864e5 ? [5, 16] : [0, 10];
-  for (let time = Math.ceil(first / step) * step; time <= first + span; time += step) {
+  for (let time = Math.ceil(first / step) * step; timed[0] && time <= first + span; time += step) {
     draw("div", place(time), 0, { class: "tick", style: `height:${bottom}px;` });
     draw("span", place(time), bottom + 4, { class: "date" }, new Date(time).toISOString().slice(...format).replace("T", " "));
   }
