@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <map>
-#include <ranges>
 
 #include "look/collected.h"
 #include "utils/util.h"
@@ -58,12 +57,18 @@ size_t stamped_from(const log_file& file, size_t at) {
 // The first line with a time that `is_reached`, which holds for all later ones.
 template <typename Test>
 size_t first_line(const log_file& file, Test is_reached) {
-    const auto is_before = [&](size_t at) {
-        const size_t line = stamped_from(file, at);
-        return line < file.text.size() && !is_reached(time_of(file, line));
-    };
-    const auto offsets = std::views::iota(size_t{0}, file.text.size());
-    return stamped_from(file, *std::ranges::partition_point(offsets, is_before));
+    size_t low = 0;
+    size_t high = file.text.size();
+    while (low < high) {
+        const size_t middle = low + (high - low) / 2;
+        const size_t line = stamped_from(file, middle);
+        if (line < file.text.size() && !is_reached(time_of(file, line))) {
+            low = line + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return stamped_from(file, low);
 }
 
 // Walks backwards: bisection would read a file without any time several times over.
@@ -118,8 +123,9 @@ void open_log(const fs::path& dir, const std::string& name, char channel, moment
               std::vector<log_file>& files, std::string& damage) {
     int parts = 0;
     int highest = 0;
-    const std::vector<fs::path> paths = entries_of(dir);
-    for (const fs::path& path : paths | std::views::reverse) {  // the highest number is the oldest
+    std::vector<fs::path> paths = entries_of(dir);
+    std::reverse(paths.begin(), paths.end());  // the highest number is the oldest
+    for (const fs::path& path : paths) {
         if (!path.filename().string().starts_with(name + ".log")) {
             continue;
         }
