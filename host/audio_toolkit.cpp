@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The audio toolkit over plain files: the HAL's dump files lie in a folder of the device.
+// The audio toolkit over plain files: a folder of the device has the HAL's dump files.
 #define LOG_TAG "audiotoolkit"
 
 #include "platform/audio_toolkit.h"
@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kDumpFolder = "/vendor/audiohal/dump/";
-// When it is there, the list as a HAL would give it, true or not.
+// Overrides the list, so that a test can return one that does not match the files.
 constexpr const char* kDumpList = "/vendor/audiohal/dump_list";
 
 std::map<std::string, uintmax_t> dump_file_sizes() {
