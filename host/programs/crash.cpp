@@ -5,6 +5,7 @@
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <signal.h>
@@ -17,7 +18,6 @@
 #include <iostream>
 #include <iterator>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -235,10 +235,9 @@ std::optional<collected_event> event_of(const fs::path& delivered) {
             }
             event.category = watch.category[row];
             event.type = watch.type[row];
-            if (is_app_event(event) && parse_app_event(event.file_name, event) != nullptr) {
-                return std::nullopt;
-            }
-            return event;
+            const bool is_malformed =
+                is_app_event(event) && parse_app_event(event.file_name, event) != nullptr;
+            return is_malformed ? std::nullopt : std::optional(event);
         }
     }
     return std::nullopt;
@@ -252,30 +251,30 @@ std::string switches(const collected_event& event) {
     return text + ", limit " + inside::property("persist.service.brevix.ev.num", "10");
 }
 
-// Returns the first of the history's `lines` for the event as "TYPE FOLDER".
-std::optional<std::string> find_noted(const std::string& lines, const collected_event& event) {
+// Returns the first history line past `known_lines` for the event, as "TYPE FOLDER".
+std::optional<std::string> find_noted(const collected_event& event, size_t known_lines) {
     constexpr size_t kTypeColumn = 28;
     const customize_settings& settings = event_settings.at(event.category);
     const std::string noted =
         event.type + " " + kBaseLogDir + settings.log_dir + "/" + name_prefix(event, settings);
-    std::istringstream in(lines);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.starts_with(event.category) || line.size() < kTypeColumn) {
+    const std::vector<std::string> lines = inside::read_lines(kHistory);
+    for (size_t i = known_lines; i < lines.size(); ++i) {
+        if (!lines[i].starts_with(event.category) || lines[i].size() < kTypeColumn) {
             continue;
         }
-        line.erase(0, kTypeColumn);
-        if (line.starts_with(noted)) {
-            return line;
+        const std::string told = lines[i].substr(kTypeColumn);
+        if (told.starts_with(noted)) {
+            return told;
         }
-        if (line.substr(0, line.find_last_not_of(' ') + 1) == event.type) {
+        if (android::base::Trim(told) == event.type) {
             return event.type + " (its folder could not be made)";
         }
     }
     return std::nullopt;
 }
 
-// The daemon's answer to the file: a line that the history has past its first `known_bytes`.
-std::string outcome(const fs::path& delivered, size_t known_bytes) {
+// Waits for the daemon to note the event, unless there is a reason why it will not.
+std::string outcome(const fs::path& delivered, size_t known_lines) {
     const auto event = event_of(delivered);
     if (!event) {
         return "no event: a file of this name is none: " + delivered.filename().string();
@@ -286,8 +285,7 @@ std::string outcome(const fs::path& delivered, size_t known_bytes) {
     }
     std::optional<std::string> noted;
     if (!inside::wait_until(fs::path(kHistory).parent_path(), [&] {
-            const std::string history = inside::read_file(kHistory);
-            noted = find_noted(history.substr(std::min(known_bytes, history.size())), *event);
+            noted = find_noted(*event, known_lines);
             return noted.has_value();
         })) {
         throw std::runtime_error("no event within 60 seconds (" + switches(*event) + ", daemon " +
@@ -310,13 +308,13 @@ int main(int argc, char* argv[]) {
         content.emplace(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
     }
     try {
-        const size_t known_bytes = inside::read_file(kHistory).size();
+        const size_t known_lines = inside::read_lines(kHistory).size();
         const std::string delivered = deliver_kind(words, content);
         if (delivered.empty()) {
             std::cerr << kUsage << "\n";
             return 1;
         }
-        std::cout << (is_to_wait ? outcome(delivered, known_bytes) : delivered) << "\n";
+        std::cout << (is_to_wait ? outcome(delivered, known_lines) : delivered) << "\n";
     } catch (const std::exception& error) {
         std::cerr << "crash: " << error.what() << "\n";
         return 1;
