@@ -154,11 +154,10 @@ void services::ended(pid_t pid, int wait_status) {
         const bool is_exit = WIFEXITED(wait_status);
         LOG(INFO) << "service '" << name << "' ended, " << (is_exit ? "exit status " : "signal ")
                   << (is_exit ? WEXITSTATUS(wait_status) : WTERMSIG(wait_status));
-        const bool is_oneshot = one.options.contains("oneshot");
-        if (!is_oneshot) {
+        if (!one.options.contains("oneshot")) {
             one.restart = one.started + kRestartPeriod;
         }
-        property_set(("init.svc." + name).c_str(), is_oneshot ? "stopped" : "restarting");
+        property_set(("init.svc." + name).c_str(), one.restart ? "restarting" : "stopped");
     }
 }
 
