@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// Commands, triggers, the event loop and the shutdown of the device.
 #define LOG_TAG "init"
 
 #include "host/init/device.h"
@@ -31,7 +33,7 @@ using std::chrono::steady_clock;
 constexpr const char* kPropertyFolder = "/dev/__properties__";
 constexpr std::chrono::seconds kShutdownPatience(2);
 
-bool holds(const action& each) {
+bool is_met(const action& each) {
     return std::all_of(each.properties.begin(), each.properties.end(), [](const auto& wanted) {
         char value[PROPERTY_VALUE_MAX] = {};
         property_get(wanted.first.c_str(), value, "");
@@ -45,7 +47,7 @@ bool change_mode(const std::string& octal, const std::string& path) {
     return chmod(path.c_str(), static_cast<mode_t>(strtoul(octal.c_str(), nullptr, 8))) == 0;
 }
 
-bool give(const std::string& path, const std::string& user, const std::string& group) {
+bool change_owner(const std::string& path, const std::string& user, const std::string& group) {
     errno = EINVAL;
     const passwd* const owner = getpwnam(user.c_str());
     const ::group* const owners = getgrnam(group.c_str());
@@ -57,7 +59,7 @@ bool give(const std::string& path, const std::string& user, const std::string& g
 bool make_folder(device& /*target*/, const words& arguments) {
     const std::string& path = arguments[0];
     return (mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) && change_mode(arguments[1], path) &&
-           give(path, arguments[2], arguments[3]);
+           change_owner(path, arguments[2], arguments[3]);
 }
 
 bool set_property(device& /*target*/, const words& arguments) {
@@ -114,7 +116,7 @@ void device::watch() {
 void device::queue(const std::string& event, const std::string& property) {
     for (const action& each : script_.actions) {
         const bool is_concerned = property.empty() || each.properties.contains(property);
-        if (each.event == event && is_concerned && holds(each)) {
+        if (each.event == event && is_concerned && is_met(each)) {
             queue_.push_back(&each);
         }
     }
@@ -154,7 +156,7 @@ bool device::reap() {
                                                               : 128 + WTERMSIG(wait_status));
             command_pid_ = 0;
         }
-        services_.ended(pid, wait_status);
+        services_.handle_end(pid, wait_status);
     }
     return pid == 0;
 }
@@ -197,8 +199,8 @@ void device::wait(const std::optional<time_point>& deadline) {
     read_property_changes();
 }
 
-// SIGTERM first, so that captures flush their files. Orphans of a service get SIGKILL when the
-// service is reaped, and are reaped here as well.
+// SIGTERM first, so that captures flush their files. handle_end kills the orphans of a service,
+// which the loop reaps as well.
 void device::shut_down() {
     if (command_pid_ > 0) {
         kill(command_pid_, SIGTERM);

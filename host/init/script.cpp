@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// The parser of .rc files: splits lines, checks each against its keyword row and collects sections.
 #include "host/init/script.h"
 
 #include <android-base/strings.h>
@@ -18,7 +20,7 @@ namespace {
 
 constexpr size_t kAny = 100;
 
-// task_profiles has no effect: the kernel alone has no task profiles.
+// task_profiles has no effect: task profiles are a service of the platform, not of the kernel.
 // clang-format off
 const std::vector<keyword_row> kOptions = {
     {"capabilities",     0, kAny, nullptr},

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// Services: identity and streams of their processes, restarts and states.
 #define LOG_TAG "init"
 
 #include "host/init/services.h"
@@ -144,7 +146,7 @@ std::optional<time_point> services::start_due() {
 
 // The process group ends with its service: captures that outlive the daemon would write beside
 // those of the restarted one.
-void services::ended(pid_t pid, int wait_status) {
+void services::handle_end(pid_t pid, int wait_status) {
     for (auto& [name, one] : services_) {
         if (one.pid != pid) {
             continue;

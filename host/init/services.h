@@ -37,7 +37,7 @@ class services {
     std::optional<time_point> start_due();
 
     // Takes every reaped child of init; those that are no service have no effect.
-    void ended(pid_t pid, int wait_status);
+    void handle_end(pid_t pid, int wait_status);
 
     // Signals the process group of each running service.
     void signal_all(int signal) const;

@@ -224,7 +224,7 @@ std::string deliver_kind(const std::vector<std::string>& words,
 const std::string kHistory = "/data/logs/history.event";
 const std::string kDetection = "persist.service.event.detect";
 
-// The event by the daemon's own tables and decisions; no value: the file is none.
+// Classifies the file with the daemon's own tables and decisions. No value: the daemon ignores it.
 std::optional<collected_event> event_of(const fs::path& delivered) {
     collected_event event{};
     event.file_name = delivered.filename();
@@ -243,7 +243,7 @@ std::optional<collected_event> event_of(const fs::path& delivered) {
     return std::nullopt;
 }
 
-std::string switches(const collected_event& event) {
+std::string describe_switches(const collected_event& event) {
     std::string text = std::string("category ") + event.category;
     for (const std::string& name : {kDetection, event_settings.at(event.category).prop}) {
         text.append(", ").append(name).append("=").append(inside::property(name, ""));
@@ -274,21 +274,22 @@ std::optional<std::string> find_noted(const collected_event& event, size_t known
 }
 
 // Waits for the daemon to note the event, unless there is a reason why it will not.
-std::string outcome(const fs::path& delivered, size_t known_lines) {
+std::string wait_for_outcome(const fs::path& delivered, size_t known_lines) {
     const auto event = event_of(delivered);
     if (!event) {
         return "no event: a file of this name is none: " + delivered.filename().string();
     }
     if (inside::property(kDetection) != "1" ||
         inside::property(event_settings.at(event->category).prop) != "1") {
-        return "no event: detection is off (" + switches(*event) + ")";
+        return "no event: detection is off (" + describe_switches(*event) + ")";
     }
     std::optional<std::string> noted;
     if (!inside::wait_until(fs::path(kHistory).parent_path(), [&] {
             noted = find_noted(*event, known_lines);
             return noted.has_value();
         })) {
-        throw std::runtime_error("no event within 60 seconds (" + switches(*event) + ", daemon " +
+        throw std::runtime_error("no event within 60 seconds (" + describe_switches(*event) +
+                                 ", daemon " +
                                  inside::property("init.svc.zq_brevix", "not started") + ")");
     }
     return *noted;
@@ -314,7 +315,7 @@ int main(int argc, char* argv[]) {
             std::cerr << kUsage << "\n";
             return 1;
         }
-        std::cout << (is_to_wait ? outcome(delivered, known_lines) : delivered) << "\n";
+        std::cout << (is_to_wait ? wait_for_outcome(delivered, known_lines) : delivered) << "\n";
     } catch (const std::exception& error) {
         std::cerr << "crash: " << error.what() << "\n";
         return 1;
