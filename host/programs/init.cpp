@@ -1,28 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// init [-f FILE]... [COMMAND [ARG]...]: the device's first process. Boots by the .rc files, then
-// runs COMMAND on the console, whose end is the end of the device; without one a SIGTERM is.
-#include <glob.h>
+// init [-f FILE]... [COMMAND [ARG]...]: the device's first process. It boots by the .rc files and
+// runs COMMAND on the console; the device ends with COMMAND, or with SIGTERM when there is none.
 #include <unistd.h>
 
 #include <cstdio>
 #include <exception>
 
 #include "host/init/device.h"
-
-namespace {
-
-// Of a folder in the order of their names; a device may have no scripts of one kind.
-init::words script_files() {
-    glob_t found{};
-    glob("/system/etc/init/*", 0, nullptr, &found);
-    glob("/system_ext/etc/init/*", GLOB_APPEND, nullptr, &found);
-    init::words files(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-    globfree(&found);
-    return files;
-}
-
-}  // namespace
 
 int main(int argc, char* argv[]) {
     init::words files;
@@ -33,11 +18,12 @@ int main(int argc, char* argv[]) {
         }
         files.emplace_back(optarg);
     }
+    if (files.empty()) {
+        files = {"/system/etc/init/device.rc", "/system_ext/etc/init/zq_brevix.rc"};
+    }
     try {
         const init::words command(argv + optind, argv + argc);
-        init::script all =
-            init::read_scripts(files.empty() ? script_files() : files, init::kCommands);
-        return init::device(std::move(all), command).run();
+        return init::device(files, command).run();
     } catch (const std::exception& error) {
         fprintf(stderr, "%s\n", error.what());
         return 1;
