@@ -2,7 +2,6 @@
 
 // Sends the lines of LOG(...) to standard error, as logcat shows them, and to the log store.
 
-#include <android-base/errno_restorer.h>
 #include <android-base/logging.h>
 #include <log/logprint.h>
 #include <unistd.h>
@@ -17,7 +16,6 @@ AndroidLogFormat* threadtime;
 
 void log_line(android::base::LogId /*buffer*/, android::base::LogSeverity severity, const char* tag,
               const char* /*file*/, unsigned int /*line*/, const char* message) {
-    const android::base::ErrnoRestorer keep_errno;
     // Severities and priorities are in the same order; the two fatal severities are one priority.
     const int priority = std::min<int>(int{ANDROID_LOG_VERBOSE} + severity, ANDROID_LOG_FATAL);
     const AndroidLogEntry entry = log_entry_now(static_cast<android_LogPriority>(priority),
