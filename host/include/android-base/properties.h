@@ -16,8 +16,8 @@ namespace android::base {
 // that stays is not.
 //
 // Any number of threads may wait. Each keeps an inotify instance of its own from its first wait to
-// its end (a user has 128 in all). Signal handlers run as usual and the wait continues after them; a
-// handler may end the thread by pthread_exit.
+// its end (a user has 128 in all). Signal handlers run as usual and the wait continues after them;
+// a handler may end the thread by pthread_exit.
 //
 // Logs and aborts when the folder of the properties is missing or cannot be watched.
 bool WaitForProperty(const std::string& key, const std::string& expected_value,
