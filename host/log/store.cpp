@@ -57,8 +57,10 @@ bool with_lock(int fd, int kind, const auto& action) {
     return is_done;
 }
 
-// --- Entries: the struct, whose pointers mean nothing there, then tag and message, each with a NUL
+// --- Entries -------------------------------------------------------------------------------------
 
+// An entry is stored as the struct, whose pointers are void in a file, then the tag and the message,
+// each with its NUL.
 constexpr size_t kMaxTextBytes = 4000;
 
 size_t stored_bytes(const AndroidLogEntry& entry) {
@@ -79,8 +81,9 @@ std::string encode(AndroidLogEntry entry) {
     return bytes;
 }
 
-// --- The ring; these functions need the lock and set errno when they fail
-// -------------------------
+// --- The ring ------------------------------------------------------------------------------------
+
+// These functions need the lock and set errno when they fail.
 
 struct ring_ends {
     uint64_t begin;  // of the oldest entry
@@ -132,8 +135,8 @@ bool make_room(int fd, ring_ends& ends, size_t size) {
     return write_ends(fd, ends);
 }
 
-// The order of the writes keeps the ring whole when a full disk or a SIGKILL ends them: what is
-// overwritten is no part of it any more, what is written half-way is no part of it yet.
+// The order of the writes keeps the ring intact when a full disk or a SIGKILL interrupts them: old
+// entries leave the ring before they are overwritten, a new one joins it after it is complete.
 bool append(int fd, std::string_view bytes) {
     ring_ends ends{};
     if (!read_ends(fd, ends) || !make_room(fd, ends, bytes.size()) ||
@@ -220,7 +223,7 @@ std::optional<AndroidLogEntry> log_reader::next() {
     return take_log_entry(rest_);
 }
 
-// The entry that the chunk before ends in is read again with what follows it.
+// Reads an entry that was cut by the end of the chunk again, now as a whole.
 bool log_reader::read_chunk() {
     ring_ends ends{};
     if (!read_ends(store_, ends)) {
