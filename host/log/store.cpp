@@ -59,8 +59,8 @@ bool with_lock(int fd, int kind, const auto& action) {
 
 // --- Entries -------------------------------------------------------------------------------------
 
-// An entry is stored as the struct, whose pointers are void in a file, then the tag and the message,
-// each with its NUL.
+// An entry is stored as the struct, whose pointers are void in a file, then the tag and the
+// message, each with its NUL.
 constexpr size_t kMaxTextBytes = 4000;
 
 size_t stored_bytes(const AndroidLogEntry& entry) {
