@@ -23,11 +23,12 @@
 #include <chrono>
 #include <cstring>
 
+#include "host/system.h"
+
 namespace init {
 
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr const char* kPropertyFolder = "/dev/__properties__";
@@ -138,9 +139,7 @@ void device::boot() {
         queue(event);
         run_queue();
     }
-    char changes[4096];
-    while (read(properties_, changes, sizeof(changes)) > 0) {
-    }
+    drain_inotify(properties_);
     queue("");
     run_queue();
 }
@@ -186,13 +185,8 @@ void device::read_property_changes() {
 }
 
 void device::wait(const std::optional<time_point>& deadline) {
-    int timeout = -1;
-    if (deadline) {
-        const auto left = *deadline - steady_clock::now();
-        timeout = std::max(0, static_cast<int>(ceil<milliseconds>(left).count()));
-    }
     pollfd sources[] = {{signals_, POLLIN, 0}, {properties_, POLLIN, 0}};
-    if (poll(sources, 2, timeout) < 0 && errno != EINTR) {
+    if (poll(sources, 2, milliseconds_until(deadline)) < 0 && errno != EINTR) {
         PLOG(FATAL) << "poll";
     }
     read_signals();

@@ -47,7 +47,9 @@ void add_buffers(options& result, const std::string& list) {
     for (const std::string& name : android::base::Split(list, ",")) {
         const auto stored = stored_buffer_named(name);
         if (name == "all") {
-            add_buffers(result, "main,system,crash,events,radio,kernel");
+            add_buffers(result, "default,events,radio,kernel");
+        } else if (name == "default") {
+            add_buffers(result, "main,system,crash");
         } else if (stored || name == "kernel") {
             result.buffers.insert(stored.value_or(LOG_ID_KERNEL));
         } else {
@@ -104,7 +106,7 @@ options parse_options(int argc, char* argv[]) {
         }
     }
     if (result.buffers.empty()) {
-        add_buffers(result, "main,system,crash");
+        add_buffers(result, "default");
     }
     if (result.rotate_kbytes != 0 && result.file.empty()) {
         errx(EXIT_FAILURE, "-r needs -f");
