@@ -10,8 +10,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr const char* kCrash = "/data/crash";  // every tombstone is a hard link to it
 
 // All call the same tools and keep as many folders, each below a root of its own.
@@ -55,11 +53,7 @@ void measure(const char* figure, int work, int kept, size_t at_once, int rounds)
     std::list<program> programs;
     std::vector<side> sides;
     for (const collector& each : kCollectors) {
-        for (const char* dir :
-             {"/tombstones", "/system/dropbox", "/logs/crashlog", "/brevix/eventTemp"}) {
-            fs::remove_all(each.root + dir);
-            fs::create_directories(each.root + dir);
-        }
+        make_folders(each.root);
         programs.emplace_back(each.name, each.command, each.armed);
         measure_events(each.root, kept, notices);  // leaves the folders of earlier events
         sides.push_back({each.name, [&] { return measure_events(each.root, at_once, notices); }});
@@ -69,12 +63,10 @@ void measure(const char* figure, int work, int kept, size_t at_once, int rounds)
 
 }  // namespace
 
-void road() {
-    measure("road", 10, 10, 1, 300);
-    measure("road", 100, 100, 1, 60);
+void road(int kept_folders) {
+    measure("road", kept_folders, kept_folders, 1, 3000 / kept_folders);
 }
 
-void burst() {
-    measure("burst", 50, 10, 50, 4);
-    measure("burst", 500, 10, 500, 4);
+void burst(int tombstones_at_once) {
+    measure("burst", tombstones_at_once, 10, tombstones_at_once, 4);
 }

@@ -21,6 +21,14 @@ void set_property(const std::string& name, const std::string& value) {
     require(inside::set_property(name, value), "cannot set " + name);
 }
 
+void make_folders(const std::string& root) {
+    for (const char* dir : {"/tombstones", "/system/dropbox", "/brevix/eventTemp", "/logs/crashlog",
+                            "/logs/general_log"}) {
+        std::filesystem::remove_all(root + dir);
+        std::filesystem::create_directories(root + dir);
+    }
+}
+
 void print_sample(const std::string& figure, int work, const std::string& side, double value) {
     printf("%s\t%d\t%s\t%.4f\n", figure.c_str(), work, side.c_str(), value);
 }
@@ -67,17 +75,19 @@ std::fstream open_fifo(const std::string& path) {
 
 namespace {
 
-const std::map<std::string, void (*)()> kFigures = {
-    {"road", road}, {"burst", burst},           {"count", count}, {"size", size},
-    {"idle", idle}, {"switch", capture_switch}, {"armed", armed},
+struct figure {
+    std::vector<int> works;  // the second one shows how the first grows
+    void (*measure)(int work);
 };
 
-// What the daemon finds on a phone that has run for a while with event detection on.
-void set_up_phone() {
-    for (const char* dir : {"/data/logs/general_log", "/data/brevix/eventTemp",
-                            "/data/system/dropbox", "/data/tombstones"}) {
-        std::filesystem::create_directories(dir);
-    }
+const std::map<std::string, figure> kFigures = {
+    {"road", {{10, 100}, road}},       {"burst", {{50, 500}, burst}},
+    {"count", {{1000, 10000}, count}}, {"size", {{5000, 50000}, size}},
+    {"switch", {{4}, capture_switch}}, {"idle", {{30}, idle}},
+    {"armed", {{100}, armed}},
+};
+
+void switch_detection_on() {
     for (const char* detection : {"persist.service.crashlog.enable", "persist.service.custom.event",
                                   "persist.service.event.detect"}) {
         set_property(detection, "1");
@@ -93,8 +103,11 @@ int main(int argc, char* argv[]) {
     try {
         require(kFigures.contains(name), "no such figure");
         require(freopen("/data/figures.log", "a", stderr) != nullptr, "cannot redirect the log");
-        set_up_phone();
-        kFigures.at(name)();
+        make_folders("/data");
+        switch_detection_on();
+        for (const int work : kFigures.at(name).works) {
+            kFigures.at(name).measure(work);
+        }
     } catch (const std::exception& error) {
         dprintf(terminal, "figures %s: %s\n", name.c_str(), error.what());
         return 1;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// Runs the daemon and its rivals in the virtual device, measures them in turns and prints samples:
-// lines of figure, amount of work, side and value, separated by tabs. Every figure runs in a device
-// of its own. All functions throw std::runtime_error when what they measure goes wrong; one thread.
+// What the figures share. Every figure runs in a fresh virtual device, measures the daemon and its
+// rivals in turns, and prints samples: lines of figure, amount of work, side and value, separated
+// by tabs. All functions throw std::runtime_error on failure. One thread.
 
 #include <sys/types.h>
 
@@ -12,23 +12,30 @@
 #include <string>
 #include <vector>
 
-void road();
-void burst();
-void count();
-void size();
-void capture_switch();
-void idle();
-void armed();
+// --- Figures, by their amount of work ------------------------------------------------------------
+
+void road(int kept_folders);
+void burst(int tombstones_at_once);
+void count(int folders);
+void size(int files);
+void capture_switch(int channels);
+void idle(int seconds);
+void armed(int starts);
+
+// --- Steps ---------------------------------------------------------------------------------------
 
 // Throws unless `condition`.
 void require(bool condition, const std::string& failure);
 void set_property(const std::string& name, const std::string& value);
+// Makes the folders that a collector needs below `root`, and empties those that are there.
+void make_folders(const std::string& root);
 
 // --- Samples -------------------------------------------------------------------------------------
 
 // `value` is in the unit that bench/goals has for the figure.
 void print_sample(const std::string& figure, int work, const std::string& side, double value);
 
+// Runs `work` and returns the milliseconds that it takes.
 double millis_of(const std::function<void()>& work);
 
 struct side {

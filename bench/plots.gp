@@ -19,5 +19,5 @@ if (system("grep -c ^road samples.tsv") > 0) {
     set xtics norotate
     set logscale x
     set key right bottom
-    plot for [side in "daemon script floor"] "samples.tsv" using (strcol(1) eq "road" && $2 == 10 && strcol(3) eq side ? $4 : NaN):(1) smooth cnormal linewidth 2 title side
+    plot for [side in "daemon script floor"] "< grep '^road.10.".side."' samples.tsv" using 4:(1) smooth cnormal linewidth 2 title side
 }

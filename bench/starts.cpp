@@ -12,11 +12,7 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-
 // --- Switch --------------------------------------------------------------------------------------
-
-constexpr int kChannels = 4;
 
 bool is_waitprop_asleep() {
     const std::vector<pid_t> pids = inside::processes_named("waitprop");
@@ -33,14 +29,13 @@ void wait_for_waitprop() {
 }
 
 // Returns the milliseconds until all captures run.
-double switch_on_and_off(const std::string& property, std::istream& started) {
-    std::vector<pid_t> pids;
+double switch_on_and_off(const std::string& property, int channels, std::istream& started) {
+    std::vector<pid_t> pids(channels);
     wait_for_waitprop();
     const double millis = millis_of([&] {
         set_property(property, "1");
-        for (std::string pid; pids.size() < kChannels;) {
-            std::getline(started, pid);
-            pids.push_back(std::stoi(pid));
+        for (pid_t& pid : pids) {
+            started >> pid;
         }
     });
     wait_for_waitprop();
@@ -71,8 +66,6 @@ double measure_start(const char* const argv[], const std::string& text, std::ist
 
 // --- Idle ----------------------------------------------------------------------------------------
 
-constexpr int kSeconds = 30;
-
 // Voluntary context switches of all threads.
 long wakeups(pid_t pid) {
     long sum = 0;
@@ -85,35 +78,34 @@ long wakeups(pid_t pid) {
 
 }  // namespace
 
-void capture_switch() {
+void capture_switch(int channels) {
     // A stand-in, because what a real logcat does after its start is not the switch.
-    fs::remove("/system/bin/logcat");
-    fs::create_symlink("/bench/started", "/system/bin/logcat");
+    std::filesystem::remove("/system/bin/logcat");
+    std::filesystem::create_symlink("/bench/started", "/system/bin/logcat");
     std::fstream started = open_fifo("/data/started");
     const program daemon("daemon", "zq_brevix", {"main start"});
     const program script("script", "capture_script bench.capture /data/script", {});
     measure_in_turns(
-        "switch", kChannels, 30,
-        {{"daemon", [&] { return switch_on_and_off("persist.service.start.capture", started); }},
-         {"script", [&] { return switch_on_and_off("bench.capture", started); }}});
+        "switch", channels, 30,
+        {{"daemon",
+          [&] { return switch_on_and_off("persist.service.start.capture", channels, started); }},
+         {"script", [&] { return switch_on_and_off("bench.capture", channels, started); }}});
 }
 
-void armed() {
-    for (const char* dir : {"tombstones", "system/dropbox", "brevix/eventTemp"}) {
-        fs::create_directories(fs::path("/data/floor") / dir);
-    }
+void armed(int starts) {
+    make_folders("/data/floor");
     std::fstream lines = open_fifo("/data/lines");
     // The programs inherit it; this process's own log is of no use here.
     require(freopen("/data/lines", "a", stderr) != nullptr, "cannot redirect standard error");
     const char* const daemon[] = {"/system/bin/zq_brevix", nullptr};
     const char* const floor[] = {"/bench/floor", "/data/floor", nullptr};
     measure_in_turns(
-        "armed", 1, 100,
+        "armed", starts, starts,
         {{"daemon", [&] { return measure_start(daemon, "tombstones has been snooped", lines); }},
          {"floor", [&] { return measure_start(floor, "armed", lines); }}});
 }
 
-void idle() {
+void idle(int seconds) {
     set_property("persist.service.start.capture", "1");
     const program daemon("daemon", "zq_brevix",
                          {"tag: kernel, pid", "tombstones has been snooped",
@@ -129,9 +121,9 @@ void idle() {
     }
     const long daemon_before = wakeups(daemon.pid());
     const long watcher_before = wakeups(watcher.pid());
-    std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
-    print_sample("wakeups", kSeconds, "daemon", wakeups(daemon.pid()) - daemon_before);
-    print_sample("wakeups", kSeconds, "inotifywait", wakeups(watcher.pid()) - watcher_before);
-    print_sample("memory", kSeconds, "daemon", inside::private_kbytes(daemon.pid()));
-    print_sample("memory", kSeconds, "inotifywait", inside::private_kbytes(watcher.pid()));
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    print_sample("wakeups", seconds, "daemon", wakeups(daemon.pid()) - daemon_before);
+    print_sample("wakeups", seconds, "inotifywait", wakeups(watcher.pid()) - watcher_before);
+    print_sample("memory", seconds, "daemon", inside::private_kbytes(daemon.pid()));
+    print_sample("memory", seconds, "inotifywait", inside::private_kbytes(watcher.pid()));
 }

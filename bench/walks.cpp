@@ -20,7 +20,9 @@ std::function<double()> timed_line(const std::string& shell_line) {
     return timed([=] { require(run_shell(shell_line.c_str()) == 0, "failed: " + shell_line); });
 }
 
-void measure_count(int folders) {
+}  // namespace
+
+void count(int folders) {
     const std::string dir = "/data/count_" + std::to_string(folders) + "/";
     for (int i = 0; i < folders; ++i) {
         fs::create_directories(dir + "crashlog_" + std::to_string(i) + "_ANR_2026-11-21-09-30-05");
@@ -44,7 +46,7 @@ void measure_count(int folders) {
 }
 
 // A capture has 20 files: those of four channels, rotated.
-void measure_size(int files) {
+void size(int files) {
     constexpr int kFilesOfCapture = 20;
     const std::string dir = "/data/size_" + std::to_string(files);
     for (int i = 0; i < files; ++i) {
@@ -57,16 +59,4 @@ void measure_size(int files) {
         "size", files, kRounds,
         {{"daemon", timed([&] { require(GetDirectorySize(dir) == files, "wrong size"); })},
          {"du", timed_line("/usr/bin/du -sb " + dir + " >/data/du")}});
-}
-
-}  // namespace
-
-void count() {
-    measure_count(1000);
-    measure_count(10000);
-}
-
-void size() {
-    measure_size(5000);
-    measure_size(50000);
 }
