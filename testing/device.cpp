@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// Looks into the virtual device from a program inside it.
 #include "testing/device.h"
 
 namespace inside {
@@ -52,14 +54,14 @@ bool set_property(const std::string& name, const std::string& value) {
 
 std::string property(const std::string& name, const std::string& fallback) {
     char value[PROPERTY_VALUE_MAX];
-    const int length = property_get(name.c_str(), value, fallback.c_str());
-    return {value, static_cast<size_t>(length)};
+    property_get(name.c_str(), value, fallback.c_str());
+    return value;
 }
 
 android::base::unique_fd open_inotify() {
     android::base::unique_fd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (fd < 0) {
-        throw inotify_limit();
+        throw std::runtime_error(std::string("inotify_init1: ") + strerror(errno));
     }
     return fd;
 }
@@ -74,15 +76,16 @@ bool wait_until(const std::string& dir, const std::function<bool()>& condition) 
     inotify_add_watch(fd, dir.c_str(),
                       IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_CLOSE_WRITE);
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    bool met = condition();
-    while (!met && std::chrono::steady_clock::now() < deadline) {
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
         wait_for_input(fd, std::chrono::seconds(1));
         char events[4096];
         while (read(fd, events, sizeof(events)) > 0) {
         }
-        met = condition();
     }
-    return met;
+    return true;
 }
 
 bool wait_for_text(const std::string& file, const std::string& text) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#pragma once
 
-// What the tests of the product share. Every case runs in a fresh virtual device: files, properties
-// and programs may be put where the phone has them.
+// What the tests of the product share. Every case runs in a virtual device of its own, so it may
+// put files, properties and programs where the phone has them.
+#pragma once
 
 #include <gmock/gmock.h>
 
@@ -19,7 +19,7 @@ const std::string kTombstones = "/data/tombstones/";
 const std::string kCrashlog = "/data/logs/crashlog/";
 const std::string kHistory = "/data/logs/history.event";
 const std::string kNotices = "/data/brevix/queue.log";
-const std::string kTime = "20..-..-..-..-..-..";  // as an expression
+const std::string kTime = "20..-..-..-..-..-..";  // regular expression of a file name's time
 
 inline void make_event_folders() {
     for (const char* dir :
@@ -28,14 +28,15 @@ inline void make_event_folders() {
     }
 }
 
-// As the platform does it: another name first.
+// As the platform does: writes under another name and renames, so no reader sees a partial file.
 inline void move_into_dropbox(const std::string& name, const std::string& content = "content") {
     write_file(kDropbox + "drop1.tmp", content);
     fs::rename(kDropbox + "drop1.tmp", kDropbox + name);
 }
 
-// Standard error, where the device's log lines go, kept in a file: a pipe would stay open in
-// children that outlive the test.
+// Redirects standard error, where the log lines of the device go, into a file for as long as it
+// lives. A pipe would stay open in children that outlive the test. Fails the test when a sanitizer
+// of a program under test has reported, and prints the log when the test has failed.
 class log_lines {
   public:
     static constexpr const char* kFile = "/data/standard_error";
@@ -44,7 +45,6 @@ class log_lines {
         dup2(android::base::unique_fd(open(kFile, O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0600)),
              STDERR_FILENO);
     }
-    // What a sanitizer has to say about a program under test stands there too.
     ~log_lines() {
         const std::string text = read_file(kFile);
         EXPECT_EQ(text.find("Sanitizer"), std::string::npos);
@@ -52,7 +52,7 @@ class log_lines {
         std::cerr << (testing::Test::HasFailure() ? text : "");
     }
 
-    // "11-21 09:30:05.123  4242  4243 I ZQ_UTIL : text" as "I ZQ_UTIL: text".
+    // Lines so far, "11-21 09:30:05.123  4242  4243 I ZQ_UTIL : text" as "I ZQ_UTIL: text".
     static std::vector<std::string> lines() {
         std::vector<std::string> result = read_lines(kFile);
         for (std::string& line : result) {
@@ -67,27 +67,26 @@ class log_lines {
         return result;
     }
 
+    // Number of lines that contain `text`.
     static size_t count(const std::string& text) {
-        const std::string log = read_file(kFile);
-        size_t count = 0;
-        for (size_t at = log.find(text); at != log.npos; at = log.find(text, at + 1)) {
-            ++count;
-        }
-        return count;
+        const std::vector<std::string> all = read_lines(kFile);
+        return std::ranges::count_if(
+            all, [&](const std::string& line) { return line.find(text) != line.npos; });
     }
 
   private:
     const android::base::unique_fd saved_{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)};
 };
 
-// The product as a service, and its log; it must live as long as this.
+// The daemon as a child of the test, and its log. Fails the test when the daemon has ended by the
+// end of this object, which kills it.
 struct daemon_process {
     ~daemon_process() {
         EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "the daemon is gone";
         kill(pid, SIGKILL);
         wait_status(pid);
     }
-    // As init does when it has ended. Returns its wait status.
+    // Waits for the daemon's end and starts it again, as init does. Returns the wait status.
     int start_again_after_its_end(const std::string& shell_line = kShellLine) {
         const int status = wait_status(pid);
         pid = start(shell_line);

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#pragma once
 
-// For tests of what happens without a thread.
+// Lets the creation of threads fail, for tests of what the product does then.
+#pragma once
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 namespace fixture {
 
-// From now on none can be created: their stacks do not fit into any memory.
+// From now on pthread_create fails in this process: no address space holds a stack of 2^60 bytes.
 inline void let_threads_fail() {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);

@@ -1,244 +1,184 @@
 // SPDX-License-Identifier: Apache-2.0
-#pragma once
 
-#include <android-base/stringprintf.h>
-#include <sys/stat.h>
+// Delivers crash files and switches the daemon, and keeps what is certain about its state.
+#pragma once
 
 #include "host/log/store.h"
 #include "tests/soak/ledger.h"
 
 namespace soak {
 
-inline constexpr const char* kProperties = "/dev/__properties__";
 inline const std::string kCaptureSwitch = "persist.service.start.capture";
 inline const std::string kDetectionSwitch = "persist.service.event.detect";
 
-// Of the categories of events.
-inline const std::map<std::string, std::string> kCategories = {
-    {"persist.service.crashlog.enable", "CRASH"}, {"persist.service.custom.event", "CUSTOM"}};
+// The daemon's main thread, and an observer for each of its four switches.
+inline constexpr size_t kOtherThreads = 5;
 
+// In these rows "#" stands for a serial number and "*" for a package.
+struct crash_category {
+    const char* name;
+    const char* enable;   // its switch
+    const char* package;  // in the notice
+    const char* folder;   // path of an event's folder up to the count
+};
 struct crash_kind {
     const char* name;
     unsigned weight;
-    const char* category;  // "": makes no event
-    const char* type;      // "#" in it and in the path is a number, "*" a package
-    const char* path;
+    const crash_category* category;  // null: makes no event
+    const char* type;
+    const char* file;  // its name
 };
 
-inline constexpr crash_kind kAppEvent = {"app event", 8, "CUSTOM", "e#",
-                                         "/data/system/dropbox/ZQEvent_*_e#@#.txt"};
-inline constexpr crash_kind kAnr = {"anr", 6, "CRASH", "ANR",
-                                    "/data/system/dropbox/data_app_anr@#.txt"};
-
-// Throws when it cannot.
-inline void set(const std::string& property, const std::string& value) {
-    if (!inside::set_property(property, value)) {
-        throw std::runtime_error("cannot set " + property);
-    }
-}
-
-// What the daemon logs, as it comes.
-class daemon_log {
-  public:
-    // Takes in what has been logged since; to be called before the store drops it.
-    void read() {
-        constexpr std::string_view kMonitored = "monitor a changed event: ";
-        for (; const AndroidLogEntry* entry = reader_.peek(); reader_.pop()) {
-            const std::string text(entry->message, entry->messageLen);
-            ++lines_[std::string(entry->tag, entry->tagLen) + ": " + text];
-            if (text.starts_with(kMonitored)) {
-                monitored_ = text.substr(kMonitored.size());
-            } else if (text.starts_with("disable detecting ")) {
-                refused_.insert(monitored_);
-            }
-        }
-    }
-
-    // Lines so far that are "TAG: TEXT".
-    size_t count(const std::string& line) {
-        read();
-        const auto found = lines_.find(line);
-        return found == lines_.end() ? 0 : found->second;
-    }
-
-    // Whether the file of this name has been left because its category is off.
-    bool has_refused(const std::string& name) {
-        read();
-        return refused_.contains(name);
-    }
-
-  private:
-    android::base::unique_fd inotify_ = inside::open_inotify();
-    log_reader reader_{LOG_ID_MAIN, inotify_.get()};
-    std::map<std::string, size_t> lines_;
-    std::string monitored_;
-    std::set<std::string> refused_;
+// clang-format off
+inline constexpr crash_category kCategories[] = {
+    {"CRASH",  "persist.service.crashlog.enable", "null", "/data/logs/crashlog/crashlog_"},
+    {"CUSTOM", "persist.service.custom.event",    "*",    "/data/logs/zqeventlog/*_"},
 };
+inline constexpr auto* kCrash = &kCategories[0];
+inline constexpr auto* kCustom = &kCategories[1];
+inline constexpr crash_kind kAnr = {"anr", 6, kCrash, "ANR", "data_app_anr@#.txt"};
+inline constexpr crash_kind kAppEvent = {"app event", 8, kCustom, "e", "ZQEvent_*_e@#.txt"};
+inline constexpr crash_kind kMisnamed = {"misnamed event", 1, nullptr, "", "ZQEvent_a_b_c@#.txt"};
+// clang-format on
 
-// Delivers and switches, and knows at any time what is sure about the daemon's state: each delivery
-// is noted in the ledger with that. Whatever does not come about throws.
+// The functions throw std::runtime_error when what they wait for does not come about.
 class steering {
   public:
-    // Waits, as long as events go on being collected meanwhile, until `condition`, looked at again
-    // when something is logged or changes in `dir`.
-    void expect(const std::string& what, const std::function<bool()>& condition,
-                const std::string& dir = kLogFolder) {
-        bool is_met = false;
-        size_t before = 0;
-        do {
-            events.read();
-            before = events.folders().size();
-            inside::wait_until(dir, [&] {
-                log.read();
-                events.read();
-                is_met = condition();
-                return is_met || events.folders().size() > before;
-            });
-        } while (!is_met && events.folders().size() > before);
-        if (!is_met) {
-            throw std::runtime_error("waited in vain for " + what);
+    // Waits until `condition` for as long as events are collected meanwhile. It is asked at each
+    // log line, and each second.
+    void expect(const std::string& what, const std::function<bool()>& condition) {
+        for (size_t before = events.read(); !inside::wait_until(kLogFolder, condition);) {
+            if (events.read() == before) {
+                throw std::runtime_error("waited in vain for " + what);
+            }
+            before = events.read();
         }
     }
 
-    // Returns the id. As the platform does it: dropbox files are renamed, tombstones linked into
-    // place. One that is written there is created and closed, an event each.
+    // How often this line has been logged. To be called before the store drops lines.
+    size_t logged(const std::string& line) {
+        for (; const AndroidLogEntry* entry = log_.peek(); log_.pop()) {
+            ++lines_[std::string(entry->message, entry->messageLen)];
+        }
+        return lines_[line];
+    }
+
+    // Delivers one file as the platform does. A tombstone named "written" is created in its place
+    // and closed, which makes two events. Returns its name.
     std::string deliver(const crash_kind& kind, const std::string& package) {
-        constexpr const char* kTemporary = "/data/system/dropbox/drop.tmp";
         const std::string serial = std::to_string(++serial_);
         const auto fill_in = [&](const std::string& text) {
             const std::string numbered = android::base::StringReplace(text, "#", serial, true);
             return android::base::StringReplace(numbered, "*", package, true);
         };
-        const std::string path = fill_in(kind.path);
-        const delivery one{inside::fs::path(path).filename(),
-                           kind.category,
-                           kind.category == std::string("CUSTOM") ? package : "null",
-                           fill_in(kind.type),
-                           reported_,
-                           kind.category[0] == '\0' ? answer::no : wanted_.at(kind.category)};
-        events.add(one);
-        if (path.find("written") != std::string::npos) {
-            events.add(one);
-            inside::write_file(path, serial);
-        } else {
-            inside::write_file(kTemporary, serial);
-            path.find("tombstones") == std::string::npos
-                ? inside::fs::rename(kTemporary, path)
-                : inside::fs::create_hard_link(kTemporary, path);
-            inside::fs::remove(kTemporary);
+        const std::string id = fill_in(kind.file);
+        const bool is_written = id.find("written") != std::string::npos;
+        if (kind.category != nullptr && known_[kDetectionSwitch] != answer::no) {
+            const crash_category& of = *kind.category;
+            const delivery event{id + "|" + kind.type + "|" + fill_in(of.package) + "|",
+                                 fill_in(of.folder), of.name, kind.type,
+                                 std::min(known_[kDetectionSwitch], known_[of.enable])};
+            events.add(event, is_written ? 2 : 1);
         }
-        ++delivered[kind.name];
-        return one.id;
+        run(is_written ? "echo >/data/tombstones/" + id : "echo | crash file " + id + " -");
+        return id;
     }
 
-    // Until all that is sure to be collected has been. With detection off that waits for its next
-    // watcher, and nothing is waited for.
-    void drain() {
-        if (reported_ == answer::yes) {
-            expect("what was delivered", [&] { return !events.is_any_missing(); });
+    // Waits until the daemon has dealt with everything delivered, unless detection is off: the
+    // queue then waits for the next watcher.
+    void settle() {
+        if (known_[kDetectionSwitch] == answer::yes) {
+            // The daemon logs the name of each file that it takes from the queue.
+            const std::string marker = deliver(kMisnamed, "");
+            expect("the turn of " + marker,
+                   [&] { return logged("monitor a changed event: " + marker) > 0; });
+            events.settle();
         }
     }
 
-    // How the daemon sees a switch. Not sure while a flurry of it goes on.
-    bool is_on(const std::string& property) {
-        return log.count(change(property, true)) > log.count(change(property, false));
-    }
-
-    // Waits until the daemon has seen it, but not until a watcher that it concerns has begun or
-    // ended: the next switch-on meets one that is still busy.
-    void set_switch(const std::string& property, bool on) {
-        if (property == kDetectionSwitch) {
-            reported_ = answer::unknown;
-        } else if (kCategories.contains(property) && is_on(property) != on) {
-            doubt(property);
+    // Sets the switch without waiting. Whether the daemon obeys is unknown until switch_to.
+    void set_switch(const std::string& property, const std::string& value) {
+        known_[property] = answer::unknown;
+        for (const crash_category& category : kCategories) {
+            if (category.enable == property) {
+                events.doubt(category.name);
+            }
         }
-        set(property, on ? "1" : "0");
-        expect(change(property, on), [&] { return is_on(property) == on; });
+        if (!inside::set_property(property, value)) {
+            throw std::runtime_error("cannot set " + property);
+        }
     }
 
-    // Waits until the daemon obeys: its watches tell that it watches, each watcher logs its end, an
-    // event shows what a category's switch does. With detection off that stays in doubt.
+    // Sets the switch and waits until the daemon obeys. The daemon logs a value before it obeys, so
+    // a watch or an event has to show it, and a category stays unknown until detection is on. Of
+    // the capture switch it waits for the log line alone.
     void switch_to(const std::string& property, bool on) {
-        set_switch(property, on);
+        const answer wanted = on ? answer::yes : answer::no;
+        if (known_[property] == wanted) {
+            return;
+        }
+        // The daemon may still be about to see an earlier value. It ignores a "2", so its last log
+        // line is final or about to be, and the opposite of that line must appear.
+        set_switch(property, "2");
+        for (const bool value : {!sees(property), on}) {
+            set_switch(property, value ? "1" : "0");
+            expect(change(property, value), [&] { return sees(property) == value; });
+        }
         if (property == kDetectionSwitch) {
             expect(on ? "the watches" : "the watcher's end", [&] {
-                return on ? watched_folders() == 2
-                          : watched_folders() == 0 && log.count("ZQ_EVENT_LOG: exit") ==
-                                                          log.count(change(property, false));
+                const size_t threads = inside::names_in(inside::proc(daemon, "task")).size();
+                return watches().size() == (on ? 2 : 0) && (on || threads == kOtherThreads);
             });
-            reported_ = on ? answer::yes : answer::no;
         }
-        for (const auto& [category_switch, category] : kCategories) {
-            while (reported_ == answer::yes && wanted_[category] == answer::unknown) {
-                probe(category, is_on(category_switch));
+        if (property == kDetectionSwitch || property == kCaptureSwitch) {
+            known_[property] = wanted;
+        }
+        for (const crash_kind& kind : {kAnr, kAppEvent}) {
+            if (known_[kDetectionSwitch] == answer::yes &&
+                known_[kind.category->enable] == answer::unknown) {
+                try_out(kind, sees(kind.category->enable));
             }
         }
     }
 
-    // Switches `times` times, calling `between`, without waiting for anything, to what is sure.
-    // Which of the values the daemon sees is open. One that is neither makes it wait with what it
-    // saw last; the opposite of that must show, whatever was still on its way.
-    void flurry(const std::string& property, unsigned times, const std::function<void()>& between) {
-        if (property == kDetectionSwitch) {
-            reported_ = answer::unknown;
-        } else if (kCategories.contains(property)) {
-            doubt(property);
-        }
-        for (; times > 0; --times) {
-            set(property, times % 2 != 0 ? "1" : "0");
-            between();
-        }
-        set(property, "2");
-        set_switch(property, !is_on(property));
-    }
-
-    daemon_log log;
     ledger events;
-    std::map<std::string, size_t> delivered;  // by the kind's name
     pid_t daemon = -1;
 
   private:
     static std::string change(const std::string& property, bool on) {
-        return "ZQ_OBSERVER: " + property + " changed to " + (on ? "1" : "0");
+        return property + " changed to " + (on ? "1" : "0");
     }
 
-    void doubt(const std::string& category_switch) {
-        const std::string& category = kCategories.at(category_switch);
-        events.doubt(category);
-        wanted_[category] = answer::unknown;
+    bool sees(const std::string& property) {
+        return logged(change(property, true)) > logged(change(property, false));
     }
 
-    // The daemon names a switch before it obeys it.
-    void probe(const std::string& category, bool on) {
-        const std::string id = deliver(category == "CUSTOM" ? kAppEvent : kAnr, "org.example");
-        bool was_collected = false;
-        expect("the fate of " + id, [&] {
-            was_collected = events.is_collected(id);
-            return was_collected || log.has_refused(id);
+    void try_out(const crash_kind& kind, bool on) {
+        const bool is_obeyed = inside::wait_until(kLogFolder, [&] {
+            settle();
+            const size_t before = events.read();
+            deliver(kind, "org.example");
+            settle();
+            return (events.read() > before) == on;
         });
-        if (was_collected == on) {
-            wanted_[category] = on ? answer::yes : answer::no;
+        if (!is_obeyed) {
+            throw std::runtime_error(std::string("not obeyed: ") + kind.category->enable);
         }
+        known_[kind.category->enable] = on ? answer::yes : answer::no;
     }
 
-    // "inotify wd:1 ino:2b1f sdev:..." for each watch, of all instances of the daemon.
-    size_t watched_folders() const {
-        std::string watches;
-        for (const std::string& fd : inside::names_in(inside::proc(daemon, "fdinfo"))) {
-            watches += inside::read_file(inside::proc(daemon, "fdinfo/" + fd));
-        }
-        size_t watched = 0;
-        for (const char* folder : {"/data/system/dropbox", "/data/tombstones"}) {
-            struct stat st {};
-            stat(folder, &st);
-            const std::string inode = android::base::StringPrintf(" ino:%lx ", st.st_ino);
-            watched += watches.find(inode) == std::string::npos ? 0 : 1;
-        }
-        return watched;
+    // fdinfo of an inotify instance has a line "inotify wd:1 ino:2b1f ..." per watch.
+    std::vector<std::string> watches() const {
+        return run("for folder in /data/system/dropbox /data/tombstones; do cat " +
+                   inside::proc(daemon, "fdinfo/*") +
+                   " | grep \" ino:$(printf %x $(stat -c %i $folder)) \"; done; true");
     }
 
-    answer reported_ = answer::no;
-    std::map<std::string, answer> wanted_ = {{"CRASH", answer::no}, {"CUSTOM", answer::no}};
+    android::base::unique_fd inotify_ = inside::open_inotify();
+    log_reader log_{LOG_ID_MAIN, inotify_.get()};
+    std::map<std::string, size_t> lines_;  // times logged
+    // By switch: whether the daemon obeys a "1".
+    std::map<std::string, answer> known_ = {{kCaptureSwitch, answer::unknown}};
     size_t serial_ = 0;
 };
 
