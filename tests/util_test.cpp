@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// The helpers below the daemon and the tools: retention, children, copies and the upgrade of
+// settings; and the sub-commands of the executable.
+
 #include "utils/util.h"
 
 #include <atomic>
@@ -53,14 +57,6 @@ TEST(Retention, NextCountFollowsTheHighest) {
     EXPECT_EQ(ZQGetNewLogCount("/data/e/", "long_", 3), 0);
     EXPECT_THROW(ZQGetNewLogCount("/data/none/", "", 3), fs::filesystem_error);
     EXPECT_EQ(ZQGetFileCount("/data/e"), 8);
-}
-
-TEST(Retention, AFailedRemovalEndsTheWalk) {
-    make_dirs("/data/r/", {"ZQLog_0_a"});
-    ASSERT_TRUE(mount_memory("/data/r/ZQLog_0_a"));
-    EXPECT_TRUE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false));
-    EXPECT_EQ(ZQRemoveFile("/data/r/ZQLog_0_a"), -1);
-    EXPECT_EQ(ZQRemoveFile("/data/none"), 0);
 }
 
 // In memory the walk meets the entries in the order of their making, or backwards.
@@ -194,13 +190,6 @@ TEST(Children, AStopRightAfterTheStartEndsTheChild) {
         kill(pid, SIGTERM);
         ASSERT_EQ(wait_status(pid), SIGTERM) << i;
     }
-}
-
-TEST(Children, AProgramThatCannotBeStartedGivesZeroInTheChild) {
-    const log_lines log;
-    const int pid = record({"/system/bin/none", "x"});
-    EXPECT_EQ(wait_status(pid), 127 << 8);
-    EXPECT_THAT(log.lines(), ElementsAre("I ZQ_UTIL: tag: test, pid: " + std::to_string(pid)));
 }
 
 TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
