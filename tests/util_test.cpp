@@ -5,9 +5,7 @@
 
 #include "utils/util.h"
 
-#include <atomic>
 #include <climits>
-#include <thread>
 
 #include "tests/device_fixture.h"
 #include "utils/upgrade.h"
@@ -30,10 +28,10 @@ void make_dirs(const std::string& base, const std::vector<std::string>& names) {
 TEST(CreateDir, WhatCannotBeMadeIsSaid) {
     write_file("/data/file", "x");
     const log_lines log;
-    EXPECT_EQ(ZQCreateDir("/data/file/"), 1);
     EXPECT_EQ(ZQCreateDir("/data/file/below"), 1);
-    const auto line = MatchesRegex("E ZQ_UTIL: Cannot create: /data/file/.* error: [a-z]+:[0-9]+");
-    EXPECT_THAT(log.lines(), ElementsAre(line, line));
+    EXPECT_THAT(log.lines(),
+                ElementsAre(MatchesRegex(
+                    "E ZQ_UTIL: Cannot create: /data/file/below error: [a-z]+:[0-9]+")));
 }
 
 TEST(Times, FollowTheZoneThatIsSet) {
@@ -83,22 +81,14 @@ TEST(Retention, CompressPacksWhatIsKept) {
 
 TEST(Size, FoldersThatVanishUnderTheWalkAreLeftOut) {
     write_file("/data/s/stays", "12345");
-    std::atomic<bool> walked = false;
-    std::thread app([&] {
-        while (!walked) {
-            for (int i = 0; i < 100; ++i) {
-                fs::create_directory("/data/s/" + std::to_string(i));
-            }
-            for (int i = 0; i < 100; ++i) {
-                fs::remove("/data/s/" + std::to_string(i));
-            }
-        }
-    });
-    for (int i = 0; i < 500; ++i) {
+    const pid_t app = fork();
+    while (app == 0) {
+        fs::create_directory("/data/s/comes");
+        fs::remove("/data/s/comes");
+    }
+    for (int i = 0; i < 5000; ++i) {
         EXPECT_EQ(GetDirectorySize("/data/s"), 5);
     }
-    walked = true;
-    app.join();
 }
 
 TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
