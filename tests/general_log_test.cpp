@@ -165,16 +165,15 @@ class Daemon : public GeneralLog {
         set_property("persist.service.start.capture", on ? "1" : "0");
     }
 
-    // Until the daemon's last word on the switch is this one and, after an "on", the last channel
-    // started.
+    // Until the switch's last line in the log is this one and, after an "on", the last channel
+    // runs.
     static bool wait_for(bool on) {
         return wait_until("/data", [=] {
             const std::string text = read_file(log_lines::kFile);
-            const size_t start = text.rfind(": start capturing");
-            const size_t stop = text.rfind(": stop capturing");
-            return on ? start != text.npos && (stop == text.npos || stop < start) &&
-                            text.find(": tag: kernel, pid", start) != text.npos
-                      : stop != text.npos && (start == text.npos || start < stop);
+            const size_t start = text.rfind(": start capturing") + 1;  // 0 without one
+            const size_t stop = text.rfind(": stop capturing") + 1;
+            return on ? start > stop && text.find(": tag: kernel, pid", start) != text.npos
+                      : stop > start;
         });
     }
     static bool flip(bool on) {

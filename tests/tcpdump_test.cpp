@@ -87,7 +87,7 @@ class Capture : public Test {
 
     void expect_end_by(int sig) {
         kill(tool_, sig);
-        EXPECT_EQ(wait_status(tool_) & 0x7f, sig);  // without a bit for a core
+        EXPECT_EQ(WTERMSIG(wait_status(tool_)), sig);
         EXPECT_THAT(other_processes(), IsEmpty()) << sig;
     }
 
@@ -99,8 +99,8 @@ TEST_F(Capture, LeavesReadablePacketsAndNoProcess) {
         GTEST_SKIP() << "Debian's tcpdump changes its user, which only a real root may";
     }
     start();
-    // tcpdump writes what it has in blocks: the first one in the file shows that it is at work, the
-    // rest of what was sent until then is what a kill would lose.
+    // tcpdump writes in blocks: the first one in the file shows that it records, and what it has
+    // buffered by then is what a SIGKILL would lose.
     std::string file;
     ASSERT_TRUE(wait_until("/data/tcpdump", [&] {
         for (const std::string& name : names_in("/data/tcpdump")) {
@@ -132,6 +132,7 @@ TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
                 StartsWith("-i any -p -s 128 -C 100 -W 10 -w/data/tcpdump/20"));
 }
 
+// Needs a moment to write its last block, and leaves a file when it had that moment.
 constexpr char kEndsInItsOwnTime[] =
     "trap 'sleep 0.2; echo >/data/flushed; exit' TERM; echo >/data/started; "
     "while true; do sleep 1000; done";
@@ -152,7 +153,7 @@ TEST_F(Capture, WhateverEndsTheToolTheCaptureEndsFirst) {
         expect_end_by(sig);
         EXPECT_TRUE(fs::remove("/data/flushed")) << sig;
     }
-    // As a tool inherits it: blocked, and ignored.
+    // A parent may have left them blocked, and SIGHUP ignored.
     sigset_t blocked;
     sigfillset(&blocked);
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);

