@@ -99,7 +99,7 @@ TEST(AudioDump, SizesCountOneByteMoreThanThereIsToRead) {
     }
 }
 
-TEST(AudioDump, ListsThatMakeNoSenseAreGivenUp) {
+TEST(AudioDump, AMalformedListEndsTheCopy) {
     write_file(kDump + "x.pcm", "12345");
     write_file(kDump + "y.pcm", "12345");
     struct {
@@ -127,7 +127,7 @@ TEST(AudioDump, ListsThatMakeNoSenseAreGivenUp) {
     }
 }
 
-TEST(AudioDump, WhatStandsInTheWayIsSaid) {
+TEST(AudioDump, FailuresAreLogged) {
     write_file(kDump + "x.pcm", std::string(800000, 'x'));
     fs::create_directories(kCopy);
     ASSERT_TRUE(mount_memory(kCopy, 0, "size=400k"));

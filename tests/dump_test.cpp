@@ -129,7 +129,7 @@ class TouchPanel : public Test {
     }
 };
 
-TEST_F(TouchPanel, EveryControllerIsCapturedAsFarAsItCanBe) {
+TEST_F(TouchPanel, EachControllerIsCapturedOrItsFailureLogged) {
     struct {
         std::vector<std::string> missing;
         std::string messages;
@@ -162,7 +162,7 @@ TEST_F(TouchPanel, EveryControllerIsCapturedAsFarAsItCanBe) {
     }
 }
 
-TEST_F(TouchPanel, NoLinkIsFollowedAndNoFifoWaitedFor) {
+TEST_F(TouchPanel, PlantedLinksAndFifosAreRefused) {
     const std::string dir = "/data/logs/touch_panel";
     const std::string secret = "/data/root/secret";
     write_file(secret, "kept");

@@ -222,7 +222,7 @@ TEST_F(Events, OnlySystemServerCrashesGetASnapshotAndAllAreStagedBeforeTheNotice
     EXPECT_THAT(names_in(kCrashlog + folders.at(1)), SizeIs(6));
 }
 
-TEST_F(Events, WhatFailsIsSaidAndTheRestGoesOn) {
+TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
     const log_lines log;
     write_file("/data/brevix/eventTemp", "a file in the way");
     const std::string gone = "system_server_crash_gone";

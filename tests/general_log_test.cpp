@@ -37,7 +37,7 @@ class GeneralLog : public Test {
 };
 
 TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
-    // Noted without the folder.
+    // Without the folder, which holds the time.
     write_program("/system/bin/logcat",
                   "echo \"$*\" | sed 's|/data.*/||' >>/data/commands; exec sleep 1000");
     const std::string android = "-b system -b main -b crash -v threadtime -f android.log -r ";
@@ -78,7 +78,7 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
     EXPECT_THAT(names_in(kGeneral), SizeIs(2)) << "without a channel no directory stays";
 }
 
-TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
+TEST_F(GeneralLog, FailuresAreLogged) {
     const auto last_line = [] {
         const log_lines log;
         capturing(nullptr, true);
@@ -103,7 +103,7 @@ TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
     EXPECT_EQ(last_line(), "E ZQ_GENERAL_LOG: create new general log dir failed!");
 }
 
-TEST_F(GeneralLog, AChannelWithoutMemoryForItsStartIsSaid) {
+TEST_F(GeneralLog, AChannelThatFailsForMemoryIsLoggedAndNotSignalled) {
     const pid_t stranger = start("exec sleep 1000");
     for (const int settings : {0, 1}) {
         const log_lines log;
@@ -137,7 +137,7 @@ TEST_F(GeneralLog, TenCapturesAreKeptBelowTheCeiling) {
     EXPECT_THAT(names_in(kGeneral), ElementsAre(StartsWith("ZQLog_11_"), StartsWith("ZQLog_12_")));
 }
 
-// The kernel may have given the pid to another process by then.
+// The kernel gives the pid of a collected child to another process.
 TEST_F(GeneralLog, AChildThatWasCollectedIsNotSignalled) {
     const char* const argv[] = {"/system/bin/true", nullptr};
     pid_t pid = start_kept_child("test", const_cast<char* const*>(argv));
@@ -195,13 +195,13 @@ TEST_F(Daemon, ACaptureIsOpenToAllAndEndsWithItsSwitch) {
     EXPECT_TRUE(std::ranges::all_of(children, [](pid_t pid) { return wait_for_end(pid); }));
 }
 
-TEST_F(Daemon, FlippedAsFastAsItGoesTheLastStateHolds) {
+TEST_F(Daemon, AfterRapidSwitchesTheLastStateHolds) {
     for (const bool on : {true, false}) {
         for (int i = 0; i < 500; ++i) {
             set_switch((i % 2 == 1) == on);
         }
         ASSERT_TRUE(wait_for(on));
-        // Whatever was sent a SIGTERM ends; only those of the present capture stay.
+        // SIGTERM ends every channel of the earlier captures; those of the last one run on.
         const size_t left = on ? 4 : 0;
         EXPECT_TRUE(wait_until("/data", [=] { return processes_named("logcat").size() == left; }));
     }
@@ -214,12 +214,12 @@ TEST_F(Daemon, WithoutLogcatNothingIsLeftRunning) {
     EXPECT_THAT(processes_named("zq_brevix"), SizeIs(1));
 }
 
-TEST_F(GeneralLog, ANumberThatIsNoneEndsTheDaemon) {
+TEST_F(GeneralLog, AMalformedNumberEndsTheDaemon) {
     const log_lines log;
     set_property("persist.service.brevix.gl.num", "ten");
     set_property("persist.service.start.capture", "1");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
-    // One that gives up at the upgrade has subscribed nothing yet.
+    // The upgrade comes before the first subscription.
     set_property("persist.service.brevix.version", "new");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
     EXPECT_EQ(log_lines::count("start.capture changed to 1"), 1U);

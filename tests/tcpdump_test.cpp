@@ -137,17 +137,17 @@ constexpr char kEndsInItsOwnTime[] =
     "trap 'sleep 0.2; echo >/data/flushed; exit' TERM; echo >/data/started; "
     "while true; do sleep 1000; done";
 
-TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTimeButEnds) {
+TEST_F(Capture, AStopWaitsForTcpdumpAndKillsItAfterThreeSeconds) {
     start_and_wait("echo >/data/started; exit 1");
     stop();
-    start_and_wait(std::string("kill -9 $PPID; ") + kEndsInItsOwnTime);  // its shell
+    start_and_wait(std::string("kill -9 $PPID; ") + kEndsInItsOwnTime);  // the shell dies first
     stop();
     EXPECT_TRUE(fs::remove("/data/flushed"));
     start_and_wait("trap '' TERM; echo >/data/started; while true; do sleep 1000; done");
     stop();
 }
 
-TEST_F(Capture, WhateverEndsTheToolTheCaptureEndsFirst) {
+TEST_F(Capture, AnEndSignalEndsTheCaptureBeforeTheTool) {
     for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
         start_and_wait(kEndsInItsOwnTime);
         expect_end_by(sig);
@@ -165,7 +165,7 @@ TEST_F(Capture, WhateverEndsTheToolTheCaptureEndsFirst) {
     stop();
 }
 
-TEST_F(Capture, WithoutAThreadTheStopStillComes) {
+TEST_F(Capture, WithoutAThreadTheToolStillEndsAtTheStop) {
     write_file("/data/tcpdump/old.pcap", "");
     set_property(kSwitch, "1");
     const log_lines log;

@@ -25,7 +25,7 @@ void make_dirs(const std::string& base, const std::vector<std::string>& names) {
 
 // --- Directories and times ---------------------------------------------------------------------
 
-TEST(CreateDir, WhatCannotBeMadeIsSaid) {
+TEST(CreateDir, AFailureIsLogged) {
     write_file("/data/file", "x");
     const log_lines log;
     EXPECT_EQ(ZQCreateDir("/data/file/below"), 1);
@@ -57,29 +57,29 @@ TEST(Retention, NextCountFollowsTheHighest) {
     EXPECT_EQ(ZQGetFileCount("/data/e"), 8);
 }
 
-// In memory the walk meets the entries in the order of their making, or backwards.
-TEST(Retention, ANameThatThrowsSavesThoseBehindItAlone) {
+// tmpfs lists entries in the order of their creation, or in reverse: the bad name is in the middle.
+TEST(Retention, ANameThatThrowsEndsTheWalk) {
     ASSERT_TRUE(mount_memory("/data"));
     make_dirs("/data/r/", {"ZQLog_0_a", "ZQLog__t", "ZQLog_0_b"});
     EXPECT_THROW(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false), std::invalid_argument);
     EXPECT_THAT(names_in("/data/r"), AllOf(SizeIs(2), Contains("ZQLog__t")));
 }
 
-TEST(Retention, CompressPacksWhatIsKept) {
+TEST(Retention, CompressPacksTheEntriesThatAreKept) {
     write_file("/data/r/ZQLog_3_t/file", "content");
     write_file("/data/r/ZQLog_4_tar/file", "stays");
     EXPECT_FALSE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 3, true, true));
     EXPECT_THAT(names_in("/data/r"), ElementsAre("ZQLog_3_t.tar.gz", "ZQLog_4_tar"));
     EXPECT_EQ(mode_of("/data/r/ZQLog_3_t.tar.gz"), 0777);
     fs::create_directories("/data/out");
-    // Toybox's tar may end a moment before the gzip that it writes through.
+    // toybox tar may end a moment before the gzip that it writes through.
     EXPECT_TRUE(wait_until("/data/r", [] {
         run_shell("tar -xzf /data/r/ZQLog_3_t.tar.gz -C /data/out 2>/dev/null");
         return read_file("/data/out/file") == "content";
     }));
 }
 
-TEST(Size, FoldersThatVanishUnderTheWalkAreLeftOut) {
+TEST(Size, FoldersThatVanishDuringTheWalkAreLeftOut) {
     write_file("/data/s/stays", "12345");
     const pid_t app = fork();
     while (app == 0) {
@@ -152,7 +152,7 @@ TEST(Children, StartWithDefaultSignalsAndNoDescriptorOfTheParent) {
     write_file("/data/held", "");
     ASSERT_GE(open("/data/held", O_RDONLY | O_CLOEXEC), 0);
     const std::string none(16, '0');
-    // Without a shell, which would clear the mask.
+    // Without a shell: it would unblock the signals itself.
     wait_status(record({"/system/bin/cp", "/proc/self/status", "/data/status"}));
     EXPECT_EQ(proc_field("/data/status", "SigBlk"), none);
     wait_status(
@@ -220,7 +220,7 @@ TEST(Copies, ShellCopiesRunTheLineAsItIs) {
 // --- Upgrade and dispatch ------------------------------------------------------------------------
 
 TEST(Upgrade, MovesOldDefaultsAlone) {
-    // Version and size; version, size and rotate_kbytes afterwards.
+    // Version and size before; version, size and rotate_kbytes after.
     const std::array<const char*, 5> cases[] = {
         {"", "", "1", "5", "20000"},        {"0", "2", "1", "5", "20000"},
         {"", "3", "1", "3", "20000"},       {"1", "2", "1", "2", "(unset)"},

@@ -158,7 +158,7 @@ TEST_F(Watcher, ClassifiesByTheFirstRowThatMatches) {
                                     "len:32, name:system_server_watchdog_crash@1\\]"))));
 }
 
-TEST_F(Watcher, TombstonesCountAsTheyArrive) {
+TEST_F(Watcher, ATombstoneIsAnEventWhenCreatedAndWhenWritten) {
     const std::string other = "/data/elsewhere";
     write_file(other, "stone");
     ASSERT_EQ(link(other.c_str(), (kTombstones + "tombstone_01").c_str()), 0);
@@ -176,7 +176,7 @@ TEST_F(Watcher, TombstonesCountAsTheyArrive) {
     EXPECT_EQ(log_lines::count("monitor a changed event: tombstone_05"), 1U);
 }
 
-TEST_F(Watcher, ASwitchedOffCategoryMakesNothing) {
+TEST_F(Watcher, ASwitchedOffCategoryMakesNoEvents) {
     set_switch("crashlog.enable", false);
     ASSERT_TRUE(wait_for_log("persist.service.crashlog.enable changed to 0"));
     move_into_dropbox("ZQEvent_p_crash@1");  // also of the other category's row
@@ -216,7 +216,7 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
     EXPECT_THAT(names_in(kCrashlog), SizeIs(10)) << "kept unless set otherwise";
 }
 
-TEST_F(Watcher, ARemovalThatIsQueuedAtASwitchOffLeadsToAWatch) {
+TEST_F(Watcher, ADirectoryRemovedBeforeASwitchOffIsWatchedAfterTheNextSwitchOn) {
     const hanging_am am;
     kill(daemon_.pid, SIGSTOP);  // one read takes both
     move_into_dropbox("anr@in_hand");
@@ -233,7 +233,7 @@ TEST_F(Watcher, ARemovalThatIsQueuedAtASwitchOffLeadsToAWatch) {
     ASSERT_TRUE(wait_for_notices(2));
 }
 
-TEST_F(Watcher, AnUnmountedDirectoryIsSaidAndWatchedAtTheNextSwitchOn) {
+TEST_F(Watcher, AnUnmountedDirectoryIsLoggedAndWatchedAtTheNextSwitchOn) {
     switch_detection(false);
     ASSERT_TRUE(mount_memory(kTombstones));
     switch_detection(true);
@@ -259,7 +259,7 @@ TEST_F(Watcher, ABurstIsCollectedOnceEachWhileTheAppEmptiesItsFolder) {
     EXPECT_LT(log_lines::count("event[wd:"), kFiles) << "only the first record of a read is logged";
 }
 
-TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
+TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsCollectedByTheNextWatcher) {
     const hanging_am am;
     deliver(0, 30);
     ASSERT_TRUE(am.wait_until_it_hangs());
@@ -274,7 +274,7 @@ TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsTheNextWatchersFirstWork) {
     EXPECT_THAT(packages_told(), ElementsAreArray(packages(1, 32)));
 }
 
-TEST_F(Watcher, AChildThatNeverEndsHoldsUpNoSwitch) {
+TEST_F(Watcher, AHangingChildBlocksNoSwitch) {
     const size_t threads = daemon_entries("task");
     const size_t descriptors = daemon_entries("fd");
     constexpr int kSwitches = 80;
@@ -326,7 +326,7 @@ TEST_F(Watcher, EarlyDumpsThatHangAreBounded) {
     EXPECT_TRUE(wait_for_text("/data/logs/sf.log", "SurfaceFlinger"));
 }
 
-TEST_F(Watcher, SwitchesInAStormLeaveItWhole) {
+TEST_F(Watcher, RapidSwitchesLeakNothingAndCollectNothingTwice) {
     const size_t threads = daemon_entries("task");
     const size_t descriptors = daemon_entries("fd");
     for (int i = 0; i < 300; ++i) {
@@ -348,7 +348,7 @@ TEST_F(Watcher, SwitchesInAStormLeaveItWhole) {
     EXPECT_THAT(std::set(told.begin(), told.end()), SizeIs(types_in_history().size()));
 }
 
-TEST_F(Watcher, SigtermForTheProcessEndsIt) {
+TEST_F(Watcher, SigtermForTheProcessEndsItWhicheverThreadTakesIt) {
     kill(daemon_.pid, SIGTERM);
     EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
     wait_until_armed(2);
@@ -408,7 +408,7 @@ TEST_F(Watcher, WithoutDescriptorsAnEventIsMadeOrTheDaemonStartsAnew) {
     EXPECT_GT(ends(), 0U);
 }
 
-TEST_F(Watcher, WithoutProcessesAnEventIsKeptUntold) {
+TEST_F(Watcher, WithoutProcessesAnEventIsKeptWithoutANotice) {
     // The limit counts for users without rights alone; a device without a real root has only those.
     for (const char* dir : {"/data/logs", "/data/brevix", kDropbox.c_str(), kTombstones.c_str()}) {
         fs::permissions(dir, fs::perms::all);
@@ -449,7 +449,7 @@ TEST_F(Watcher, ADaemonKilledAtAnyStepGoesOnWithTheNextCount) {
     EXPECT_THAT(types_in_history(), SizeIs(6));
 }
 
-TEST_F(Watcher, AQueueThatOverflowsIsSaidAndWatchedOn) {
+TEST_F(Watcher, AnOverflowIsLoggedAndTheWatchesStay) {
     const size_t queued = std::stoul(read_file("/proc/sys/fs/inotify/max_queued_events"));
     {
         const hanging_am am;
