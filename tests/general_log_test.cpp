@@ -51,12 +51,14 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
     } cases[] = {
         {"defaults", {}, {event + "2", kernel, radio, android + "20000 -n 5"}},
         {"boost",
-         {{"sys.brevix.dynamic.log", "1"},
-          {"persist.sys.apklogfs.size", "40"},
-          {"persist.sys.apklogfs.rotate_kbytes", "6000"},
+         {{"sys.brevix.dynamic.log", "1"}},
+         {event + "2", kernel, radio, android + "50000 -n 30"}},
+        {"own settings, beyond the boost",
+         {{"persist.sys.apklogfs.size", "40"},
+          {"persist.sys.apklogfs.rotate_kbytes", "60000"},
           {"persist.sys.eventlogfs.size", "7"},
           {"persist.service.radiologfs.enable", "10"}},
-         {event + "7", kernel, android + "50000 -n 40"}},
+         {event + "7", kernel, android + "60000 -n 40"}},
         {"all off",
          {{"persist.service.apklogfs.enable", "0"}, {"persist.service.eventlogfs.enable", "0"}},
          {}},
@@ -75,7 +77,7 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
         EXPECT_EQ(log.count(" is not enabled"), 4 - c.commands.size());
         EXPECT_EQ(log.count("no task to do"), c.commands.empty() ? 1U : 0U);
     }
-    EXPECT_THAT(names_in(kGeneral), SizeIs(2)) << "without a channel no directory stays";
+    EXPECT_THAT(names_in(kGeneral), SizeIs(3)) << "without a channel no directory stays";
 }
 
 TEST_F(GeneralLog, FailuresAreLogged) {
