@@ -1,123 +1,115 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// figures NAME: prints the samples of one figure of the daemon in the virtual device.
+// figures NAME: prints the samples of one figure.
 
 #include "bench/figures.h"
 
 #include <sys/stat.h>
 
-#include <cstring>
-#include <iostream>
+#include <map>
 
 #include "testing/device.h"
 #include "utils/util.h"
 
-void require(bool condition, const std::string& what) {
+void require(bool condition, const std::string& failure) {
     if (!condition) {
-        throw std::runtime_error(what);
+        throw std::runtime_error(failure);
     }
 }
 
-void print_sample(const char* figure, int work, const std::string& side, double value) {
-    printf("%s\t%d\t%s\t%.4f\n", figure, work, side.c_str(), value);
+void set_property(const std::string& name, const std::string& value) {
+    require(inside::set_property(name, value), "cannot set " + name);
 }
 
-side_process::side_process(const std::string& shell_line)
-    : pid_(start_shell_group(shell_line.c_str())) {
-    require(pid_ > 0, "cannot start " + shell_line);
+void make_folders(const std::string& root) {
+    for (const char* dir : {"/tombstones", "/system/dropbox", "/brevix/eventTemp", "/logs/crashlog",
+                            "/logs/general_log"}) {
+        std::filesystem::remove_all(root + dir);
+        std::filesystem::create_directories(root + dir);
+    }
 }
 
-side_process::~side_process() {
+void print_sample(const std::string& figure, int work, const std::string& side, double value) {
+    printf("%s\t%d\t%s\t%.4f\n", figure.c_str(), work, side.c_str(), value);
+}
+
+double millis_of(const std::function<void()>& work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    const auto passed = std::chrono::steady_clock::now() - start;
+    return std::chrono::duration<double, std::milli>(passed).count();
+}
+
+void measure_in_turns(const std::string& figure, int work, int rounds,
+                      const std::vector<side>& sides) {
+    for (int round = 0; round < rounds; ++round) {
+        for (const side& each : sides) {
+            print_sample(figure, work, each.name, each.measure());
+        }
+    }
+}
+
+program::program(const std::string& name, const std::string& command,
+                 const std::vector<std::string>& texts) {
+    const std::string log = "/data/" + name + ".log";
+    std::filesystem::remove(log);  // an earlier program's texts count for nothing
+    pid_ = start_shell_group(("exec " + command + " >/dev/null 2>" + log).c_str());
+    require(pid_ > 0, "cannot start " + command);
+    for (const std::string& text : texts) {
+        require(inside::wait_for_text(log, text), log + " does not get: " + text);
+    }
+}
+
+program::~program() {
     kill(-pid_, SIGKILL);
     inside::wait_status(pid_);
 }
 
-pid_t start_program(const std::vector<std::string>& argv, int output, int error) {
-    std::vector<char*> arguments;
-    for (const std::string& argument : argv) {
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(output, STDOUT_FILENO);
-        dup2(error, STDERR_FILENO);
-        execv(arguments[0], arguments.data());
-        _exit(127);
-    }
-    require(pid > 0, "cannot start " + argv[0]);
-    return pid;
-}
-
-line_fifo::line_fifo(const std::string& path) : path_(path) {
+std::fstream open_fifo(const std::string& path) {
+    std::filesystem::remove(path);
     require(mkfifo(path.c_str(), 0666) == 0, "cannot make " + path);
-    fd_ = open(path.c_str(), O_RDWR | O_CLOEXEC);  // also for writing: it never ends
-}
-
-line_fifo::~line_fifo() {
-    close(fd_);
-    unlink(path_.c_str());
-}
-
-std::string line_fifo::next() {
-    size_t end = 0;
-    while ((end = rest_.find('\n')) == std::string::npos) {
-        require(inside::wait_for_input(fd_), "a line that was waited for has not come");
-        char bytes[4096];
-        const ssize_t count = read(fd_, bytes, sizeof(bytes));
-        require(count > 0, "cannot read the fifo");
-        rest_.append(bytes, static_cast<size_t>(count));
-    }
-    std::string line = rest_.substr(0, end);
-    rest_.erase(0, end + 1);
-    return line;
-}
-
-void set_property(const char* name, const char* value) {
-    require(inside::set_property(name, value), std::string("cannot set ") + name);
-}
-
-void make_phone_folders() {
-    for (const char* dir : {"/data/logs/general_log", "/data/brevix/eventTemp",
-                            "/data/system/dropbox", "/data/tombstones"}) {
-        std::filesystem::create_directories(dir);
-    }
-}
-
-void switch_detection_on() {
-    for (const char* name : {"persist.service.crashlog.enable", "persist.service.custom.event",
-                             "persist.service.event.detect"}) {
-        set_property(name, "1");
-    }
+    std::fstream fifo(path);
+    fifo.exceptions(std::ios::badbit | std::ios::failbit);
+    return fifo;
 }
 
 namespace {
 
-constexpr struct {
-    const char* name;
-    void (*run)();
-} kFigures[] = {{"road", road},  {"burst", burst},           {"count", count},
-                {"size", size},  {"switch", capture_switch}, {"idle", idle},
-                {"armed", armed}};
+struct figure {
+    std::vector<int> works;  // the second one shows how the first grows
+    void (*measure)(int work);
+};
+
+const std::map<std::string, figure> kFigures = {
+    {"road", {{10, 100}, road}},       {"burst", {{50, 500}, burst}},
+    {"count", {{1000, 10000}, count}}, {"size", {{5000, 50000}, size}},
+    {"switch", {{4}, capture_switch}}, {"idle", {{30}, idle}},
+    {"armed", {{100}, armed}},
+};
+
+void switch_detection_on() {
+    for (const char* detection : {"persist.service.crashlog.enable", "persist.service.custom.event",
+                                  "persist.service.event.detect"}) {
+        set_property(detection, "1");
+    }
+}
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    // What the product's own functions log here is part of their work, but not for the reader.
+    const std::string name = argc == 2 ? argv[1] : "";
+    // The product's functions log to standard error, which is not for the reader.
     const android::base::unique_fd terminal(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
-    require(freopen("/data/figures.log", "ae", stderr) != nullptr, "cannot redirect the log");
-    for (const auto& figure : kFigures) {
-        if (argc != 2 || strcmp(argv[1], figure.name) != 0) {
-            continue;
+    try {
+        require(kFigures.contains(name), "no such figure");
+        require(freopen("/data/figures.log", "a", stderr) != nullptr, "cannot redirect the log");
+        make_folders("/data");
+        switch_detection_on();
+        for (const int work : kFigures.at(name).works) {
+            kFigures.at(name).measure(work);
         }
-        try {
-            figure.run();
-        } catch (const std::exception& error) {
-            dprintf(terminal, "%s: %s\n", figure.name, error.what());
-            return 1;
-        }
-        return 0;
+    } catch (const std::exception& error) {
+        dprintf(terminal, "figures %s: %s\n", name.c_str(), error.what());
+        return 1;
     }
-    dprintf(terminal, "usage: figures NAME\n");
-    return 1;
 }

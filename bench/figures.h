@@ -1,46 +1,63 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// What the figures share. Each runs in a fresh virtual device of its own and prints its samples: a
-// line of figure, amount of work, side and value, separated by tabs.
+// What the figures share. Every figure runs in a fresh virtual device, measures the daemon and its
+// rivals in turns, and prints samples: lines of figure, amount of work, side and value, separated
+// by tabs. All functions throw std::runtime_error on failure. One thread.
 
 #include <sys/types.h>
 
-#include <chrono>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
-void road();
-void burst();
-void count();
-void size();
-void capture_switch();
-void idle();
-void armed();
+// --- Figures, by their amount of work ------------------------------------------------------------
 
-// Ends the figure with a message when what it measures has gone wrong.
-void require(bool condition, const std::string& what);
+void road(int kept_folders);
+void burst(int tombstones_at_once);
+void count(int folders);
+void size(int files);
+void capture_switch(int channels);
+void idle(int seconds);
+void armed(int starts);
 
-void print_sample(const char* figure, int work, const std::string& side, double value);
+// --- Steps ---------------------------------------------------------------------------------------
 
-class stopwatch {
-  public:
-    double millis() const {
-        const auto passed = std::chrono::steady_clock::now() - start_;
-        return std::chrono::duration<double, std::milli>(passed).count();
-    }
+// Throws unless `condition`.
+void require(bool condition, const std::string& failure);
+void set_property(const std::string& name, const std::string& value);
+// Makes the folders that a collector needs below `root`, and empties those that are there.
+void make_folders(const std::string& root);
 
-  private:
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+// --- Samples -------------------------------------------------------------------------------------
+
+// `value` is in the unit that bench/goals has for the figure.
+void print_sample(const std::string& figure, int work, const std::string& side, double value);
+
+// Runs `work` and returns the milliseconds that it takes.
+double millis_of(const std::function<void()>& work);
+
+struct side {
+    std::string name;
+    std::function<double()> measure;  // does the work once and returns its milliseconds
 };
 
-// A program of one side with all that it starts, from a shell line; its end is theirs.
-class side_process {
+// Measures each side once in every round, so that load from outside meets all of them alike.
+void measure_in_turns(const std::string& figure, int work, int rounds,
+                      const std::vector<side>& sides);
+
+// --- Programs ------------------------------------------------------------------------------------
+
+// A program and its children, in a process group of their own that the destructor kills.
+class program {
   public:
-    explicit side_process(const std::string& shell_line);
-    ~side_process();
-    side_process(const side_process&) = delete;
-    side_process& operator=(const side_process&) = delete;
+    // Returns once /data/NAME.log, its standard error, has all of `texts`.
+    program(const std::string& name, const std::string& command,
+            const std::vector<std::string>& texts);
+    ~program();
+    program(const program&) = delete;
+    program& operator=(const program&) = delete;
 
     pid_t pid() const { return pid_; }
 
@@ -48,31 +65,7 @@ class side_process {
     pid_t pid_;
 };
 
-// Starts a program with these files as its standard output and error; without a shell, whose start
-// would count.
-pid_t start_program(const std::vector<std::string>& argv, int output, int error);
-
-// A fifo that programs write lines to, at this path as long as this lives.
-class line_fifo {
-  public:
-    explicit line_fifo(const std::string& path);
-    ~line_fifo();
-    line_fifo(const line_fifo&) = delete;
-    line_fifo& operator=(const line_fifo&) = delete;
-
-    // Waits for the next one.
-    std::string next();
-
-  private:
-    std::string path_;
-    int fd_;
-    std::string rest_;
-};
-
-void set_property(const char* name, const char* value);
-
-// The folders that the daemon finds on a phone that has run for a while.
-void make_phone_folders();
-
-// Detection with all its categories.
-void switch_detection_on();
+// Replaces what stands at `path` with a named pipe that programs write lines to. std::getline
+// waits, for ever if need be: the stream is a writer, too, and never reads an end. It throws on any
+// failure.
+std::fstream open_fifo(const std::string& path);

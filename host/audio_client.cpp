@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// The audio client: records each setParameters call in a file, and returns a status set by
+// property.
 #define LOG_TAG "AudioSystem"
 
 #include <android-base/logging.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The audio toolkit over plain files: the HAL's dump files lie in a folder of the device.
+// The audio toolkit over plain files: a folder of the device has the HAL's dump files.
 #define LOG_TAG "audiotoolkit"
 
 #include "platform/audio_toolkit.h"
@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -21,19 +21,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kDumpFolder = "/vendor/audiohal/dump/";
-// When it is there, the list as a HAL would give it, true or not.
+// Overrides the list, so that a test can return one that does not match the files.
 constexpr const char* kDumpList = "/vendor/audiohal/dump_list";
-
-std::map<std::string, uintmax_t> dump_file_sizes() {
-    std::map<std::string, uintmax_t> sizes;
-    std::error_code ec;
-    for (const fs::directory_entry& entry : fs::directory_iterator(kDumpFolder, ec)) {
-        if (entry.is_regular_file(ec)) {
-            sizes[entry.path().filename()] = entry.file_size(ec);
-        }
-    }
-    return sizes;
-}
 
 }  // namespace
 
@@ -45,9 +34,13 @@ android::String8 android::getAudioHalDumpFileList() {
         }
         return String8(list.c_str());
     }
-    for (const auto& [name, bytes] : dump_file_sizes()) {
-        list.append(list.empty() ? "" : ",").append(name);
-        list.append(",").append(std::to_string(bytes + 1));
+    std::error_code ec;  // without the folder the list is empty
+    const std::set<fs::directory_entry> sorted(fs::directory_iterator(kDumpFolder, ec), {});
+    for (const fs::directory_entry& entry : sorted) {
+        if (entry.is_regular_file(ec)) {
+            list.append(list.empty() ? "" : ",").append(entry.path().filename());
+            list.append(",").append(std::to_string(entry.file_size(ec) + 1));
+        }
     }
     return String8(list.c_str());
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The device's features: the numbers in the property "ro.zq.features", separated by commas.
+// The feature query: answers from the comma-separated numbers in the property "ro.zq.features".
 
 #include <android-base/strings.h>
 #include <cutils/properties.h>

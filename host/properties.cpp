@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// System properties as files: one per property in one folder, the name of the file is the name of
-// the property, its content the value. A missing or empty file is an unset property.
+// System properties as files of one folder: the file's name is the property's name, its content the
+// value. A property without a file, or with an empty one, is unset.
 #define LOG_TAG "properties"
 
 #include <android-base/file.h>
@@ -17,9 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <memory>
@@ -28,6 +26,7 @@
 #include <string_view>
 
 #include "host/signals.h"
+#include "host/system.h"
 
 using android::base::unique_fd;
 using std::chrono::milliseconds;
@@ -35,7 +34,7 @@ using std::chrono::steady_clock;
 
 namespace {
 
-constexpr char kFolder[] = "/dev/__properties__";
+constexpr char kFolder[] = "/dev/__properties__/";
 
 bool is_name(std::string_view name) {
     constexpr std::string_view kLetters =
@@ -45,22 +44,22 @@ bool is_name(std::string_view name) {
 }
 
 std::string path_of(std::string_view name) {
-    return std::string(kFolder).append("/").append(name);
+    return std::string(kFolder).append(name);
 }
 
 std::string read_value(std::string_view name) {
     if (!is_name(name)) {
         return "";
     }
-    // O_NONBLOCK: whatever else may stand under that name, a reader never waits for it.
+    // O_NONBLOCK keeps a FIFO under that name from blocking the reader.
     const unique_fd fd(open(path_of(name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     char text[PROP_VALUE_MAX] = {};
     const bool is_read = fd >= 0 && TEMP_FAILURE_RETRY(read(fd, text, PROP_VALUE_MAX - 1)) > 0;
     return is_read ? text : "";
 }
 
-// The file appears under its name with its whole content or not at all. Two first writers of a
-// read-only name may come at once: the kernel decides between them.
+// Write-then-rename: readers see the old value or the new one, never a part. RENAME_NOREPLACE lets
+// one of two concurrent first writers of a "ro." property win.
 bool write_value(std::string_view name, std::string_view value) {
     std::string temporary = path_of(".new.XXXXXX");
     const unique_fd fd(mkostemp(temporary.data(), O_CLOEXEC));
@@ -77,53 +76,27 @@ bool write_value(std::string_view name, std::string_view value) {
     return is_set;
 }
 
-// --- Waiting -------------------------------------------------------------------------------------
-
-// The calling thread's view of the folder. The watch stays armed between waits: what it tells of
-// the time before is read off at the start of the next one.
-class folder_watch {
-  public:
-    // Watches the folder that stands there now; nothing changes when it is watched already.
-    void arm() {
-        if (process_ != getpid()) {
-            // In a forked child the parent's instance would take the parent's events away.
-            instance_.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-            process_ = getpid();
-        }
-        if (instance_ < 0) {
-            PLOG(FATAL) << "inotify_init1";
-        }
-        constexpr uint32_t kChanges = IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM |
-                                      IN_DELETE_SELF | IN_MOVE_SELF;
-        if (inotify_add_watch(instance_, kFolder, kChanges) < 0) {
-            PLOG(FATAL) << "inotify_add_watch " << kFolder;
-        }
+// Arms the calling thread's inotify instance on the folder that stands there now, drops the events
+// so far and returns it. A thread keeps its instance, because one per wait could meet the user's
+// limit of instances at any wait.
+int arm_folder_watch() {
+    thread_local unique_fd instance;
+    thread_local pid_t process = -1;
+    if (process != getpid()) {
+        // A forked child shares the parent's instance and would take the parent's events away.
+        instance.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        process = getpid();
     }
-
-    // Forgets the changes so far; what they are about, and whether some were too many for the
-    // kernel's queue, does not matter to a caller that looks at the values afterwards.
-    void drain() const {
-        alignas(inotify_event) char events[4096];
-        while (read(instance_, events, sizeof(events)) > 0) {
-        }
+    if (instance < 0) {
+        PLOG(FATAL) << "inotify_init1";
     }
-
-    int fd() const { return instance_; }
-
-  private:
-    unique_fd instance_;
-    pid_t process_ = -1;
-};
-
-thread_local folder_watch watch;
-
-// Returns false when the deadline has passed without a change of the folder.
-bool wait_for_change(int fd, const std::optional<steady_clock::time_point>& deadline) {
-    const auto left = [&] {
-        return std::chrono::ceil<milliseconds>(*deadline - steady_clock::now()).count();
-    };
-    pollfd change = {fd, POLLIN, 0};
-    return poll(&change, 1, deadline ? static_cast<int>(std::max<int64_t>(left(), 0)) : -1) != 0;
+    constexpr uint32_t kChanges =
+        IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF;
+    if (inotify_add_watch(instance, kFolder, kChanges) < 0) {
+        PLOG(FATAL) << "inotify_add_watch " << kFolder;
+    }
+    drain_inotify(instance);
+    return instance;
 }
 
 }  // namespace
@@ -134,16 +107,14 @@ bool android::base::WaitForProperty(const std::string& key, const std::string& e
     if (relative_timeout.count() <= std::numeric_limits<int>::max()) {
         deadline = steady_clock::now() + std::max(relative_timeout, milliseconds::zero());
     }
-    int fd = -1;
-    // Armed before the comparison: a change after it is an event that ends the wait.
+    pollfd changes{-1, POLLIN, 0};
+    // Arms before it compares: a change after the comparison is an event that ends the poll.
     const auto has_come = [&] {
-        watch.arm();
-        watch.drain();
-        fd = watch.fd();
+        changes.fd = arm_folder_watch();
         return expected_value == read_value(key);
     };
     while (!with_signals_blocked(has_come)) {
-        if (!wait_for_change(fd, deadline)) {
+        if (poll(&changes, 1, milliseconds_until(deadline)) == 0) {
             return false;
         }
     }
@@ -155,8 +126,7 @@ int property_get(const char* key, char* value, const char* default_value) {
     if (text.empty() && default_value != nullptr) {
         text = default_value;
     }
-    const size_t length = std::min<size_t>(text.size(), PROP_VALUE_MAX - 1);
-    text.copy(value, length);
+    const size_t length = text.copy(value, PROP_VALUE_MAX - 1);
     value[length] = '\0';
     return static_cast<int>(length);
 }

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// Keeps signal handlers of the calling thread out of a critical section.
 #pragma once
 
 #include <pthread.h>
 #include <signal.h>
 
-// Calls `action` with every signal of the calling thread held back, and gives back its result: a
-// handler that ends the thread cannot leave a lock, a file descriptor or a half-made file behind.
+// Calls `action` with all signals of the calling thread blocked and returns its result: a handler
+// that ends the thread by pthread_exit cannot leave a lock, a descriptor or a half-made file
+// behind.
 //
-// No destructor brings the signals back: a handler that was held back runs inside that very call,
-// and a thread that it ends is unwound through here, which a destructor would turn into an abort.
+// The mask is not restored by a destructor: a pending handler runs inside the call that restores
+// it, and pthread_exit there unwinds through this frame, where a destructor (noexcept) would abort.
 auto with_signals_blocked(const auto& action) {
     sigset_t all;
     sigset_t previous;

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// Reads history, event folders and captures, and describes one entry of them.
+
 #include "look/collected.h"
 
 #include <android-base/strings.h>
@@ -10,8 +13,8 @@
 #include <set>
 #include <stdexcept>
 
+#include "event/tables.h"
 #include "utils/util.h"
-#include "zq_event_log.h"
 
 namespace look {
 
@@ -20,41 +23,31 @@ namespace {
 constexpr size_t kHeadBytes = 16 << 10;
 constexpr size_t kWholeBytes = 64 << 20;
 
-// -1 for a name of another form.
-int64_t count_of(const std::string& name, uint64_t fields) try {
-    return ZQGetCountByFileName(name, fields);
-} catch (const std::logic_error&) {
-    return -1;
-}
-
-moment time_in(const std::string& name) {
-    return parse_moment(name.substr(name.rfind('_') + 1), "%Y-%m-%d-%H-%M-%S");
-}
-
-struct form : regex_t {
-    explicit form(const char* expression) : regex_t() {
+struct regex : regex_t {
+    explicit regex(const char* expression) : regex_t() {
         regcomp(this, expression, REG_EXTENDED | REG_NEWLINE);
     }
-    ~form() { regfree(this); }
+    ~regex() { regfree(this); }
 };
 
-// The extended regular expression's parts, the whole first, in the first line that it fits; empty
-// when it fits none.
+// Matches a POSIX extended regular expression, line by line: returns the first match and its
+// groups, nothing when no line matches. std::regex recurses once per character and overflows the
+// stack on long lines.
 std::vector<std::string> match(const std::string& text, const char* expression) {
-    static std::map<const char*, form> compiled;
-    const form& wanted = compiled.try_emplace(expression, expression).first->second;
-    regmatch_t parts[5] = {{0, static_cast<regoff_t>(text.size())}};
+    static std::map<const char*, regex> compiled;
+    const regex& wanted = compiled.try_emplace(expression, expression).first->second;
+    regmatch_t groups[5] = {{0, static_cast<regoff_t>(text.size())}};
     std::vector<std::string> found;
-    if (regexec(&wanted, text.c_str(), std::size(parts), parts, REG_STARTEND) == 0) {
-        for (const regmatch_t& part : parts) {
-            found.push_back(part.rm_so < 0 ? "" : text.substr(part.rm_so, part.rm_eo - part.rm_so));
+    if (regexec(&wanted, text.c_str(), std::size(groups), groups, REG_STARTEND) == 0) {
+        for (const regmatch_t& group : groups) {
+            found.push_back(text.substr(std::max(group.rm_so, 0), group.rm_eo - group.rm_so));
         }
     }
     return found;
 }
 
-// The first bytes of a regular file, unpacked where it is packed: a link could lead out of the
-// folder, a pipe would never end.
+// Returns the first bytes of a regular file, unpacked when it is packed. Links are not followed,
+// they may lead out of the folder; the end of a FIFO never comes.
 std::string read_head(const fs::path& path, size_t max_bytes, std::string& damage) {
     const std::string name = path.filename();
     std::error_code error;
@@ -65,7 +58,7 @@ std::string read_head(const fs::path& path, size_t max_bytes, std::string& damag
         return {};
     }
     std::string text;
-    char buffer[4096];
+    char buffer[4096];  // one large read would lose what comes before a broken part
     int bytes = 0;
     while (text.size() <= max_bytes && (bytes = gzread(file, buffer, sizeof(buffer))) > 0) {
         text.append(buffer, bytes);
@@ -79,14 +72,6 @@ std::string read_head(const fs::path& path, size_t max_bytes, std::string& damag
     }
     gzclose(file);
     return text.size() <= max_bytes ? text : text.substr(0, max_bytes) + "\n[cut]\n";
-}
-
-std::vector<fs::path> entries_of(const fs::path& dir) {
-    std::error_code error;
-    const fs::directory_iterator found(dir, error);
-    std::vector<fs::path> paths(begin(found), end(found));
-    std::sort(paths.begin(), paths.end());
-    return paths;
 }
 
 fs::path crash_file(const fs::path& folder) {
@@ -129,16 +114,20 @@ std::string sizes_in(const fs::path& dir) {
     return list;
 }
 
-// What is there of an event's folder, and what its name says.
+moment time_in(const std::string& name) {
+    return parse_moment(name.substr(name.rfind('_') + 1), kFileTimeFormat);
+}
+
+// Fills in what the name of the event's folder says and what the folder holds.
 void read_folder(entry& event, const fs::path& logs) {
-    if (count_of(event.name, 4) < 0 || time_in(event.name) == 0) {
+    const auto fields = match(event.name, "^([^_]*)_[0-9]+_([^_]*)_[^_]*$");
+    if (fields.empty() || time_in(event.name) == 0) {
         event.damage += "its folder's name is cut; ";
         return;
     }
-    const std::vector<std::string> fields = android::base::Split(event.name, "_");
     event.type = fields[2];
-    event.package = event.category == "CUSTOM" ? fields[0] : "";
-    const fs::path folder = logs / event_settings[event.category].log_dir / event.name;
+    event.package = event.category == "CUSTOM" ? fields[1] : "";
+    const fs::path folder = logs / event_settings.at(event.category).log_dir / event.name;
     std::error_code error;
     if (fs::symlink_status(folder, error).type() != fs::file_type::directory) {
         return;
@@ -157,59 +146,57 @@ void read_folder(entry& event, const fs::path& logs) {
     }
 }
 
-entry& add(std::vector<entry>& entries, const std::string& category, moment time) {
-    entry& added = entries.emplace_back();
-    added.number = static_cast<int>(entries.size());
-    added.category = category;
-    added.time = time;
-    return added;
+entry& add(collected& all, const std::string& category, moment time, const std::string& name = "",
+           const std::string& damage = "") {
+    const int number = static_cast<int>(all.entries.size()) + 1;
+    return all.entries.emplace_back(entry{number, time, 0, category, "", "", "", name, {}, damage});
 }
 
-void read_history_line(std::vector<entry>& entries, const fs::path& logs, const std::string& line) {
+void read_history_line(collected& all, const std::string& line) {
     constexpr size_t kMaxBytes = 4096;
     if (line.empty()) {
         return;
     }
-    const auto parts = match(line.substr(0, kMaxBytes),
-                             "^(.*)(REBOOT|CRASH|CUSTOM) +([-0-9]{10}/[:0-9]{8}) +(.*)$");
+    const std::string head = line.substr(0, kMaxBytes);
+    const auto parts =
+        match(head, "^(.*)(REBOOT|CRASH|CUSTOM) +([-0-9]{10}/[:0-9]{8}) +(.*[^ ]) *$");
     if (parts.empty()) {
-        entry& cut = add(entries, "?", entries.empty() ? 0 : entries.back().time);
-        cut.line = line.substr(0, kMaxBytes);
-        cut.damage = "its line is cut; ";
+        const moment time = all.entries.empty() ? 0 : all.entries.back().time;
+        add(all, "?", time, "", "its line is cut; ").line = head;
         return;
     }
-    read_history_line(entries, logs, parts[1]);  // one that was cut has the next one glued to it
-    entry& event = add(entries, parts[2], parse_moment(parts[3], "%Y-%m-%d/%H:%M:%S"));
-    event.type = android::base::Trim(parts[4]);
-    if (const auto names = match(parts[4], "^(.*) (/.*)$"); !names.empty()) {
+    read_history_line(all, parts[1]);  // the next line is appended to one that was cut
+    entry& event = add(all, parts[2], parse_moment(parts[3], "%Y-%m-%d/%H:%M:%S"));
+    event.type = parts[4];
+    const auto names = match(parts[4], "^(.*) (/.*)$");
+    if (!names.empty() && event.category != "REBOOT") {
         event.type = names[1];
         event.name = fs::path(names[2]).filename();
-        read_folder(event, logs);
+        read_folder(event, all.logs);
     }
 }
 
-void read_history(std::vector<entry>& entries, const fs::path& logs) {
-    std::string damage;
-    const std::string text = read_head(logs / "history.event", kWholeBytes, damage);
+void read_history(collected& all) {
+    std::string damage;  // captures and folders may have come without a history
+    const std::string text = read_head(all.logs / "history.event", kWholeBytes, damage);
     for (const std::string& line : android::base::Split(text, "\n")) {
-        read_history_line(entries, logs, line);
+        read_history_line(all, line);
     }
 }
 
-// What has lost its line in the history is an event all the same.
-void read_event_folders(std::vector<entry>& entries, const fs::path& logs) {
+// Adds the events that have lost their line in the history.
+void read_event_folders(collected& all) {
     std::set<std::string> known;
-    for (const entry& event : entries) {
+    for (const entry& event : all.entries) {
         known.insert(event.name);
     }
     for (const auto& [category, settings] : event_settings) {
-        for (const fs::path& path : entries_of(logs / settings.log_dir)) {
-            if (!known.contains(path.filename())) {
-                entry& event = add(entries, category, time_in(path.filename()));
-                event.name = path.filename();
+        for (const fs::path& path : entries_of(all.logs / settings.log_dir)) {
+            const std::string name = path.filename();
+            if (!known.contains(name)) {
+                entry& event = add(all, category, time_in(name), name, "not in the history; ");
                 event.folder = path;
-                event.damage = "not in the history; ";
-                read_folder(event, logs);
+                read_folder(event, all.logs);
             }
         }
     }
@@ -217,11 +204,11 @@ void read_event_folders(std::vector<entry>& entries, const fs::path& logs) {
 
 void read_captures(collected& all) {
     for (const fs::path& path : entries_of(all.logs / "general_log")) {
-        entry& capture = add(all.entries, "CAPTURE", time_in(path.filename()));
+        const std::string name = path.filename();
+        entry& capture = add(all, "CAPTURE", time_in(name), name);
         capture.number = 0;
-        capture.name = path.filename();
         capture.folder = path;
-        if (count_of(capture.name, 3) < 0 || capture.time == 0) {
+        if (match(name, "^[^_]*_[0-9]+_[^_]*$").empty() || capture.time == 0) {
             capture.damage = "its name is cut; ";
             continue;
         }
@@ -237,20 +224,27 @@ void read_captures(collected& all) {
 
 }  // namespace
 
+std::vector<fs::path> entries_of(const fs::path& dir) {
+    std::error_code error;
+    const fs::directory_iterator found(dir, error);
+    std::vector<fs::path> paths(begin(found), end(found));
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
 collected::collected(const fs::path& dir) {
-    for (const char* below : {"", "logs", "data/logs"}) {
+    for (const fs::path& place : {dir, dir / "logs", dir / "data/logs"}) {
         for (const char* found : {"history.event", "general_log", "crashlog", "zqeventlog"}) {
-            logs = logs.empty() && fs::exists(dir / below / found) ? dir / below : logs;
+            logs = logs.empty() && fs::exists(place / found) ? place : logs;
         }
     }
     if (logs.empty()) {
         throw std::runtime_error(dir.string() + " holds no history, events or captures");
     }
-    read_history(entries, logs);
-    read_event_folders(entries, logs);
+    read_history(*this);
+    read_event_folders(*this);
     read_captures(*this);
-    std::stable_sort(entries.begin(), entries.end(),
-                     [](const entry& a, const entry& b) { return a.time < b.time; });
+    std::ranges::stable_sort(entries, {}, &entry::time);
 }
 
 std::string collected::describe(const entry& event, size_t max_bytes) const {

@@ -1,31 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What a phone has collected, as a table, as one event and as a page.
+// Shows what a phone has collected as a table, as one event or as a page for a browser.
 
 #include <android-base/stringprintf.h>
-#include <android-base/strings.h>
 #include <locale.h>
 #include <wctype.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
-#include <utility>
 
 #include "look/collected.h"
 #include "look/page.h"
 
 namespace {
 
+using android::base::StringPrintf;
 using look::collected;
 using look::entry;
 
-// Without what is no UTF-8 and what steers a terminal, but for the controls in `kept`.
+// Replaces bytes that are no UTF-8 and control characters, which steer a terminal, except those in
+// `kept`.
 std::string printable(std::string_view text, std::string_view kept = "\n\t") {
+    // Not the whole process's: in it, regular expressions do not match invalid bytes.
     static const locale_t kUtf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     const locale_t before = uselocale(kUtf8);
     std::string result;
@@ -33,26 +33,20 @@ std::string printable(std::string_view text, std::string_view kept = "\n\t") {
         wchar_t letter = 0;
         mbstate_t state{};
         bytes = mbrtowc(&letter, &text[at], text.size() - at, &state);
-        const bool is_letter = bytes - 1 < text.size();  // errors are the highest numbers
-        bytes = is_letter ? bytes : 1;
-        const bool is_kept = kept.find(text[at]) != kept.npos || iswprint_l(letter, kUtf8) != 0;
-        result += is_letter && is_kept ? text.substr(at, bytes) : "\uFFFD";
+        bytes = bytes - 1 < text.size() ? bytes : 1;  // 0 and the errors, the highest numbers
+        const bool is_kept = kept.find(text[at]) != kept.npos || iswprint(letter) != 0;
+        result += is_kept ? text.substr(at, bytes) : "\uFFFD";
     }
     uselocale(before);
     return result;
 }
 
-// In quotes, and without "<": what stands in a page's script must not end it.
+// Also escapes "<": "</script>" in a string would end the page's script element.
 std::string json(std::string_view text) {
+    constexpr std::string_view kEscaped = "\"\\<\n\t";
     std::string result = "\"";
     for (const char c : printable(text)) {
-        if (c == '<' || c == '\n' || c == '\t') {
-            char escape[8];
-            snprintf(escape, sizeof(escape), "\\u%04x", c);
-            result += escape;
-        } else {
-            result += c == '"' || c == '\\' ? std::string{'\\', c} : std::string{c};
-        }
+        result += kEscaped.find(c) == kEscaped.npos ? std::string{c} : StringPrintf("\\u%04x", c);
     }
     return result + '"';
 }
@@ -74,17 +68,20 @@ row row_of(const entry& e) {
             folder + mark};
 }
 
+void print_row(const row& cells) {
+    constexpr const char* kForms[] = {"%5s",     "  %-19s",    "  %-8s", "  %-12s",
+                                      "  %-24s", "  %-64.64s", "  %s"};
+    std::string line;
+    for (size_t i = 0; i < cells.size(); ++i) {
+        line += StringPrintf(kForms[i], cells[i].c_str());
+    }
+    std::cout << printable(line, "") << '\n';
+}
+
 void print_table(const collected& all) {
-    const auto print = [](const row& cells) {
-        const std::string line = android::base::StringPrintf(
-            "%5s  %-19s  %-8s  %-12s  %-24s  %-64.64s  %s", cells[0].c_str(), cells[1].c_str(),
-            cells[2].c_str(), cells[3].c_str(), cells[4].c_str(), cells[5].c_str(),
-            cells[6].c_str());
-        std::cout << printable(line, "") << '\n';
-    };
-    print(kTitles);
+    print_row(kTitles);
     for (const entry& e : all.entries) {
-        print(row_of(e));
+        print_row(row_of(e));
     }
 }
 
@@ -103,33 +100,23 @@ void print_event(const collected& all, const std::string& number) {
     throw std::runtime_error("there is no event " + number);
 }
 
-// The more events, the less of each: a page of any number opens at once.
+// The more events, the less of each, so that a browser opens any page at once.
 void write_page(const collected& all, const char* file) {
     constexpr size_t kPageBytes = 32 << 20;
     constexpr size_t kMaxBytes = 64 << 10;
     constexpr size_t kParts = 4;
     const size_t share = std::min(kPageBytes / kParts / (all.entries.size() + 1), kMaxBytes);
-    const std::string page = look::kPage;
-    const size_t index = page.find("{{index}}");
-    const size_t details = page.find("{{details}}");
     std::ofstream out(file, std::ios::binary);
-    out << page.substr(0, index) << "[";
-    const char* comma = "";
-    for (const entry& e : all.entries) {
-        out << std::exchange(comma, ",\n") << "[" << e.time << "," << e.end;
+    out << look::kPage << "<script type=\"application/json\" id=\"rows\">[";
+    for (const char* comma = ""; const entry& e : all.entries) {
+        out << comma << "\n[" << e.time << "," << e.end;
         for (const std::string& cell : row_of(e)) {
             out << "," << json(cell.substr(0, 512));
         }
-        out << "]";
+        out << "," << json(e.number == 0 ? "" : all.describe(e, share)) << "]";
+        comma = ",";
     }
-    out << "]" << page.substr(index + 9, details - index - 9);
-    for (const entry& e : all.entries) {
-        if (e.number != 0) {
-            out << "<script type=\"application/json\" id=\"d" << e.number << "\">"
-                << json(all.describe(e, share)) << "</script>\n";
-        }
-    }
-    if (!out.flush()) {
+    if (!(out << "]</script>\n</html>\n").flush()) {
         throw std::runtime_error(std::string(file) + " cannot be written");
     }
     std::cout << file << '\n';

@@ -1,24 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-"use strict";
-// What was collected is hostile: it enters the page as text nodes and attribute values alone.
+// Builds the page from its rows: time axis, counts, list and the open event.
+// What was collected is untrusted: it enters the page only as text nodes and attribute values.
 const $ = (id) => document.getElementById(id);
-const rows = JSON.parse($("index").textContent).map(
-  ([time, end, number, when, category, type, owner, line, folder]) =>
-    ({ time, end: Math.max(time, end), number, when, category, type, owner, line, folder }));
-const isEvent = (row) => row.category === "CRASH" || row.category === "CUSTOM";
-const events = rows.filter(isEvent);
+const rows = JSON.parse($("rows").textContent).map(([time, end, ...cells]) => {
+  const [number, when, category, type, owner, line, folder, details] = cells;
+  return { time, end: Math.max(time, end), number, when, category, type, owner, line, folder, details,
+    isEvent: category === "CRASH" || category === "CUSTOM", text: cells.slice(0, -1).join(" ").toLowerCase() };
+});
+const events = rows.filter((row) => row.isEvent);
 let shown = rows;
-const markOf = new Map();
 
 function make(name, attributes, ...children) {
-  const made = document.createElementNS(attributes.xmlns || "http://www.w3.org/1999/xhtml", name);
-  for (const key in attributes) if (key !== "xmlns") made.setAttribute(key, attributes[key]);
+  const made = document.createElement(name);
+  for (const key in attributes) made.setAttribute(key, attributes[key]);
   made.append(...children);
   return made;
 }
-const draw = (name, attributes, ...children) =>
-  $("axis").appendChild(make(name, { xmlns: "http://www.w3.org/2000/svg", ...attributes }, ...children));
-const titled = (mark, text) => mark.append(make("title", { xmlns: "http://www.w3.org/2000/svg" }, text));
 
 function tally(key) {
   const counts = new Map();
@@ -28,55 +25,56 @@ function tally(key) {
 
 // The platform's types keep their colours, the apps' most frequent ones get the next, the rest one.
 const types = [...new Set(["TOMBSTONE", "JAVACRASH", "ANR", "UIWDT", ...tally("type").map(([type]) => type)])];
-const colour = (type) => Math.min(types.indexOf(type), 7);
+const colours = ["#d6336c", "#d9730d", "#a08000", "#7950f2", "#1098ad", "#37a04a", "#2b7fd4", "#808a96"];
+const colour = (type) => Math.min(types.indexOf(type), colours.length - 1);
+const style = (type) => `--type:${colours[colour(type)]};`;
 const lanes = [...new Set(events.map((event) => colour(event.type)))].sort();
 
 function drawAxis() {
-  const left = 92, lane = 28, pitch = 7, width = $("axis").clientWidth - left - 60, bottom = lanes.length * lane + 22;
+  const left = 104, lane = 28, pitch = 7, width = $("axis").clientWidth - left - 60, bottom = lanes.length * lane + 30;
   const timed = shown.filter((row) => row.time);
   const first = timed.reduce((least, row) => Math.min(least, row.time), Infinity);
   const span = Math.max(1000, timed.reduce((most, row) => Math.max(most, row.end), 0) - first);
   const place = (time) => left + (time - first) / span * width;
+  const draw = (name, x, y, { style = "", ...attributes }, ...children) => $("axis").appendChild(
+    make(name, { style: `${style}left:${x}px;top:${y}px;`, ...attributes }, ...children));
   $("axis").replaceChildren();
-  $("axis").setAttribute("height", bottom + 36);
+  $("axis").style.height = `${bottom + 30}px`;
 
   const minutes = [1 / 60, 1 / 4, 1, 5, 15, 60, 180, 360, 720, 1440, 2880, 10080, 43200, 129600, 525600, 5256000];
   const step = 60e3 * minutes.find((some) => some * 60e3 / span * width > 84);
   const format = step < 60e3 ? [11, 19] : step < 864e5 ? [5, 16] : [0, 10];
   for (let time = Math.ceil(first / step) * step; timed[0] && time <= first + span; time += step) {
-    draw("line", { class: "tick", x1: place(time), x2: place(time), y1: 0, y2: bottom });
-    draw("text", { class: "date", x: place(time), y: bottom + 15 }, new Date(time).toISOString().slice(...format).replace("T", " "));
+    draw("div", place(time), 0, { class: "tick", style: `height:${bottom}px;` });
+    draw("span", place(time), bottom + 4, { class: "date" }, new Date(time).toISOString().slice(...format).replace("T", " "));
   }
   // Events of a lane that fall into the same few pixels are one mark, the higher the more they are.
   const marks = new Map();
-  markOf.clear();
   for (const row of timed) {
-    const x = place(row.time), column = Math.floor((x - left) / pitch), key = colour(row.type) + " " + column;
-    if (row.category === "CAPTURE")
-      titled(draw("rect", { class: "capture", x, y: bottom - 15, height: 10, rx: 3, width: Math.max(2, place(row.end) - x - 1) }),
-        `${row.folder}: ${row.when} ${row.line}`);
+    const x = place(row.time), key = [colour(row.type), Math.floor((x - left) / pitch)].join();
+    if (row.isEvent) marks.set(key, [...marks.get(key) || [], row]);
+    else if (row.category === "CAPTURE")
+      draw("div", x, bottom - 15, { class: "capture", style: `height:10px;width:${Math.max(2, place(row.end) - x - 1)}px;`,
+        title: `${row.folder}: ${row.when} ${row.line}` });
     else if (row.category === "REBOOT")
-      titled(draw("line", { class: "reboot", x1: x, x2: x, y1: 0, y2: bottom }), `${row.when} reboot ${row.type}`);
-    else if (isEvent(row)) marks.has(key) ? marks.get(key).push(row) : marks.set(key, [row]);
+      draw("div", x, 0, { class: "reboot", style: `height:${bottom}px;`, title: `${row.when} reboot ${row.type}` });
   }
-  for (const [event, ...more] of marks.values()) {
-    const height = Math.min(24, 9 + 3 * Math.log2(more.length + 1)), top = (lanes.indexOf(colour(event.type)) + 1) * lane - height;
-    const x = left + Math.floor((place(event.time) - left) / pitch) * pitch;
-    const text = `${event.when} ${event.type} ${event.owner}` + (more[0] ? ` and ${more.length} more` : "");
-    const mark = draw("a", { href: "#" + event.number, "aria-label": text },
-      draw("rect", { class: "mark c" + colour(event.type), x, y: top, width: pitch - 2, height, rx: 2 }));
-    titled(mark, text);
-    for (const one of [event, ...more]) markOf.set(one.number, mark);
+  for (const [key, group] of marks) {
+    const [number, column] = key.split(","), event = group[0], height = Math.min(24, 9 + 3 * Math.log2(group.length));
+    const title = `${event.when} ${event.type} ${event.owner}` + (group[1] ? ` and ${group.length - 1} more` : "");
+    const mark = draw("a", left + column * pitch, (lanes.indexOf(+number) + 1) * lane + 4 - height, { href: "#" + event.number,
+      title, "aria-label": title, style: `${style(event.type)}width:${pitch - 2}px;height:${height}px;` });
+    for (const one of group) one.mark = mark;
   }
-  lanes.forEach((type, i) => draw("text", { x: 0, y: (i + 1) * lane - 5 }, type < 7 ? types[type] : "others"));
-  draw("text", { x: 0, y: bottom - 6 }, "captures");
+  lanes.forEach((number, i) => draw("span", 12, i * lane + 14, {}, number < colours.length - 1 ? types[number] : "others"));
+  draw("span", 12, bottom - 18, {}, "captures");
 }
 
 function drawCounts() {
   for (const [key, title] of [["type", "By type"], ["owner", "By package"]]) {
     const counts = tally(key).slice(0, 8);
     $("counts").append(make("div", {}, make("h2", {}, title), ...counts.map(([name, count]) => {
-      const button = make("button", { class: key === "type" ? "c" + colour(name) : "" }, make("span", {}, name || "unknown"),
+      const button = make("button", { style: key === "type" ? style(name) : "" }, make("span", {}, name || "unknown"),
         make("b", { style: `width:${count / counts[0][1] * 100}%` }), make("i", {}, count));
       button.onclick = () => filter($("filter").value === name ? "" : name);
       return button;
@@ -84,34 +82,39 @@ function drawCounts() {
   }
 }
 
+function drawList() {
+  const span = (name, text) => make("span", { class: name }, text);
+  for (const row of rows) {
+    const [type, owner] = row.isEvent ? [row.type, row.owner] : [row.category, row.type];
+    row.link = make("a", row.isEvent ? { style: style(type) } : {}, span("when", row.when), span("type", type),
+      span("owner", owner), span("line", row.line), span("folder", row.folder));
+    if (row.number !== "-") row.link.href = "#" + row.number;
+  }
+  $("list").append(...rows.map((row) => row.link));
+}
+
 function filter(text) {
   $("filter").value = text;
-  shown = rows.filter((row) => Object.values(row).join(" ").toLowerCase().includes(text.toLowerCase()));
-  $("list").replaceChildren(...shown.map((row) => make("a", row.number === "-" ? {} : { href: "#" + row.number },
-    make("span", { class: "when" }, row.when),
-    make("span", { class: isEvent(row) ? "type c" + colour(row.type) : "type" }, isEvent(row) ? row.type : row.category),
-    make("span", { class: "owner" }, isEvent(row) ? row.owner : row.type),
-    make("span", { class: "line" }, row.line), make("span", { class: "folder" }, row.folder))));
+  for (const row of rows) row.link.hidden = !row.text.includes(text.toLowerCase());
+  shown = rows.filter((row) => !row.link.hidden);
   drawAxis();
   showEvent();
 }
 
 function showEvent() {
-  const number = location.hash.slice(1), details = $("d" + number);
-  const row = details && rows.find((one) => one.number === number);
+  const row = rows.find((one) => "#" + one.number === location.hash);
   document.querySelectorAll("[aria-current]").forEach((one) => one.removeAttribute("aria-current"));
   $("event").hidden = !row;
   if (!row) return;
-  const parts = JSON.parse(details.textContent).split(/^== (.*)\n/m).slice(1);
+  const parts = row.details.split(/^== (.*)\n/m).slice(1);
   $("event").replaceChildren(make("a", { href: "#", "aria-label": "Close" }, "\u00d7"),
-    make("h2", {}, `${number} ${row.type || row.category}`), make("p", {}, `${row.when} ${row.owner}`),
+    make("h2", {}, `${row.number} ${row.type || row.category}`), make("p", {}, `${row.when} ${row.owner}`),
     make("p", {}, row.line), make("p", {}, row.folder),
     ...parts.map((text, i) => i % 2 === 0 ? make("h3", {}, text) : make("pre", {}, ...text.split(/^/m).map((line) =>
       make("span", { class: (/^[AK] .{18} +\d+ +\d+ ([EFW])/.exec(line) || [])[1] || "" }, line)))));
   $("event").scrollTop = 0;
-  const link = $("list").querySelector(`[href="#${number}"]`);
-  for (const one of [link, markOf.get(number)]) one?.setAttribute("aria-current", "true");
-  if (link) $("list").scrollTop = link.offsetTop - $("list").clientHeight / 8;
+  for (const one of [row.link, row.mark]) one?.setAttribute("aria-current", "true");
+  $("list").scrollTop = row.link.offsetTop - $("list").clientHeight / 8;
 }
 
 function go(by) {
@@ -128,5 +131,5 @@ $("filter").oninput = () => filter($("filter").value);
 $("summary").textContent = ["REBOOT", "CAPTURE"].reduce((text, category) =>
   `${text}, ${rows.filter((row) => row.category === category).length} ${category.toLowerCase()}s`, `${events.length} events`);
 drawCounts();
+drawList();
 filter("");
-addEventListener("DOMContentLoaded", showEvent); // the events' details stand behind this script

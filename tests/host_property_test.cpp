@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// The Linux side's system properties: limits, concurrent writers, and waits that lose no change.
 #include <android-base/properties.h>
 #include <sys/resource.h>
 
@@ -11,28 +13,13 @@ namespace {
 using namespace fixture;
 using namespace testing;
 using android::base::WaitForProperty;
-using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 const std::string kFolder = "/dev/__properties__/";
 
-TEST(Property, OneFileHoldsOneValue) {
-    const std::string cut(91, 'x');
-    write_file(kFolder + "long", cut + "more");
-    EXPECT_EQ(property("long"), cut);
-    EXPECT_EQ(property("none", cut + "more"), cut);
-    EXPECT_EQ(property("../self/comm"), "(unset)");
-    fs::remove(kFolder + "long");
-    EXPECT_EQ(run("setprop a 'one two'; setprop empty ''; getprop; getprop empty x").output,
-              "[a]: [one two]\nx\n");
-    for (const char* bad : {"setprop .a 1", "setprop a", "getprop a b c"}) {
-        const auto [exit_status, output] = run(bad);
-        EXPECT_EQ(exit_status, 1) << bad;
-        EXPECT_THAT(output, MatchesRegex("[^\n]+\n")) << bad;
-    }
-}
-
-TEST(Property, AWriteThatFailsLeavesNothing) {
+TEST(Property, RejectsWhatDoesNotFitAndLeavesNothingOfIt) {
+    EXPECT_EQ(run("setprop .a 1; setprop a '1 2'; getprop; setprop a ''; getprop a x").output,
+              "setprop: failed to set property '.a' to '1'\n[a]: [1 2]\nx\n");
     for (const char* name : {"", ".a", "..", "a/b", "a\n", "\xc3\xa4", "a="}) {
         EXPECT_FALSE(set_property(name, "1")) << name;
     }
@@ -42,9 +29,10 @@ TEST(Property, AWriteThatFailsLeavesNothing) {
     const rlimit no_room{4, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &no_room);
     EXPECT_FALSE(set_property("cut", "12345"));
-    EXPECT_THAT(names_in(kFolder), IsEmpty());
+    EXPECT_THAT(names_in(kFolder), ElementsAre("a"));
     EXPECT_TRUE(set_property("Az09._@:-x", "1"));
-    EXPECT_TRUE(set_property(std::string(255, 'n'), "1234"));
+    EXPECT_EQ(property("../self/comm"), "(unset)");
+    EXPECT_EQ(property("none", std::string(100, 'x')), std::string(91, 'x'));
 }
 
 TEST(Property, WritersAtOnceLeaveWholeValues) {
@@ -54,8 +42,7 @@ TEST(Property, WritersAtOnceLeaveWholeValues) {
         for (int i = 0; i < kRounds; ++i) {
             first_writes += set_property("ro." + std::to_string(i), {letter}) ? 1 : 0;
             EXPECT_TRUE(set_property("p", std::string(91, letter)));
-            const std::string value = property("p");
-            EXPECT_EQ(value, std::string(91, value[0]));
+            EXPECT_THAT(property("p"), AnyOf(std::string(91, 'a'), std::string(91, 'b')));
         }
     };
     std::thread other(write, 'a');
@@ -67,33 +54,29 @@ TEST(Property, WritersAtOnceLeaveWholeValues) {
 
 // --- Waiting -------------------------------------------------------------------------------------
 
-// A forked child has the descriptors of its parent, and must not take its events.
+// A forked child has its parent's descriptors and must not take the parent's events.
 TEST(PropertyWait, EndsWithTheValueFromAnyProcess) {
-    const auto begin = steady_clock::now();
-    EXPECT_FALSE(WaitForProperty("w", "2", milliseconds(300)));
-    EXPECT_GE(steady_clock::now() - begin, milliseconds(300));
+    EXPECT_FALSE(WaitForProperty("w", "1", std::chrono::milliseconds(50)));
     const pid_t pid = fork();
     if (pid == 0) {
         set_property("ready", "1");
-        _exit(WaitForProperty("w", "2", kPatience) ? 0 : 1);
+        _exit(WaitForProperty("w", "1", kPatience) ? 0 : 1);
     }
     ASSERT_TRUE(WaitForProperty("ready", "1", kPatience));
-    start("setprop other 2; setprop w 1; setprop w 2");
-    EXPECT_TRUE(WaitForProperty("w", "2"));
+    start("setprop other 2; setprop w 0; setprop w 1");
+    EXPECT_TRUE(WaitForProperty("w", "1"));
     EXPECT_EQ(wait_status(pid), 0);
-    EXPECT_TRUE(WaitForProperty("w", "2", milliseconds(0)));
     start("rm /dev/__properties__/w");
     EXPECT_TRUE(WaitForProperty("w", ""));
-    start("printf %s 3 >/dev/__properties__/w");
-    EXPECT_TRUE(WaitForProperty("w", "3"));
+    start("printf %s 2 >/dev/__properties__/w");
+    EXPECT_TRUE(WaitForProperty("w", "2"));
     EXPECT_THAT(run("ls -l /proc/self/fd").output, Not(HasSubstr("inotify")));
 }
 
-// The answer comes a little later in each turn, to meet the question at every point of its way into
-// the kernel.
+// The answer comes a little later in each turn, so that it meets each point of the wait.
 TEST(PropertyWait, LosesNoChange) {
     constexpr int kTurns = 500;
-    std::thread answers([] {
+    const std::jthread answers([] {
         for (int turn = 0; turn < kTurns; ++turn) {
             ASSERT_TRUE(WaitForProperty("question", std::to_string(turn), kPatience));
             const auto end = steady_clock::now() + std::chrono::nanoseconds(turn * 400);
@@ -106,7 +89,6 @@ TEST(PropertyWait, LosesNoChange) {
         set_property("question", std::to_string(turn));
         ASSERT_TRUE(WaitForProperty("answer", std::to_string(turn), kPatience)) << turn;
     }
-    answers.join();
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The cases that a phone can run, too: they need no stand-in for one of its programs and no log
-// lines on standard error, run one after the other in one process, and leave nothing behind.
+// The cases that run on a phone, too: they replace none of its programs, read no log lines from
+// standard error, share one process and leave nothing behind.
 
 #include <cutils/properties.h>
 #include <gmock/gmock.h>
@@ -21,7 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace testing;
 
-// A fresh one for each case.
+// Each case has a fresh folder.
 class Folder : public Test {
   protected:
     Folder() {
@@ -60,7 +60,7 @@ TEST(Names, CountIsFieldOneOfAWellFormedName) {
         {"name", 1, -1},
         {"", 0, -1},
     };
-    errno = ERANGE;  // of another, and still there afterwards
+    errno = ERANGE;  // a caller's errno survives
     for (const auto& [name, fields, count] : cases) {
         EXPECT_EQ(ZQGetCountByFileName(name, fields), count) << name << " " << fields;
     }
@@ -153,11 +153,11 @@ std::vector<std::string> calls_once_there_are(size_t count) {
 
 TEST(Observer, CallsHandlersInOrderAndInTurn) {
     ZQSubscribe("debug.zq.a", note<'1'>);
-    property_set("debug.zq.a", "true");  // is no "on"
+    property_set("debug.zq.a", "true");  // does not mean on
     property_set("debug.zq.a", "1");
     calls_once_there_are(1);
-    ZQSubscribe("debug.zq.a", note<'2'>);         // too late for this "on"
-    using step = std::pair<const char*, size_t>;  // a value, and the calls there are then
+    ZQSubscribe("debug.zq.a", note<'2'>);         // misses this "on"
+    using step = std::pair<const char*, size_t>;  // a value, and the calls by then
     for (const auto& [value, count] :
          {step{"0", 3}, step{"1", 5}, step{"2", 5}, step{"1", 5}, step{"0", 7}}) {
         property_set("debug.zq.a", value);
@@ -169,7 +169,7 @@ TEST(Observer, CallsHandlersInOrderAndInTurn) {
                     "2 debug.zq.a on", "1 debug.zq.a off", "2 debug.zq.a off"));
 }
 
-// Noted at its end, having given another handler the time to be called meanwhile.
+// Waits before it notes its call, so that an overlapping call has the time to start.
 void note_alone(const char* name, bool on) {
     static int running = 0;
     {

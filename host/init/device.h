@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The device that init boots and keeps going.
+// Boots the device from its scripts and supervises it: services, property triggers, shutdown.
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -15,18 +15,18 @@
 
 namespace init {
 
-// What scripts may say, and what becomes of it.
-extern const std::vector<command_row> kCommands;
-
 class device {
   public:
-    // Takes the console away from log lines: it belongs to `command`, which may be empty.
-    device(script all, words command);
+    // Reads the scripts, and throws as read_scripts does. `command` owns the console while the
+    // device runs; empty: none.
+    device(const words& files, words command);
 
-    // Boots, and runs until the command's end or a signal to end. Returns the exit status.
+    // Boots, and runs until `command` ends or SIGTERM, SIGINT or SIGHUP arrives. Returns the exit
+    // status of either, as a shell reports it.
     int run();
 
-    // Queues the actions of an event; "": of a change of this property, or, with "", of any.
+    // Queues the actions of an event whose properties hold. Event "": the property triggers of
+    // `property`, or of all properties when that is "", too.
     void queue(const std::string& event, const std::string& property = "");
 
     services& all_services() { return services_; }
@@ -35,17 +35,17 @@ class device {
     void watch();
     void boot();
     void run_queue();
-    void wait(const std::optional<services::time_point>& deadline);
+    void wait(const std::optional<time_point>& deadline);
     void read_signals();
     void read_property_changes();
     bool reap();
     void shut_down();
 
     const script script_;
-    services services_;
+    services services_{script_.services};
     const words command_;
     pid_t command_pid_ = 0;
-    std::optional<int> status_;  // a value: the device is to end with it
+    std::optional<int> status_;  // set: the device shuts down with it
     android::base::unique_fd signals_;
     android::base::unique_fd properties_;
     std::deque<const action*> queue_;

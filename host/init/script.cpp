@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// The parser of .rc files: splits lines, checks each against its keyword row and collects sections.
 #include "host/init/script.h"
 
-#include <algorithm>
+#include <android-base/strings.h>
+
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -15,40 +18,47 @@ namespace {
     throw std::runtime_error(what);
 }
 
-struct option_row {
-    const char* keyword;
-    size_t min_arguments;
-    size_t max_arguments;
-};
-
 constexpr size_t kAny = 100;
 
-// Linux as such has no task profiles: they are read and not used.
+// task_profiles has no effect: task profiles are a service of the platform, not of the kernel.
 // clang-format off
-const std::vector<option_row> kOptions = {
-    {"capabilities",     0, kAny},
-    {"class",            1, 1},
-    {"disabled",         0, 0},
-    {"group",            1, kAny},
-    {"oneshot",          0, 0},
-    {"oom_score_adjust", 1, 1},
-    {"task_profiles",    1, kAny},
-    {"user",             1, 1},
+const std::vector<keyword_row> kOptions = {
+    {"capabilities",     0, kAny, nullptr},
+    {"class",            1, 1,    nullptr},
+    {"disabled",         0, 0,    nullptr},
+    {"group",            1, kAny, nullptr},
+    {"oneshot",          0, 0,    nullptr},
+    {"oom_score_adjust", 1, 1,    nullptr},
+    {"task_profiles",    1, kAny, nullptr},
+    {"user",             1, 1,    nullptr},
 };
 // clang-format on
 
-template <typename row>
-const row& find_row(const std::vector<row>& table, const char* what, const words& line) {
-    const auto found = std::find_if(table.begin(), table.end(),
-                                    [&](const row& each) { return line[0] == each.keyword; });
-    if (found == table.end()) {
-        refuse(std::string("unknown ") + what + " '" + line[0] + "'");
+const keyword_row& find_row(const std::vector<keyword_row>& table, const char* what,
+                            const words& line) {
+    const size_t count = line.size() - 1;
+    for (const keyword_row& row : table) {
+        if (line[0] != row.keyword) {
+            continue;
+        }
+        if (count < row.min_arguments || count > row.max_arguments) {
+            refuse(line[0] + " does not take " + std::to_string(count) + " arguments");
+        }
+        return row;
     }
-    if (const size_t count = line.size() - 1;
-        count < found->min_arguments || count > found->max_arguments) {
-        refuse(line[0] + " does not take " + std::to_string(count) + " arguments");
+    refuse(std::string("unknown ") + what + " '" + line[0] + "'");
+}
+
+words split(const std::string& line) {
+    std::istringstream in(line);
+    words result;
+    for (std::string word; in >> word && word[0] != '#';) {
+        if (word.find_first_of("\"\\$") != std::string::npos) {
+            refuse("quotes, escapes and expansions are not known here: " + word);
+        }
+        result.push_back(word);
     }
-    return *found;
+    return result;
 }
 
 void add_condition(const std::string& word, action& to) {
@@ -64,110 +74,70 @@ void add_condition(const std::string& word, action& to) {
     }
 }
 
-class reader {
-  public:
-    explicit reader(const std::vector<command_row>& commands) : commands_(commands) {}
-
-    void read_file(const std::string& file);
-
-    script take() { return std::move(script_); }
-
-  private:
-    void read_line(const words& line, const std::string& place);
-    void open_action(const words& line);
-    void open_service(const words& line);
-
-    const std::vector<command_row>& commands_;
-    script script_;
-    action* action_ = nullptr;  // the section that lines belong to, if any
-    service* service_ = nullptr;
-};
-
-words split(const std::string& line) {
-    std::istringstream in(line);
-    words result;
-    for (std::string word; in >> word && word[0] != '#';) {
-        if (word.find_first_of("\"\\$") != std::string::npos) {
-            refuse("quotes, escapes and expansions are not known here: " + word);
+// "on CONDITION [&& CONDITION]..."
+action parse_trigger(const words& line) {
+    action result;
+    for (size_t i = 1; i < line.size(); ++i) {
+        if ((line[i] == "&&") != (i % 2 == 0)) {
+            refuse("a trigger is CONDITION [&& CONDITION]...");
         }
-        result.push_back(word);
+        if (i % 2 == 1) {
+            add_condition(line[i], result);
+        }
     }
     return result;
 }
 
-// "on CONDITION [&& CONDITION]..."
-void reader::open_action(const words& line) {
-    service_ = nullptr;
-    action_ = &script_.actions.emplace_back();
-    for (size_t i = 1; i < line.size(); ++i) {
-        const bool is_and = line[i] == "&&";
-        if (is_and != (i % 2 == 0)) {
-            refuse("a trigger is CONDITION [&& CONDITION]...");
-        }
-        if (!is_and) {
-            add_condition(line[i], *action_);
-        }
-    }
-}
-
-void reader::open_service(const words& line) {
+service& add_service(const words& line, script& to) {
     if (line.size() < 3) {
         refuse("a service is NAME PATH [ARGUMENT]...");
     }
-    const auto [place, is_new] = script_.services.try_emplace(line[1]);
+    const auto [place, is_new] = to.services.try_emplace(line[1]);
     if (!is_new) {
         refuse("there is a service '" + line[1] + "' already");
     }
-    service_ = &place->second;
-    service_->arguments.assign(line.begin() + 2, line.end());
+    place->second.arguments.assign(line.begin() + 2, line.end());
+    return place->second;
 }
 
-void reader::read_line(const words& line, const std::string& place) {
+// The section that a line belongs to: at most one of the two is set.
+struct section {
+    action* of_action = nullptr;
+    service* of_service = nullptr;
+};
+
+void read_line(const words& line, const std::string& place,
+               const std::vector<keyword_row>& commands, section& current, script& to) {
     const words arguments(line.begin() + 1, line.end());
     if (line[0] == "on") {
-        open_action(line);
+        current = {.of_action = &to.actions.emplace_back(parse_trigger(line))};
     } else if (line[0] == "service") {
-        open_service(line);
-    } else if (service_ != nullptr) {
-        service_->options[find_row(kOptions, "service option", line).keyword] = arguments;
-    } else if (action_ != nullptr) {
-        std::string text = place;
-        for (const std::string& word : line) {
-            text.append(" ").append(word);
-        }
-        action_->commands.push_back({&find_row(commands_, "command", line), arguments, text});
+        current = {.of_service = &add_service(line, to)};
+    } else if (current.of_service != nullptr) {
+        current.of_service->options[find_row(kOptions, "service option", line).keyword] = arguments;
+    } else if (current.of_action != nullptr) {
+        current.of_action->commands.push_back({&find_row(commands, "command", line), arguments,
+                                               place + android::base::Join(line, ' ')});
     } else {
         refuse("'" + line[0] + "' stands outside of a section");
     }
 }
 
-void reader::read_file(const std::string& file) {
-    action_ = nullptr;
-    service_ = nullptr;
+void read_file(const std::string& file, const std::vector<keyword_row>& commands, script& to) {
     std::ifstream in(file);
     if (!in) {
         refuse(file + ": " + strerror(errno));
     }
+    section current;
     int number = 1;
-    for (std::string line; std::getline(in, line); ++number) {
-        const std::string place = file + ":" + std::to_string(number) + ":";
+    for (std::string text; std::getline(in, text); ++number) {
+        const std::string place = file + ":" + std::to_string(number) + ": ";
         try {
-            if (const words found = split(line); !found.empty()) {
-                read_line(found, place);
+            if (const words line = split(text); !line.empty()) {
+                read_line(line, place, commands, current, to);
             }
         } catch (const std::runtime_error& error) {
-            refuse(place + " " + error.what());
-        }
-    }
-}
-
-void check_references(const script& all) {
-    for (const action& each : all.actions) {
-        for (const command& line : each.commands) {
-            if (strcmp(line.row->keyword, "start") == 0 &&
-                !all.services.contains(line.arguments[0])) {
-                refuse(line.text + ": there is no service of that name");
-            }
+            refuse(place + error.what());
         }
     }
 }
@@ -175,13 +145,11 @@ void check_references(const script& all) {
 }  // namespace
 
 script read_scripts(const std::vector<std::string>& files,
-                    const std::vector<command_row>& commands) {
-    reader all(commands);
+                    const std::vector<keyword_row>& commands) {
+    script result;
     for (const std::string& file : files) {
-        all.read_file(file);
+        read_file(file, commands, result);
     }
-    const script result = all.take();
-    check_references(result);
     return result;
 }
 

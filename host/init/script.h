@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The language of init's .rc files, as far as the files of this device use it.
+// The parser of .rc files, limited to what the files of this device use.
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,29 +17,34 @@ using words = std::vector<std::string>;
 
 class device;
 
-struct command_row {
+struct keyword_row {
     const char* keyword;
     size_t min_arguments;
     size_t max_arguments;
-    bool (*run)(device& target, const words& arguments);  // false: failed, errno says why
+    bool (*run)(device& target, const words& arguments);  // false with errno; null for an option
 };
 
 struct command {
-    const command_row* row;
+    const keyword_row* row;
     words arguments;   // as many as the row takes
-    std::string text;  // "FILE:LINE: " and the line's words, for messages
+    std::string text;  // "FILE:LINE: " and the words of the line, for messages
 };
 
-// Has an event, properties, or both.
 struct action {
-    std::string event;  // empty: set off by its properties
+    std::string event;  // empty: the properties alone trigger it
     std::map<std::string, std::string> properties;
     std::vector<command> commands;
 };
 
+using time_point = std::chrono::steady_clock::time_point;
+
 struct service {
-    words arguments;                       // the first is the program's path
-    std::map<std::string, words> options;  // by keyword
+    words arguments;  // argv; the first is the path
+    std::map<std::string, words> options = {
+        {"class", {"default"}}, {"group", {"root"}}, {"user", {"root"}}};
+    pid_t pid = 0;  // 0: not running
+    time_point started;
+    std::optional<time_point> restart;  // when it is due
 };
 
 struct script {
@@ -43,10 +52,9 @@ struct script {
     std::map<std::string, service> services;
 };
 
-// Reads the files as one script: a command may name a service of a later file. Throws
-// std::runtime_error with "FILE:LINE: what" at the first line with anything that is not known here,
-// quotes and expansions included, and with "FILE: what" when a file cannot be read.
+// Reads the files as one script. Throws std::runtime_error with "FILE:LINE: what" at the first line
+// that the device does not support, and with "FILE: what" when a file cannot be read.
 script read_scripts(const std::vector<std::string>& files,
-                    const std::vector<command_row>& commands);
+                    const std::vector<keyword_row>& commands);
 
 }  // namespace init

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// Services: identity and streams of their processes, restarts and states.
 #define LOG_TAG "init"
 
 #include "host/init/services.h"
@@ -23,35 +25,26 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kRestartPeriod(5);
 
-const words& option(const service& of, const std::string& keyword, const words& otherwise) {
-    const auto found = of.options.find(keyword);
-    return found == of.options.end() ? otherwise : found->second;
-}
-
-// A user other than root keeps a capability over exec only as an ambient one, which has to be
-// inheritable; root has all that the bounding set leaves.
+// A process without root's id keeps a capability across exec only in the ambient set, which is a
+// subset of the inheritable one. Root gets what the bounding set leaves.
 void add_identity(const service& what, words& line) {
-    const words groups = option(what, "group", {"root"});
-    const words others(groups.begin() + 1, groups.end());
-    line.insert(line.end(), {"setpriv", "--reuid", option(what, "user", {"root"})[0], "--regid",
-                             groups[0], "--groups", android::base::Join(others, ',')});
-    if (others.empty()) {
-        line.erase(line.end() - 2, line.end());
-        line.emplace_back("--clear-groups");
-    }
+    const words& groups = what.options.at("group");
+    const std::string others = android::base::Join(words(groups.begin() + 1, groups.end()), ',');
+    line.insert(line.end(),
+                {"setpriv", "--reuid=" + what.options.at("user")[0], "--regid=" + groups[0],
+                 others.empty() ? "--clear-groups" : "--groups=" + others});
     if (what.options.contains("capabilities")) {
-        std::string set = "-all";
-        for (const std::string& name : what.options.at("capabilities")) {
-            set += ",+" + name;
-        }
-        for (const char* const kind : {"--bounding-set", "--inh-caps", "--ambient-caps"}) {
-            line.insert(line.end(), {kind, set});
+        words names = what.options.at("capabilities");
+        names.insert(names.begin(), "-all");
+        const std::string set = android::base::Join(names, ",+");
+        for (const char* const kind : {"--bounding-set=", "--inh-caps=", "--ambient-caps="}) {
+            line.push_back(kind + set);
         }
     }
     line.emplace_back("--");
 }
 
-// Each program of the line runs the next one in its own place.
+// choom and setpriv exec the rest of their line, so the service keeps the forked pid.
 words command_line(const service& what) {
     words line;
     if (what.options.contains("oom_score_adjust")) {
@@ -64,16 +57,7 @@ words command_line(const service& what) {
     return line;
 }
 
-void default_signals() {
-    for (int each = 1; each < NSIG; ++each) {
-        signal(each, SIG_DFL);
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-// After a failed exec the child must not go on as a second init.
+// `prepare` runs in the child, which ends when the exec fails.
 pid_t start_program(const words& line, const std::function<void()>& prepare) {
     std::vector<char*> argv;
     for (const std::string& word : line) {
@@ -81,9 +65,14 @@ pid_t start_program(const words& line, const std::function<void()>& prepare) {
     }
     argv.push_back(nullptr);
     const pid_t pid = fork();
+    if (pid < 0) {
+        PLOG(FATAL) << "fork";
+    }
     if (pid == 0) {
         prepare();
-        default_signals();
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);  // init blocks what its signalfd reads
         execvp(argv[0], argv.data());
         PLOG(ERROR) << "cannot start " << argv[0];
         _exit(127);
@@ -91,18 +80,13 @@ pid_t start_program(const words& line, const std::function<void()>& prepare) {
     return pid;
 }
 
-void leave_console() {
+void become_service() {
     setpgid(0, 0);
     umask(077);
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
         dup2(null, stream);
     }
-}
-
-// For whoever waits for it.
-void publish(const std::string& service, const char* state) {
-    property_set(("init.svc." + service).c_str(), state);
 }
 
 }  // namespace
@@ -119,47 +103,51 @@ pid_t start_on_console(const words& command, int standard_error) {
     return start_program(command, [=] { dup2(standard_error, STDERR_FILENO); });
 }
 
-void services::start(const std::string& name) {
-    state& one = states_[name];
-    if (one.pid > 0) {
-        return;
+bool services::start(const std::string& name) {
+    const auto found = services_.find(name);
+    if (found == services_.end()) {
+        errno = ENOENT;
+        return false;
     }
-    one.due.reset();
+    if (found->second.pid == 0) {
+        start(name, found->second);
+    }
+    return true;
+}
+
+void services::start(const std::string& name, service& one) {
+    one.restart.reset();
     one.started = steady_clock::now();
-    one.pid = start_program(command_line(declared_.at(name)), leave_console);
-    if (one.pid < 0) {
-        PLOG(ERROR) << "cannot start service '" << name << "'";
-        return;
-    }
-    setpgid(one.pid, one.pid);  // on both sides: whoever signals the group next finds it
+    one.pid = start_program(command_line(one), become_service);
+    setpgid(one.pid, one.pid);  // parent and child both: no signal to the group comes too early
     LOG(INFO) << "service '" << name << "' started, pid " << one.pid;
-    publish(name, "running");
+    property_set(("init.svc." + name).c_str(), "running");
 }
 
 void services::start_class(const std::string& name) {
-    for (const auto& [service_name, one] : declared_) {
-        if (option(one, "class", {"default"})[0] == name && !one.options.contains("disabled")) {
+    for (const auto& [service_name, one] : services_) {
+        if (one.options.at("class")[0] == name && !one.options.contains("disabled")) {
             start(service_name);
         }
     }
 }
 
-std::optional<services::time_point> services::start_due() {
+std::optional<time_point> services::start_due() {
     std::optional<time_point> next;
-    for (auto& [name, one] : states_) {
-        if (one.due && *one.due <= steady_clock::now()) {
-            start(name);
-        } else if (one.due) {
-            next = next ? std::min(*next, *one.due) : *one.due;
+    for (auto& [name, one] : services_) {
+        if (one.restart && *one.restart <= steady_clock::now()) {
+            start(name, one);
+        } else if (one.restart) {
+            next = std::min(next.value_or(*one.restart), *one.restart);
         }
     }
     return next;
 }
 
-// What a service leaves behind ends with it; the daemon's captures would otherwise run on beside
-// those of the next one.
-void services::ended(pid_t pid, int wait_status) {
-    for (auto& [name, one] : states_) {
+// The process group ends with its service: captures that outlive the daemon would write beside
+// those of the restarted one.
+void services::handle_end(pid_t pid, int wait_status) {
+    for (auto& [name, one] : services_) {
         if (one.pid != pid) {
             continue;
         }
@@ -168,16 +156,15 @@ void services::ended(pid_t pid, int wait_status) {
         const bool is_exit = WIFEXITED(wait_status);
         LOG(INFO) << "service '" << name << "' ended, " << (is_exit ? "exit status " : "signal ")
                   << (is_exit ? WEXITSTATUS(wait_status) : WTERMSIG(wait_status));
-        const bool is_oneshot = declared_.at(name).options.contains("oneshot");
-        if (!is_oneshot) {
-            one.due = one.started + kRestartPeriod;
+        if (!one.options.contains("oneshot")) {
+            one.restart = one.started + kRestartPeriod;
         }
-        publish(name, is_oneshot ? "stopped" : "restarting");
+        property_set(("init.svc." + name).c_str(), one.restart ? "restarting" : "stopped");
     }
 }
 
 void services::signal_all(int signal) const {
-    for (const auto& [name, one] : states_) {
+    for (const auto& [name, one] : services_) {
         if (one.pid > 0) {
             kill(-one.pid, signal);
         }

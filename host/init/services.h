@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The services of the device: how they are started, and started again.
+// Starts, restarts and signals the services of the device.
 #pragma once
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,45 +13,39 @@
 
 namespace init {
 
-// False in a user namespace that knows one user alone: nothing can be given to another one there,
-// and every service runs as that one.
+// False in a user namespace that maps one user only: no file or process can change its owner
+// there, and every service runs as root.
 bool has_users();
 
-// Starts a command, found by PATH, with the standard input, output and this standard error, in
-// init's process group, so that it may use the terminal. Returns its pid, or -1 with errno set.
+// Starts a command, found by PATH, with the standard input and output of init and this standard
+// error. It stays in init's process group, which owns the terminal. Returns its pid; a failed fork
+// is fatal, a failed exec ends the child with 127.
 pid_t start_on_console(const words& command, int standard_error);
 
-// The property init.svc.NAME tells the state of each: running, restarting or stopped.
+// The property init.svc.NAME has the state of each: running, restarting or stopped.
 class services {
   public:
-    using time_point = std::chrono::steady_clock::time_point;
+    explicit services(std::map<std::string, service> declared) : services_(std::move(declared)) {}
 
-    explicit services(const std::map<std::string, service>& declared) : declared_(declared) {}
-
-    // As its user, with its groups, capabilities and oom score, umask 077, standard streams on
-    // /dev/null, in a process group of its own. A service that runs already, if only to end, is
-    // left alone, as the platform's init does.
-    void start(const std::string& name);
+    // Starts a service with its user, groups, capabilities and OOM score, umask 077, standard
+    // streams on /dev/null, in its own process group. A service that still runs is left alone, as
+    // on a phone. Returns false with ENOENT for an unknown name.
+    bool start(const std::string& name);
     void start_class(const std::string& name);
 
-    // Starts what is due; gives back when the next one is.
+    // Restarts what is due. Returns the time of the next restart.
     std::optional<time_point> start_due();
 
-    // To be told of every child that has ended.
-    void ended(pid_t pid, int wait_status);
+    // Takes every reaped child of init; those that are no service have no effect.
+    void handle_end(pid_t pid, int wait_status);
 
-    // Signals the process group of each.
+    // Signals the process group of each running service.
     void signal_all(int signal) const;
 
   private:
-    struct state {
-        pid_t pid;  // 0: does not run
-        time_point started;
-        std::optional<time_point> due;
-    };
+    void start(const std::string& name, service& one);
 
-    const std::map<std::string, service>& declared_;
-    std::map<std::string, state> states_;  // of those that have been started
+    std::map<std::string, service> services_;
 };
 
 }  // namespace init

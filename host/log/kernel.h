@@ -4,14 +4,11 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
-#include <log/logprint.h>
 
 #include <chrono>
-#include <cstdint>
-#include <limits>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 
 #include "host/log/source.h"
 
@@ -22,25 +19,23 @@ struct kernel_record {
     std::string message;
 };
 
-// Parses one record as a read of /dev/kmsg gives it. No value: it is not in that form.
-std::optional<kernel_record> parse_kernel_record(std::string_view text);
+// Parses one record as a read of /dev/kmsg returns it. No value: it is not in that form.
+std::optional<kernel_record> parse_kernel_record(const std::string& text);
 
-// Reads /dev/kmsg, from the oldest record the kernel still has. Records that the kernel overwrites
-// before they are read are missed. peek throws std::system_error when reading fails.
+// Reads /dev/kmsg from the oldest record that the kernel still has. Records that the kernel
+// overwrites before they are read are missed.
 class kernel_reader : public log_source {
   public:
-    // `kmsg` is /dev/kmsg, open for reading with O_NONBLOCK; poll tells when there is more.
+    // `kmsg` is /dev/kmsg, open for reading. Without O_NONBLOCK peek waits for the next record.
     explicit kernel_reader(android::base::unique_fd kmsg) : kmsg_(std::move(kmsg)) {}
 
-    const AndroidLogEntry* peek() override;
-    void pop() override { head_.reset(); }
-    void stop_at_present_end() override;
-
-    int fd() const { return kmsg_.get(); }
+    // The kernel does not tell where its log ends, so the end is the first moment at which there is
+    // no further record.
+    void stop_at_present_end() override {}
 
   private:
+    std::optional<AndroidLogEntry> next() override;
+
     android::base::unique_fd kmsg_;
-    int64_t records_left_ = std::numeric_limits<int64_t>::max();
-    kernel_record record_;  // what head_ points into
-    std::optional<AndroidLogEntry> head_;
+    kernel_record record_;  // what the entry points into
 };

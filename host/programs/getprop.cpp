@@ -3,6 +3,7 @@
 // getprop [NAME [DEFAULT]]: prints the value of a property, or DEFAULT when it is unset; without
 // NAME all that are set.
 #include <cutils/properties.h>
+#include <err.h>
 
 #include <cstdio>
 #include <map>
@@ -12,26 +13,24 @@ using properties = std::map<std::string, std::string>;
 
 int main(int argc, char* argv[]) {
     if (argc > 3) {
-        fputs("usage: getprop [NAME [DEFAULT]]\n", stderr);
-        return 1;
+        errx(1, "usage: getprop [NAME [DEFAULT]]");
     }
+    properties all;
     if (argc > 1) {
         char value[PROPERTY_VALUE_MAX];
-        const bool is_set = property_get(argv[1], value, "") > 0;
-        puts(is_set ? value : argc == 3 ? argv[2] : "");
+        property_get(argv[1], value, argc == 3 ? argv[2] : "");
+        puts(value);
     } else {
-        properties all;
         const auto add = [](const char* name, const char* value, void* list) {
             static_cast<properties*>(list)->emplace(name, value);
         };
         property_list(add, &all);
-        for (const auto& [name, value] : all) {
-            printf("[%s]: [%s]\n", name.c_str(), value.c_str());
-        }
+    }
+    for (const auto& [name, value] : all) {
+        printf("[%s]: [%s]\n", name.c_str(), value.c_str());
     }
     if (fflush(stdout) != 0) {
-        perror("getprop: standard output");
-        return 1;
+        err(1, "standard output");
     }
     return 0;
 }

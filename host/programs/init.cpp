@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// init [-f FILE]... [COMMAND [ARG]...]: the device's first process. Boots by the .rc files, then
-// runs COMMAND on the console, whose end is the end of the device; without one a SIGTERM is.
+// init [-f FILE]... [COMMAND [ARG]...]: the device's first process. It boots by the .rc files and
+// runs COMMAND on the console; the device ends with COMMAND, or with SIGTERM when there is none.
 #include <glob.h>
 #include <unistd.h>
 
@@ -12,7 +12,7 @@
 
 namespace {
 
-// Of a folder in the order of their names; a device may have no scripts of one kind.
+// Also what a test binds there. The platform's scripts come before those of the daemon's partition.
 init::words script_files() {
     glob_t found{};
     glob("/system/etc/init/*", 0, nullptr, &found);
@@ -35,9 +35,7 @@ int main(int argc, char* argv[]) {
     }
     try {
         const init::words command(argv + optind, argv + argc);
-        init::script all =
-            init::read_scripts(files.empty() ? script_files() : files, init::kCommands);
-        return init::device(std::move(all), command).run();
+        return init::device(files.empty() ? script_files() : files, command).run();
     } catch (const std::exception& error) {
         fprintf(stderr, "%s\n", error.what());
         return 1;

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// klogd: keeps a copy of the kernel's log in the store of the kernel buffer, for readers that the
-// kernel does not admit to the log itself. Ends at once where it is not admitted either, which is
-// no error: without the machine's root that is the rule.
+// klogd: copies the kernel's log to the store of the kernel buffer, for readers without CAP_SYSLOG.
+// Ends without an error when it may not read the kernel's log itself, the usual case on a machine
+// where the device is not started by root.
 #define LOG_TAG "klogd"
 
 #include <android-base/logging.h>
 #include <fcntl.h>
-#include <poll.h>
 
 #include <exception>
 
@@ -15,20 +14,17 @@
 #include "host/log/store.h"
 
 int main() {
-    android::base::unique_fd kmsg(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    android::base::unique_fd kmsg(open("/dev/kmsg", O_RDONLY | O_CLOEXEC));
     if (kmsg < 0) {
         PLOG(INFO) << "kernel.log stays empty: cannot open /dev/kmsg";
         return 0;
     }
-    pollfd more{kmsg.get(), POLLIN, 0};
     try {
         kernel_reader reader(std::move(kmsg));
-        while (poll(&more, 1, -1) >= 0 || errno == EINTR) {
-            for (; const AndroidLogEntry* entry = reader.peek(); reader.pop()) {
-                append_log_entry(LOG_ID_KERNEL, *entry);  // a full disk: the line is lost, as ever
-            }
+        for (; const AndroidLogEntry* entry = reader.peek(); reader.pop()) {
+            append_log_entry(LOG_ID_KERNEL, *entry);  // a line is lost while the disk is full
         }
-        PLOG(ERROR) << "poll";
+        LOG(ERROR) << "/dev/kmsg has ended";
     } catch (const std::exception& error) {
         LOG(ERROR) << error.what();
     }

@@ -2,17 +2,14 @@
 
 // setprop NAME VALUE: sets a property; an empty VALUE unsets it.
 #include <cutils/properties.h>
-
-#include <cstdio>
+#include <err.h>
 
 int main(int argc, char* argv[]) {
     if (argc != 3) {
-        fputs("usage: setprop NAME VALUE\n", stderr);
-        return 1;
+        errx(1, "usage: setprop NAME VALUE");
     }
     if (property_set(argv[1], argv[2]) < 0) {
-        fprintf(stderr, "setprop: failed to set property '%s' to '%s'\n", argv[1], argv[2]);
-        return 1;
+        errx(1, "failed to set property '%s' to '%s'", argv[1], argv[2]);
     }
     return 0;
 }
