@@ -403,7 +403,8 @@ TEST_F(Watcher, WithoutDescriptorsAnEventIsMadeOrTheDaemonStartsAnew) {
             ASSERT_TRUE(limit("", "nofile=1024:"));
             ++count_;
         }
-        expect_next_event();
+        move_into_dropbox("anr@spare" + std::to_string(spare) + "after");
+        ASSERT_TRUE(wait_for_text(kNotices, "crashlog_" + std::to_string(count_++) + "_ANR_"));
     }
     EXPECT_GT(ends(), 0U);
 }
