@@ -1,31 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What the kernel, or anything else, may put into the watcher's buffer.
-
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
+// Bytes in the watcher's inotify buffer.
 
 #include "event/decisions.h"
+#include "fuzz/input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    alignas(inotify_event) char buffer[512];
-    const size_t bytes = std::min(size, sizeof(buffer));
-    memcpy(buffer, data, bytes);
-    const char* position = buffer;
-    const char* const end = buffer + bytes;
-    while (position < end) {
-        // Records of the kernel are padded to this; others end the walk here.
-        if ((position - buffer) % alignof(inotify_event) != 0) {
-            break;
-        }
-        const char* const before = position;
-        const inotify_event* record = next_record(position, end);
-        if (record == nullptr) {
-            break;
-        }
-        if (position <= before || position > end || name_of(*record).size() > record->len) {
+    const auto* position = reinterpret_cast<const char*>(data);
+    const char* const end = position + size;
+    while (const inotify_event* record = next_record(position, end)) {
+        if (position > end || name_of(*record).size() > record->len) {
             abort();
+        }
+        // The kernel pads names, so that the next record is aligned.
+        if (record->len % alignof(inotify_event) != 0) {
+            break;
         }
     }
     return 0;

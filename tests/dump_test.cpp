@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The system dump and the touch panel dump.
+// The system dump's files, and what the touch panel dump takes from its controllers' nodes.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -13,7 +13,7 @@
 #include "tool/zq_touchpanel.h"
 #include "utils/util.h"
 
-// Of the answer only the lowest bit means anything.
+// Only the lowest bit of the answer counts.
 extern "C" int __real_GetZqFeature(int feature);
 extern "C" int __wrap_GetZqFeature(int feature) {
     return __real_GetZqFeature(feature) | 2;
@@ -26,7 +26,7 @@ using namespace testing;
 
 // --- System dump ---------------------------------------------------------------------------------
 
-// On the loopback interface, for as long as the test runs.
+// A connection for the dumps to show, open until the test ends.
 void connect_to_itself(uint16_t port) {
     sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     auto* const to = reinterpret_cast<sockaddr*>(&address);
@@ -105,7 +105,7 @@ class TouchPanel : public Test {
         write_file(kRequest, "1");
     }
 
-    // Log lines, and what goes to standard error as it is.
+    // Returns the texts of the log lines and of plain standard error, without times.
     static std::string dump(const char* features) {
         set_property("ro.zq.features", features);
         const log_lines log;
@@ -129,13 +129,13 @@ class TouchPanel : public Test {
     }
 };
 
-TEST_F(TouchPanel, EveryControllerIsCapturedAsFarAsItCanBe) {
+TEST_F(TouchPanel, EachControllerIsCapturedOrItsFailureLogged) {
     struct {
         std::vector<std::string> missing;
         std::string messages;
-        const char* switches;  // what both nodes were told
-        std::string text;      // the output for the second one
-        int captures;
+        const char* switches;  // what was written last to the two switch nodes
+        std::string text;      // the second controller's output
+        int captures;          // of two seconds each
     } const cases[] = {
         {{}, kTimeIsOver + kHandOver + kHandOver, "00", kDiffs, 2},
         {{kOwners}, kTimeIsOver + kUnowned + kUnowned, "00", kDiffs, 2},
@@ -162,7 +162,7 @@ TEST_F(TouchPanel, EveryControllerIsCapturedAsFarAsItCanBe) {
     }
 }
 
-TEST_F(TouchPanel, NoLinkIsFollowedAndNoFifoWaitedFor) {
+TEST_F(TouchPanel, PlantedLinksAndFifosAreRefused) {
     const std::string dir = "/data/logs/touch_panel";
     const std::string secret = "/data/root/secret";
     write_file(secret, "kept");
@@ -194,11 +194,11 @@ TEST_F(TouchPanel, NoLinkIsFollowedAndNoFifoWaitedFor) {
     EXPECT_EQ(read_file(kOwners), "");
 }
 
-// The list of mounts is a kernel file that raises a priority event whenever it changes.
+// The list of mounts stands in for the node: a kernel file whose changes raise POLLPRI, too.
 TEST_F(TouchPanel, EveryChangeOfTheNodeIsASnapshot) {
     fs::remove(kReplayData);
     fs::create_symlink("/proc/self/mounts", kReplayData);
-    for (char c = 'a'; read_file(kReplayData).size() <= 2500; ++c) {  // more than one takes
+    for (char c = 'a'; read_file(kReplayData).size() <= 2500; ++c) {  // a snapshot's limit
         const std::string place = "/" + std::string(250, c);
         fs::create_directory(place);
         ASSERT_TRUE(mount_memory(place));

@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// What becomes of one file: history, report, event folder, log snapshot, notice; and the start-up
+// of detection. The watcher that finds the files is tried in watcher_test.cpp.
+
 #include <thread>
 
 #include "tests/device_fixture.h"
@@ -6,7 +10,7 @@
 #include "utils/util.h"
 #include "zq_event_log.h"
 
-// What the base log dump sleeps through is up to the test.
+// Takes the place of the pause between two passes of the base log dump.
 static std::function<void()> while_asleep;
 static unsigned seconds_slept = 0;
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
@@ -23,13 +27,9 @@ using namespace testing;
 
 const std::string kStaging = "/data/brevix/eventTemp/";
 
-const tm kSomeTime = [] {
-    tm time{};
-    strptime("2026-11-05 09", "%Y-%m-%d %H", &time);
-    return time;
-}();
+const tm kSomeTime{0, 0, 9, 5, 10, 126, 0, 0, 0, 0, nullptr};  // 2026-11-05 09:00:00
 
-// Until all children of the test but so many have ended.
+// Until only `count` children of the test still run.
 void wait_for_ends_but(int count) {
     EXPECT_TRUE(wait_until("/data", [=] {
         return std::ranges::count_if(processes(), [](const process& each) {
@@ -68,13 +68,14 @@ TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
                                                   "EVENT=LONGCATEGORY\nDATE=2026-11-05/09:00:00\n" +
                                                   device + "TYPE=Freeze\nNAME=com.example\n_END\n");
 
-    // A report too long for the FIFO, so that it ends after its reader has looked at the history.
+    // The report is longer than the FIFO holds, so it ends after its reader has looked at the
+    // history.
     fs::remove(kHistory);
     fs::remove("/data/e/eventfile");
     mkfifo("/data/e/eventfile", 0600);
     std::thread app([] {
         const std::ifstream report("/data/e/eventfile");
-        EXPECT_EQ(read_file(kHistory), "") << "a line whose report is not complete";
+        EXPECT_EQ(read_file(kHistory), "") << "the line comes after the whole report";
         std::ostringstream() << report.rdbuf();
     });
     write_history_event("CRASH", "ANR", "/data/e", std::string(100000, 'x').c_str(), kSomeTime);
@@ -85,27 +86,25 @@ TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
 // --- Base log dump -------------------------------------------------------------------------------
 
 TEST_F(Events, BaseLogDumpTakesFourSnapshots) {
-    // The first one is the last to end: a scan that meets only some of them finished would go on to
-    // the last pass.
+    // The first dump runs until the first pass has seen it: a pass that collected only some of the
+    // four would make the dump wait for all ten.
     mkfifo("/data/gate", 0600);
     write_program("/system/bin/timeout",
                   "case $4 in *pre_android*) cat /data/gate ;; esac; echo \"$*\" >>/data/dumps");
     while_asleep = [] {
-        wait_for_ends_but(1);
         write_file("/data/gate", "go on");
         wait_for_ends_but(0);
     };
     const log_lines log;
     ZQDumpBaseLog("/data/logs");
-    std::vector<std::string> dumps = read_lines("/data/dumps");
-    std::sort(dumps.begin(), dumps.end());
     const std::string logcat = "10 /system/bin/logcat -f /data/logs/";
-    EXPECT_THAT(dumps,
-                ElementsAre(logcat + "pre_android.log -b system -b main -b crash -v threadtime -d",
-                            logcat + "pre_event.log -b events -v threadtime -d",
-                            logcat + "pre_kernel.log -b kernel -v threadtime -d",
-                            logcat + "pre_radio.log -b radio -v threadtime -d"));
-    EXPECT_EQ(log_lines::count("still have some work"), 0U);
+    EXPECT_THAT(
+        read_lines("/data/dumps"),
+        UnorderedElementsAre(logcat + "pre_android.log -b system -b main -b crash -v threadtime -d",
+                             logcat + "pre_event.log -b events -v threadtime -d",
+                             logcat + "pre_kernel.log -b kernel -v threadtime -d",
+                             logcat + "pre_radio.log -b radio -v threadtime -d"));
+    EXPECT_EQ(log_lines::count("dump base log not done"), 1U);
     EXPECT_EQ(log_lines::count("dump base log done"), 4U);
 }
 
@@ -117,8 +116,8 @@ TEST_F(Events, BaseLogDumpEndsWhatHangsAfterTenPasses) {
     ZQDumpBaseLog("/data/logs");
     EXPECT_EQ(seconds_slept, 10U);
     EXPECT_EQ(log_lines::count("dump base log not done"), 10U);
-    EXPECT_EQ(log_lines::count("log done 0"), 1U) << "collected before is not done";
-    EXPECT_EQ(log_lines::count("log done 1"), 0U) << "killed is not done";
+    EXPECT_EQ(log_lines::count("log done 0"), 1U) << "one collected by an earlier pass is not done";
+    EXPECT_EQ(log_lines::count("log done 1"), 0U) << "a killed one is not done";
     EXPECT_EQ(log_lines::count("still have some work not done yet, skip"), 1U);
     while (waitpid(-1, nullptr, 0) > 0) {
     }
@@ -162,12 +161,17 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
     }
 }
 
-TEST_F(Events, AsManyFoldersOfAPrefixAreKeptAsSet) {
+TEST_F(Events, TheLimitHoldsForFoldersOfAPrefixAndForStagedOnes) {
     fs::create_directories(kCrashlog + "crashlog_7_ANR_t");
     fs::create_directories(kCrashlog + "crashlog_bad");
     event_num_limit = 3;
-    write_file(kStaging + "oldest", "");
-    fs::last_write_time(kStaging + "oldest", fs::file_time_type::clock::now() - 24h);
+    // tmpfs lists entries by age: neither end of the list is the one to go.
+    fs::create_directories(kStaging);
+    ASSERT_TRUE(mount_memory(kStaging));
+    for (const auto& [name, age] : {std::pair{"latest", -24h}, std::pair{"oldest", 24h}}) {
+        write_file(kStaging + name, "");
+        fs::last_write_time(kStaging + name, fs::file_time_type::clock::now() - age);
+    }
     for (int i = 0; i < 4; ++i) {
         move_into_dropbox("app_anr@" + std::to_string(i));
         EXPECT_EQ(collect(0, 1, "app_anr@" + std::to_string(i)), collect_result::done);
@@ -175,8 +179,7 @@ TEST_F(Events, AsManyFoldersOfAPrefixAreKeptAsSet) {
     EXPECT_THAT(names_in(kCrashlog), ElementsAre(MatchesRegex("crashlog_10_ANR_" + kTime),
                                                  MatchesRegex("crashlog_11_ANR_" + kTime),
                                                  MatchesRegex("crashlog_9_ANR_" + kTime)));
-    EXPECT_THAT(names_in(kStaging), AllOf(SizeIs(3), Each(StartsWith("crashlog_"))))
-        << "the oldest goes for each that comes";
+    EXPECT_THAT(names_in(kStaging), AllOf(SizeIs(3), Contains("latest"), Not(Contains("oldest"))));
 }
 
 TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
@@ -223,7 +226,7 @@ TEST_F(Events, OnlySystemServerCrashesGetASnapshotAndAllAreStagedBeforeTheNotice
     EXPECT_THAT(names_in(kCrashlog + folders.at(1)), SizeIs(6));
 }
 
-TEST_F(Events, WhatFailsIsSaidAndTheRestGoesOn) {
+TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
     const log_lines log;
     write_file("/data/brevix/eventTemp", "a file in the way");
     const std::string gone = "system_server_crash_gone";
@@ -262,7 +265,7 @@ TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     set_property("ro.debuggable", "1");
     set_property("persist.service.brevix.ev.num", "12");
     fs::create_directories("/data/e");
-    // Its observer threads have no end but that of their process.
+    // In a process of its own, because observer threads never end.
     const pid_t pid = fork();
     if (pid == 0) {
         const int result = ZQEventDetect();

@@ -1,21 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
+
+// General log captures: their commands, folders and children, called directly and in the daemon.
+
 #include <linux/sched.h>
 #include <spawn.h>
 
+#include <map>
+
 #include "tests/device_fixture.h"
+#include "utils/children.h"
 #include "utils/util.h"
 #include "zq_general_log.h"
 
-// Bionic allocates in these two.
-int spawn_settings_left = -1;  // negative: no end of them
+// Bionic allocates in these two, so they can fail there; glibc only clears the objects.
+int spawn_settings_left = -1;  // until a call fails; negative: none does
 
-extern "C" int __real_posix_spawnattr_init(posix_spawnattr_t* attributes);
 extern "C" int __wrap_posix_spawnattr_init(posix_spawnattr_t* attributes) {
-    return spawn_settings_left-- == 0 ? ENOMEM : __real_posix_spawnattr_init(attributes);
+    *attributes = {};
+    return spawn_settings_left-- == 0 ? ENOMEM : 0;
 }
-extern "C" int __real_posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions);
 extern "C" int __wrap_posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions) {
-    return spawn_settings_left-- == 0 ? ENOMEM : __real_posix_spawn_file_actions_init(actions);
+    *actions = {};
+    return spawn_settings_left-- == 0 ? ENOMEM : 0;
 }
 
 namespace {
@@ -31,50 +37,50 @@ class GeneralLog : public Test {
 };
 
 TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
-    write_program("/system/bin/logcat", "echo \"$*\" >>/data/commands; exec sleep 1000");
-    const std::string android = "-b system -b main -b crash -v threadtime -f /android.log -r ";
-    const std::string event = "-b events -v threadtime -f /event.log -r 2000 -n ";
-    const std::string kernel = "-b kernel -v threadtime -f /kernel.log -r 6000 -n 2";
-    const std::string radio = "-b radio -v threadtime -f /radio.log -r 6000 -n 2";
+    // Without the folder, which holds the time.
+    write_program("/system/bin/logcat",
+                  "echo \"$*\" | sed 's|/data.*/||' >>/data/commands; exec sleep 1000");
+    const std::string android = "-b system -b main -b crash -v threadtime -f android.log -r ";
+    const std::string event = "-b events -v threadtime -f event.log -r 2000 -n ";
+    const std::string kernel = "-b kernel -v threadtime -f kernel.log -r 6000 -n 2";
+    const std::string radio = "-b radio -v threadtime -f radio.log -r 6000 -n 2";
     const struct {
         const char* name;
-        std::vector<std::string> properties;
-        std::vector<std::string> commands;  // sorted
+        std::map<std::string, std::string> properties;
+        std::vector<std::string> commands;
     } cases[] = {
         {"defaults", {}, {event + "2", kernel, radio, android + "20000 -n 5"}},
         {"boost",
-         {"sys.brevix.dynamic.log=1", "persist.sys.apklogfs.size=40",
-          "persist.sys.apklogfs.rotate_kbytes=6000", "persist.sys.eventlogfs.size=7",
-          "persist.service.radiologfs.enable=10"},
-         {event + "7", kernel, android + "50000 -n 40"}},
+         {{"sys.brevix.dynamic.log", "1"}},
+         {event + "2", kernel, radio, android + "50000 -n 30"}},
+        {"own settings, beyond the boost",
+         {{"persist.sys.apklogfs.size", "40"},
+          {"persist.sys.apklogfs.rotate_kbytes", "60000"},
+          {"persist.sys.eventlogfs.size", "7"},
+          {"persist.service.radiologfs.enable", "10"}},
+         {event + "7", kernel, android + "60000 -n 40"}},
         {"all off",
-         {"persist.service.apklogfs.enable=0", "persist.service.eventlogfs.enable=0"},
+         {{"persist.service.apklogfs.enable", "0"}, {"persist.service.eventlogfs.enable", "0"}},
          {}},
     };
     for (const auto& c : cases) {
-        fs::remove("/data/commands");
-        for (const std::string& property : c.properties) {
-            set_property(property.substr(0, property.find('=')),
-                         property.substr(property.find('=') + 1));
+        write_file("/data/commands", "");
+        for (const auto& [name, value] : c.properties) {
+            set_property(name, value);
         }
         const log_lines log;
         capturing(nullptr, true);
         const auto commands = [] { return read_lines("/data/commands"); };
         wait_until("/data", [&] { return commands().size() >= c.commands.size(); });
         capturing(nullptr, false);
-        std::vector<std::string> ran = commands();
-        for (std::string& command : ran) {
-            const size_t path = command.find(kGeneral);
-            command.erase(path, command.find_last_of('/', command.find(".log ")) - path);
-        }
-        EXPECT_THAT(ran, UnorderedElementsAreArray(c.commands)) << c.name;
+        EXPECT_THAT(commands(), UnorderedElementsAreArray(c.commands)) << c.name;
         EXPECT_EQ(log.count(" is not enabled"), 4 - c.commands.size());
         EXPECT_EQ(log.count("no task to do"), c.commands.empty() ? 1U : 0U);
     }
-    EXPECT_THAT(names_in(kGeneral), SizeIs(2)) << "without a channel no directory stays";
+    EXPECT_THAT(names_in(kGeneral), SizeIs(3)) << "without a channel no directory stays";
 }
 
-TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
+TEST_F(GeneralLog, FailuresAreLogged) {
     const auto last_line = [] {
         const log_lines log;
         capturing(nullptr, true);
@@ -99,11 +105,8 @@ TEST_F(GeneralLog, WhatStandsInTheWayIsSaid) {
     EXPECT_EQ(last_line(), "E ZQ_GENERAL_LOG: create new general log dir failed!");
 }
 
-TEST_F(GeneralLog, AChannelWithoutMemoryForItsStartIsSaid) {
-    const pid_t stranger = fork();
-    while (stranger == 0) {
-        pause();
-    }
+TEST_F(GeneralLog, AChannelThatFailsForMemoryIsLoggedAndNotSignalled) {
+    const pid_t stranger = start("exec sleep 1000");
     for (const int settings : {0, 1}) {
         const log_lines log;
         spawn_settings_left = settings;
@@ -114,7 +117,8 @@ TEST_F(GeneralLog, AChannelWithoutMemoryForItsStartIsSaid) {
         EXPECT_EQ(log.count(", pid: "), 3U);
     }
     kill(stranger, SIGKILL);
-    EXPECT_EQ(wait_status(stranger), SIGKILL) << "a child that is none was signalled as -1, all";
+    EXPECT_EQ(wait_status(stranger), SIGKILL)
+        << "the failed start's -1 was signalled: all processes";
     for (int i = 0; i < 6; ++i) {
         EXPECT_NE(wait_status(-1), SIGKILL);
     }
@@ -135,10 +139,12 @@ TEST_F(GeneralLog, TenCapturesAreKeptBelowTheCeiling) {
     EXPECT_THAT(names_in(kGeneral), ElementsAre(StartsWith("ZQLog_11_"), StartsWith("ZQLog_12_")));
 }
 
-// --- The daemon, switched by its property --------------------------------------------------------
-
-// A process that does nothing, with a pid that is free.
-pid_t start_stranger(pid_t pid) {
+// The kernel gives the pid of a collected child to another process.
+TEST_F(GeneralLog, AChildThatWasCollectedIsNotSignalled) {
+    const char* const argv[] = {"/system/bin/true", nullptr};
+    pid_t pid = start_kept_child("test", const_cast<char* const*>(argv));
+    ASSERT_TRUE(wait_for_end(pid));
+    collect_ended_children();
     clone_args arguments{};
     arguments.exit_signal = SIGCHLD;
     arguments.set_tid = reinterpret_cast<uintptr_t>(&pid);
@@ -147,33 +153,29 @@ pid_t start_stranger(pid_t pid) {
     while (stranger == 0) {
         pause();
     }
-    return stranger;
+    ASSERT_EQ(stranger, pid);
+    signal_kept_children(SIGTERM);
+    kill(stranger, SIGKILL);
+    EXPECT_EQ(wait_status(stranger), SIGKILL);
 }
+
+// --- The daemon, switched by its property --------------------------------------------------------
 
 class Daemon : public GeneralLog {
   protected:
-    void SetUp() override { make_event_folders(); }
-
-    size_t ended_children() const {
-        return std::ranges::count_if(processes(), [this](const process& each) {
-            return each.parent == daemon_.pid && each.has_ended;
-        });
-    }
-
     static void set_switch(bool on) {
         set_property("persist.service.start.capture", on ? "1" : "0");
     }
 
-    // Until the daemon's last word on the switch is this one and, after an "on", the last channel
-    // started.
+    // Until the switch's last line in the log is this one and, after an "on", the last channel
+    // runs.
     static bool wait_for(bool on) {
         return wait_until("/data", [=] {
             const std::string text = read_file(log_lines::kFile);
-            const size_t start = text.rfind(": start capturing");
-            const size_t stop = text.rfind(": stop capturing");
-            return on ? start != text.npos && (stop == text.npos || stop < start) &&
-                            text.find(": tag: kernel, pid", start) != text.npos
-                      : stop != text.npos && (start == text.npos || start < stop);
+            const size_t start = text.rfind(": start capturing") + 1;  // 0 without one
+            const size_t stop = text.rfind(": stop capturing") + 1;
+            return on ? start > stop && text.find(": tag: kernel, pid", start) != text.npos
+                      : stop > start;
         });
     }
     static bool flip(bool on) {
@@ -195,13 +197,13 @@ TEST_F(Daemon, ACaptureIsOpenToAllAndEndsWithItsSwitch) {
     EXPECT_TRUE(std::ranges::all_of(children, [](pid_t pid) { return wait_for_end(pid); }));
 }
 
-TEST_F(Daemon, FlippedAsFastAsItGoesTheLastStateHolds) {
+TEST_F(Daemon, AfterRapidSwitchesTheLastStateHolds) {
     for (const bool on : {true, false}) {
         for (int i = 0; i < 500; ++i) {
             set_switch((i % 2 == 1) == on);
         }
         ASSERT_TRUE(wait_for(on));
-        // Whatever was sent a SIGTERM ends; only those of the present capture stay.
+        // SIGTERM ends every channel of the earlier captures; those of the last one run on.
         const size_t left = on ? 4 : 0;
         EXPECT_TRUE(wait_until("/data", [=] { return processes_named("logcat").size() == left; }));
     }
@@ -214,36 +216,12 @@ TEST_F(Daemon, WithoutLogcatNothingIsLeftRunning) {
     EXPECT_THAT(processes_named("zq_brevix"), SizeIs(1));
 }
 
-TEST_F(Daemon, APidThatWasCollectedIsNotSignalled) {
-    write_program("/system/bin/logcat", "echo $$ >>/data/pids");
-    set_property("persist.service.event.detect", "1");
-    ASSERT_TRUE(wait_for_text(log_lines::kFile, "/data/tombstones has been snooped"));
-    ASSERT_TRUE(flip(true));
-    ASSERT_TRUE(wait_until("/data", [this] { return ended_children() == 4; }));
-    move_into_dropbox("anr@1");
-    ASSERT_TRUE(wait_for_text(log_lines::kFile, "disable detecting CRASH")) << "never switched on";
-    ASSERT_TRUE(wait_until("/data", [this] { return ended_children() == 0; }));
-    std::vector<pid_t> strangers;
-    for (const std::string& pid : read_lines("/data/pids")) {
-        strangers.push_back(start_stranger(std::stoi(pid)));
-        ASSERT_EQ(std::to_string(strangers.back()), pid);
-    }
-    ASSERT_TRUE(flip(false));
-    // Handlers run one at a time: when the next one begins, that of the capture is through.
-    set_property("persist.service.event.detect", "0");
-    ASSERT_TRUE(wait_for_text(log_lines::kFile, "stop detecting"));
-    for (const pid_t stranger : strangers) {
-        kill(stranger, SIGKILL);
-        EXPECT_EQ(wait_status(stranger), SIGKILL);
-    }
-}
-
-TEST_F(GeneralLog, ANumberThatIsNoneEndsTheDaemon) {
+TEST_F(GeneralLog, AMalformedNumberEndsTheDaemon) {
     const log_lines log;
     set_property("persist.service.brevix.gl.num", "ten");
     set_property("persist.service.start.capture", "1");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
-    // One that gives up at the upgrade has subscribed nothing yet.
+    // The upgrade comes before the first subscription.
     set_property("persist.service.brevix.version", "new");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
     EXPECT_EQ(log_lines::count("start.capture changed to 1"), 1U);

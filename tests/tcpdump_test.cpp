@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <arpa/inet.h>
-#include <sys/socket.h>
+
+// The packet capture: its command, what it records, and that nothing of it outlives its end.
 
 #include <thread>
 
@@ -14,7 +14,7 @@ using namespace fixture;
 using namespace testing;
 
 constexpr char kSwitch[] = "sys.tcpdump";
-constexpr char kOutput[] = "/data/output";
+constexpr char kOutput[] = "/data/tool_output";
 
 TEST(CaptureCommand, IsMadeOfTheProperties) {
     struct {
@@ -45,12 +45,12 @@ TEST(CaptureCommand, IsMadeOfTheProperties) {
     EXPECT_THROW(capture_command("2147483648,1", "", "1"), std::out_of_range);
 }
 
-// Whatever else runs in the device, zombies included.
+// All but the device's init and the test itself, zombies included.
 std::vector<std::string> other_processes() {
     std::vector<std::string> names;
-    for (const std::string& pid : names_in("/proc")) {
-        if (isdigit(pid[0]) != 0 && pid != "1" && pid != std::to_string(getpid())) {
-            names.push_back(pid + " " + read_file("/proc/" + pid + "/comm"));
+    for (const process& each : processes()) {
+        if (each.pid != 1 && each.pid != getpid()) {
+            names.push_back(each.name);
         }
     }
     return names;
@@ -66,7 +66,7 @@ class Capture : public Test {
     void start() {
         set_property(kSwitch, "0");
         fs::remove(kOutput);
-        tool_ = fixture::start("exec zq_brevix tcpdump x >/data/output 2>&1");
+        tool_ = fixture::start("exec zq_brevix tcpdump x >/data/tool_output 2>&1");
         set_property(kSwitch, "1");
         ASSERT_TRUE(wait_for_text(kOutput, "start recording"));
     }
@@ -87,36 +87,25 @@ class Capture : public Test {
 
     void expect_end_by(int sig) {
         kill(tool_, sig);
-        EXPECT_EQ(wait_status(tool_) & 0x7f, sig);  // without a bit for a core
+        EXPECT_EQ(WTERMSIG(wait_status(tool_)), sig);
         EXPECT_THAT(other_processes(), IsEmpty()) << sig;
     }
 
     pid_t tool_ = -1;
 };
 
-void send_packets(int count) {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{AF_INET, htons(4242), {htonl(INADDR_LOOPBACK)}, {}};
-    auto* const to = reinterpret_cast<sockaddr*>(&address);
-    const std::string payload(1000, 'x');
-    for (int i = 0; i < count; ++i) {
-        sendto(fd, payload.data(), payload.size(), 0, to, sizeof(address));
-    }
-    close(fd);
-}
-
 TEST_F(Capture, LeavesReadablePacketsAndNoProcess) {
     if (chown("/data/tcpdump", 2900, 2900) != 0) {
         GTEST_SKIP() << "Debian's tcpdump changes its user, which only a real root may";
     }
     start();
-    // tcpdump writes what it has in blocks: the first one in the file shows that it is at work, the
-    // rest of what was sent until then is what a kill would lose.
+    // tcpdump writes in blocks: the first one in the file shows that it records, and what it has
+    // buffered by then is what a SIGKILL would lose.
     std::string file;
     ASSERT_TRUE(wait_until("/data/tcpdump", [&] {
         for (const std::string& name : names_in("/data/tcpdump")) {
             file = "/data/tcpdump/" + name;
-            send_packets(100);
+            run("bash -c 'for i in {1..100}; do printf %1000s >/dev/udp/127.0.0.1/4242; done'");
         }
         return !file.empty() && fs::file_size(file) > 0;
     }));
@@ -143,27 +132,28 @@ TEST_F(Capture, AStopAtAnyMomentLeavesNoProcess) {
                 StartsWith("-i any -p -s 128 -C 100 -W 10 -w/data/tcpdump/20"));
 }
 
+// Needs a moment to write its last block, and leaves a file when it had that moment.
 constexpr char kEndsInItsOwnTime[] =
     "trap 'sleep 0.2; echo >/data/flushed; exit' TERM; echo >/data/started; "
     "while true; do sleep 1000; done";
 
-TEST_F(Capture, WhateverEndsEarlyTheRestEndsInItsOwnTimeButEnds) {
+TEST_F(Capture, AStopWaitsForTcpdumpAndKillsItAfterThreeSeconds) {
     start_and_wait("echo >/data/started; exit 1");
     stop();
-    start_and_wait(std::string("kill -9 $PPID; ") + kEndsInItsOwnTime);  // its shell
+    start_and_wait(std::string("kill -9 $PPID; ") + kEndsInItsOwnTime);  // the shell dies first
     stop();
     EXPECT_TRUE(fs::remove("/data/flushed"));
     start_and_wait("trap '' TERM; echo >/data/started; while true; do sleep 1000; done");
     stop();
 }
 
-TEST_F(Capture, WhateverEndsTheToolTheCaptureEndsFirst) {
+TEST_F(Capture, AnEndSignalEndsTheCaptureBeforeTheTool) {
     for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
         start_and_wait(kEndsInItsOwnTime);
         expect_end_by(sig);
         EXPECT_TRUE(fs::remove("/data/flushed")) << sig;
     }
-    // As a tool inherits it: blocked, and ignored.
+    // A parent may have left them blocked, and SIGHUP ignored.
     sigset_t blocked;
     sigfillset(&blocked);
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
@@ -175,7 +165,7 @@ TEST_F(Capture, WhateverEndsTheToolTheCaptureEndsFirst) {
     stop();
 }
 
-TEST_F(Capture, WithoutAThreadTheStopStillComes) {
+TEST_F(Capture, WithoutAThreadTheToolStillEndsAtTheStop) {
     write_file("/data/tcpdump/old.pcap", "");
     set_property(kSwitch, "1");
     const log_lines log;
