@@ -90,7 +90,7 @@ void mask_signals(int how) {
     pthread_sigmask(how, &signals, nullptr);
 }
 
-// What is ignored stays so, as under nohup, but for SIGTERM, which is also the stop's own.
+// An ignored signal stays ignored, as under nohup, except SIGTERM, which stop_recorder sends.
 void handle_end_signals() {
     for (const int sig : kEndSignals) {
         struct sigaction present {};

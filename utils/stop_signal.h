@@ -23,8 +23,7 @@ void wait_unblocked(std::span<const int> signals, int fd);
 // Ends the process by `sig`, as without a handler.
 void end_process_by(int sig);
 
-// --- Stoppable threads: SIGTERM alone
-// -------------------------------------------------------------
+// --- Stoppable threads: by SIGTERM only ----------------------------------------------------------
 
 inline constexpr int kStopSignals[] = {SIGTERM};
 
