@@ -63,10 +63,10 @@ void measure(const char* figure, int work, int kept, size_t at_once, int rounds)
 
 }  // namespace
 
-void road(int kept_folders) {
+void measure_road(int kept_folders) {
     measure("road", kept_folders, kept_folders, 1, 3000 / kept_folders);
 }
 
-void burst(int tombstones_at_once) {
+void measure_burst(int tombstones_at_once) {
     measure("burst", tombstones_at_once, 10, tombstones_at_once, 4);
 }

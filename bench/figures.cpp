@@ -81,10 +81,10 @@ struct figure {
 };
 
 const std::map<std::string, figure> kFigures = {
-    {"road", {{10, 100}, road}},       {"burst", {{50, 500}, burst}},
-    {"count", {{1000, 10000}, count}}, {"size", {{5000, 50000}, size}},
-    {"switch", {{4}, capture_switch}}, {"idle", {{30}, idle}},
-    {"armed", {{100}, armed}},
+    {"road", {{10, 100}, measure_road}},       {"burst", {{50, 500}, measure_burst}},
+    {"count", {{1000, 10000}, measure_count}}, {"size", {{5000, 50000}, measure_size}},
+    {"switch", {{4}, measure_switch}},         {"idle", {{30}, measure_idle}},
+    {"armed", {{100}, measure_armed}},
 };
 
 void switch_detection_on() {

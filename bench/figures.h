@@ -14,13 +14,13 @@
 
 // --- Figures, by their amount of work ------------------------------------------------------------
 
-void road(int kept_folders);
-void burst(int tombstones_at_once);
-void count(int folders);
-void size(int files);
-void capture_switch(int channels);
-void idle(int seconds);
-void armed(int starts);
+void measure_road(int kept_folders);
+void measure_burst(int tombstones_at_once);
+void measure_count(int folders);
+void measure_size(int files);
+void measure_switch(int channels);
+void measure_idle(int seconds);
+void measure_armed(int starts);
 
 // --- Steps ---------------------------------------------------------------------------------------
 

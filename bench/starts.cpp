@@ -78,7 +78,7 @@ long wakeups(pid_t pid) {
 
 }  // namespace
 
-void capture_switch(int channels) {
+void measure_switch(int channels) {
     // A stand-in, because what a real logcat does after its start is not the switch.
     std::filesystem::remove("/system/bin/logcat");
     std::filesystem::create_symlink("/bench/started", "/system/bin/logcat");
@@ -92,7 +92,7 @@ void capture_switch(int channels) {
          {"script", [&] { return switch_on_and_off("bench.capture", channels, started); }}});
 }
 
-void armed(int starts) {
+void measure_armed(int starts) {
     make_folders("/data/floor");
     std::fstream lines = open_fifo("/data/lines");
     // The programs inherit it; this process's own log is of no use here.
@@ -105,7 +105,7 @@ void armed(int starts) {
          {"floor", [&] { return measure_start(floor, "armed", lines); }}});
 }
 
-void idle(int seconds) {
+void measure_idle(int seconds) {
     set_property("persist.service.start.capture", "1");
     const program daemon("daemon", "zq_brevix",
                          {"tag: kernel, pid", "tombstones has been snooped",

@@ -22,7 +22,7 @@ std::function<double()> timed_line(const std::string& shell_line) {
 
 }  // namespace
 
-void count(int folders) {
+void measure_count(int folders) {
     const std::string dir = "/data/count_" + std::to_string(folders) + "/";
     for (int i = 0; i < folders; ++i) {
         fs::create_directories(dir + "crashlog_" + std::to_string(i) + "_ANR_2026-11-21-09-30-05");
@@ -46,7 +46,7 @@ void count(int folders) {
 }
 
 // A capture has 20 files: those of four channels, rotated.
-void size(int files) {
+void measure_size(int files) {
     constexpr int kFilesOfCapture = 20;
     const std::string dir = "/data/size_" + std::to_string(files);
     for (int i = 0; i < files; ++i) {
