@@ -36,7 +36,8 @@ namespace {
 
 struct options {
     std::set<log_id_t> buffers;
-    std::shared_ptr<AndroidLogFormat> format{android_log_format_new(), android_log_format_free};
+    // Lives as long as the process: liblog's free leaks the filters.
+    AndroidLogFormat* format = android_log_format_new();
     bool is_dump = false;        // ends with the entries that are there
     std::string file;            // "": standard output
     unsigned rotate_kbytes = 0;  // 0: never
@@ -64,7 +65,7 @@ void set_format(options& result, const char* name) {
     if (format == FORMAT_OFF || format == FORMAT_MODIFIER_ZONE) {
         errx(EXIT_FAILURE, "unknown format '%s'", name);
     }
-    android_log_setPrintFormat(result.format.get(), format);
+    android_log_setPrintFormat(result.format, format);
 }
 
 void set_number(unsigned& number, int option) {
@@ -101,7 +102,7 @@ options parse_options(int argc, char* argv[]) {
         apply(result, option);
     }
     for (int i = optind; i < argc; ++i) {
-        if (android_log_addFilterRule(result.format.get(), argv[i]) != 0) {
+        if (android_log_addFilterRule(result.format, argv[i]) != 0) {
             errx(EXIT_FAILURE, "invalid filter '%s'", argv[i]);
         }
     }
@@ -280,7 +281,7 @@ class logcat {
 
     void write_entry(shown_buffer& buffer) {
         const AndroidLogEntry& entry = *buffer.source->peek();
-        if (android_log_shouldPrintLine(how_.format.get(), entry.tag, entry.priority) != 0) {
+        if (android_log_shouldPrintLine(how_.format, entry.tag, entry.priority) != 0) {
             if (!std::exchange(buffer.is_announced, true)) {
                 output_.write(std::string("--------- beginning of ") +
                               android_log_id_to_name(buffer.id) + "\n");
@@ -294,7 +295,7 @@ class logcat {
         char line[1024];
         size_t size = 0;
         char* const text =
-            android_log_formatLogLine(how_.format.get(), line, sizeof(line), &entry, &size);
+            android_log_formatLogLine(how_.format, line, sizeof(line), &entry, &size);
         if (text == nullptr) {
             err(EXIT_FAILURE, "cannot format a line");
         }
@@ -326,7 +327,7 @@ class logcat {
 // -f it writes the entries logged before the signal first.
 int main(int argc, char* argv[]) {
     try {
-        const options how = parse_options(argc, argv);
+        static const options how = parse_options(argc, argv);
         logcat(how).run();
     } catch (const std::exception& error) {
         errx(EXIT_FAILURE, "%s", error.what());
