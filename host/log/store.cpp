@@ -81,6 +81,11 @@ std::string encode(AndroidLogEntry entry) {
     return bytes;
 }
 
+[[noreturn]] void reject_store() {
+    errno = EBADMSG;
+    throw_errno(kLogFolder);
+}
+
 // --- The ring ------------------------------------------------------------------------------------
 
 // These functions need the lock and set errno when they fail.
@@ -192,15 +197,16 @@ std::optional<AndroidLogEntry> take_log_entry(std::string_view& bytes) {
         return std::nullopt;
     }
     memcpy(&entry, bytes.data(), sizeof(entry));
-    const bool is_whole = is_sound(entry) && stored_bytes(entry) <= bytes.size();
-    if (is_sound(entry) && !is_whole) {
+    if (!is_sound(entry)) {
+        reject_store();
+    }
+    if (stored_bytes(entry) > bytes.size()) {
         return std::nullopt;
     }
     entry.tag = bytes.data() + sizeof(entry);
     entry.message = entry.tag + entry.tagLen + 1;
-    if (!is_whole || entry.message[-1] != '\0' || entry.message[entry.messageLen] != '\0') {
-        errno = EBADMSG;
-        throw_errno(kLogFolder);
+    if (entry.message[-1] != '\0' || entry.message[entry.messageLen] != '\0') {
+        reject_store();
     }
     bytes.remove_prefix(stored_bytes(entry));
     return entry;
