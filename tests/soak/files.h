@@ -53,7 +53,8 @@ inline const std::string kDump = "/(state|transaction_log|transactions|sf_" + kT
 inline const std::string kCapture = "/data/logs/general_log/ZQLog_[0-9]+_" + kTime;
 
 // Every file that may exist. Modes below 777 are what umask 077 of services leaves. A capture's
-// file exceeds its 64 kB by at most one line, of some 4 kB. A second filler would exceed the
+// file exceeds its 64 kB by at most one line, of some 4 kB. A written tombstone's first event
+// copies it at its creation, perhaps before it has content. A second filler would exceed the
 // ceiling of all captures.
 // clang-format off
 inline const known_file kKnownFiles[] = {
@@ -61,6 +62,7 @@ inline const known_file kKnownFiles[] = {
     {kEvent,                                                         "777"},
     {kEvent + "/eventfile",                                          "600", "[1-9][0-9]*"},
     {kEvent + kSource,                                               "777", "[1-9][0-9]*"},
+    {kEvent + "/tombstone_written[0-9]+",                            "777"},
     {kEvent + kDump},
     {"/data/logs/history\\.event",                                   "600"},
     {"/data/logs/console-ramoops-0-" + kTime,                        "777"},
