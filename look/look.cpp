@@ -113,10 +113,15 @@ void write_page(const collected& all, const char* file) {
         for (const std::string& cell : row_of(e)) {
             out << "," << json(cell.substr(0, 512));
         }
-        out << "," << json(e.number == 0 ? "" : all.describe(e, share)) << "]";
+        out << "]";
         comma = ",";
     }
-    if (!(out << "]</script>\n</html>\n").flush()) {
+    // A line of its own for each entry, parsed when it is opened: all at once would take a second.
+    out << "]</script>\n<script type=\"text/plain\" id=\"details\">";
+    for (const entry& e : all.entries) {
+        out << "[" << e.time << "," << json(e.number == 0 ? "" : all.describe(e, share)) << "]\n";
+    }
+    if (!(out << "</script>\n</html>\n").flush()) {
         throw std::runtime_error(std::string(file) + " cannot be written");
     }
     std::cout << file << '\n';

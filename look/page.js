@@ -2,11 +2,12 @@
 // Builds the page from its rows: time axis, counts, list and the open event.
 // What was collected is untrusted: it enters the page only as text nodes and attribute values.
 const $ = (id) => document.getElementById(id);
-const rows = JSON.parse($("rows").textContent).map(([time, end, ...cells]) => {
-  const [number, when, category, type, owner, line, folder, details] = cells;
-  return { time, end: Math.max(time, end), number, when, category, type, owner, line, folder, details,
-    isEvent: category === "CRASH" || category === "CUSTOM", text: cells.slice(0, -1).join(" ").toLowerCase() };
+const rows = JSON.parse($("rows").textContent).map(([time, end, ...cells], place) => {
+  const [number, when, category, type, owner, line, folder] = cells;
+  return { time, end: Math.max(time, end), number, when, category, type, owner, line, folder, place,
+    isEvent: category === "CRASH" || category === "CUSTOM", text: cells.join(" ").toLowerCase() };
 });
+let details;
 const events = rows.filter((row) => row.isEvent);
 let shown = rows;
 
@@ -106,7 +107,8 @@ function showEvent() {
   document.querySelectorAll("[aria-current]").forEach((one) => one.removeAttribute("aria-current"));
   $("event").hidden = !row;
   if (!row) return;
-  const parts = row.details.split(/^== (.*)\n/m).slice(1);
+  details ??= $("details").textContent.split("\n");
+  const parts = JSON.parse(details[row.place])[1].split(/^== (.*)\n/m).slice(1);
   $("event").replaceChildren(make("a", { href: "#", "aria-label": "Close" }, "\u00d7"),
     make("h2", {}, `${row.number} ${row.type || row.category}`), make("p", {}, `${row.when} ${row.owner}`),
     make("p", {}, row.line), make("p", {}, row.folder),
