@@ -2,7 +2,6 @@
 #define LOG_TAG "ZQ_BREVIX"
 
 #include <android-base/logging.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <climits>
@@ -14,6 +13,8 @@
 #include "tool/zq_dump_info.h"
 #include "tool/zq_tcpdump.h"
 #include "tool/zq_touchpanel.h"
+#include "utils/children.h"
+#include "utils/stop_signal.h"
 #include "utils/system_property_observer.h"
 #include "utils/upgrade.h"
 #include "utils/util.h"
@@ -31,6 +32,7 @@ const char* volatile version = "zq_brevix " TEXT(ZQ_VERSION);
 
 [[noreturn]] void run_daemon() {
     LOG(INFO) << "ZQLog main start!!";
+    receive_child_ends();
     ZQCheckUpgrade();
     ZQSubscribe("persist.service.start.capture", capturing);
     ZQEventDetect();
@@ -39,10 +41,8 @@ const char* volatile version = "zq_brevix " TEXT(ZQ_VERSION);
     }
 }
 
-// Ignores the terminal's signals while the shell line runs, as system() does for `cmd`.
 void copy_folder(int /*argc*/, char* argv[]) {
-    signal(SIGINT, SIG_IGN);
-    signal(SIGQUIT, SIG_IGN);
+    const ignored_terminal_signals ignored;
     ZQCopyFolder(argv[2], argv[3]);
 }
 

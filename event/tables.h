@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -35,6 +37,9 @@ struct event_watch {
 };
 
 extern event_watch event_watches[2];
+
+// The permission bits that the platform's init gives these directories.
+inline constexpr mode_t kLeastModes[] = {0700, 0771};
 
 // Maximum of event folders per name prefix and of entries in the staging folder. Written once, by
 // ZQEventDetect.

@@ -80,6 +80,15 @@ class Watcher : public Test {
         ASSERT_TRUE(wait_until("/data", [&] { return watches() == (on ? 2 : 0); }));
     }
 
+    // The last thread; the kernel may choose it, too, for a signal to the process.
+    pid_t watcher_thread() const {
+        pid_t last = 0;
+        for (const std::string& thread : names_in(proc(daemon_.pid, "task"))) {
+            last = std::max(last, std::stoi(thread));
+        }
+        return last;
+    }
+
     // An event that is handled in full shows that nothing from before stands in its way.
     void expect_next_event() {
         const size_t told = read_lines(kNotices).size();
@@ -196,23 +205,34 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
     daemon_.start_again_after_its_end("umask 077; exec " + user + "zq_brevix");
     wait_until_armed(2);
     for (size_t i = 1; i <= 10; ++i) {
-        if (i % 2 == 0) {
-            fs::rename(kTombstones, "/data/moved" + std::to_string(i));
-        } else {
+        kill(daemon_.pid, SIGSTOP);
+        if (i % 3 == 0) {
             fs::remove_all(kTombstones);
+        } else {
+            fs::rename(kTombstones, "/data/moved" + std::to_string(i));
         }
+        if (i % 4 == 0) {  // somebody else is first
+            run("mkdir /data/tombstones && chown system:system /data/tombstones");
+        }
+        kill(daemon_.pid, SIGCONT);
         ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted", i));
         EXPECT_EQ(watches(), 2U) << "none stays behind with a directory that was moved";
         write_file("/data/stone", "");
         ASSERT_EQ(link("/data/stone", (kTombstones + "tombstone_01").c_str()), 0);
         ASSERT_TRUE(wait_for_notices(i));
     }
-    EXPECT_EQ(mode_of(kTombstones), 0700) << "under init's umask";
+    EXPECT_EQ(mode_of(kTombstones), 0771) << "open to the platform's writers under init's umask";
     fs::rename(kDropbox, "/data/system/moved");
     ASSERT_TRUE(wait_for_log("/data/system/dropboxhas been deleted"));
     move_into_dropbox("anr");
     ASSERT_TRUE(wait_for_notices(11));
-    EXPECT_EQ(types_in_history().size(), 11U);
+    kill(daemon_.pid, SIGSTOP);
+    fs::rename(kDropbox, "/data/system/moved2");
+    fs::rename("/data/system/moved2", kDropbox);
+    kill(daemon_.pid, SIGCONT);
+    move_into_dropbox("anr@back");
+    ASSERT_TRUE(wait_for_notices(12));
+    EXPECT_EQ(types_in_history().size(), 12U);
     EXPECT_THAT(names_in(kCrashlog), SizeIs(10)) << "kept unless set otherwise";
 }
 
@@ -228,7 +248,7 @@ TEST_F(Watcher, ADirectoryRemovedBeforeASwitchOffIsWatchedAfterTheNextSwitchOn) 
     ASSERT_TRUE(wait_for_log("Can't add watch for /data/tombstones. wd is-1 error: No such"));
     am.let_go();
     ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted"));
-    EXPECT_EQ(mode_of(kTombstones), 0755);
+    EXPECT_EQ(mode_of(kTombstones), 0775);
     write_file(kTombstones + "tombstone_01", "");
     ASSERT_TRUE(wait_for_notices(2));
 }
@@ -240,11 +260,22 @@ TEST_F(Watcher, AnUnmountedDirectoryIsLoggedAndWatchedAtTheNextSwitchOn) {
     ASSERT_EQ(umount(kTombstones.c_str()), 0);
     ASSERT_TRUE(wait_for_log("E ZQ_EVENT_LOG: /data/tombstones is unmounted"));
     switch_detection(false);
-    fs::remove(kDropbox);  // without which the other is watched all the same
+    fs::remove(kTombstones);
+    fs::create_directory_symlink("/data/system/dropbox", "/data/tombstones");
     set_switch("event.detect", true);
     ASSERT_TRUE(wait_for_log("/data/tombstones has been snooped", 3));
+    write_file(kDropbox + "tombstone_crash", "created and written, of the first entry's kind");
+    ASSERT_TRUE(wait_for_notices(2));
+    EXPECT_THAT(types_in_history(), Each("JAVACRASH"));
+    set_switch("event.detect", false);
+    ASSERT_TRUE(wait_for_log("exit", 3));
+    fs::remove("/data/tombstones");
+    fs::create_directory(kTombstones);
+    fs::remove_all(kDropbox);  // without which the other is watched all the same
+    set_switch("event.detect", true);
+    ASSERT_TRUE(wait_for_log("/data/tombstones has been snooped", 4));
     write_file(kTombstones + "tombstone_01", "");
-    ASSERT_TRUE(wait_for_notices(1));
+    ASSERT_TRUE(wait_for_notices(3));
 }
 
 // The app may remove staged folders at any time, also between the listing and the stat of them.
@@ -319,7 +350,9 @@ TEST_F(Watcher, EarlyDumpsThatHangAreBounded) {
         EXPECT_TRUE(wait_until("/data", [] { return processes_named("cat").size() == 8; }));
         const std::string child = std::to_string(processes_named("cat").front());
         EXPECT_THAT(run("ls -l /proc/" + child + "/fd").output, Not(HasSubstr("anon_inode")));
-        write_file("/data/gate", "go on");
+        for (const pid_t dump : processes_named("cat")) {
+            kill(dump, SIGKILL);
+        }
         EXPECT_TRUE(wait_until("/data", [] { return processes_named("cat").empty(); }));
     }
     move_into_dropbox("pre_watchdog@again");
@@ -352,11 +385,16 @@ TEST_F(Watcher, SigtermForTheProcessEndsItWhicheverThreadTakesIt) {
     kill(daemon_.pid, SIGTERM);
     EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
     wait_until_armed(2);
-    pid_t watcher = 0;  // the last thread; the kernel may choose it, too
-    for (const std::string& thread : names_in("/proc/" + std::to_string(daemon_.pid) + "/task")) {
-        watcher = std::max(watcher, std::stoi(thread));
+    {
+        const hanging_am am;  // the same while a child is waited for
+        move_into_dropbox("anr@1");
+        ASSERT_TRUE(am.wait_until_it_hangs());
+        tgkill(daemon_.pid, watcher_thread(), SIGTERM);
+        EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
+        am.let_go();
     }
-    tgkill(daemon_.pid, watcher, SIGTERM);
+    wait_until_armed(3);
+    tgkill(daemon_.pid, watcher_thread(), SIGTERM);
     EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
 }
 
@@ -453,7 +491,7 @@ TEST_F(Watcher, ADaemonKilledAtAnyStepGoesOnWithTheNextCount) {
     EXPECT_THAT(types_in_history(), SizeIs(6));
 }
 
-TEST_F(Watcher, AnOverflowIsLoggedAndTheWatchesStay) {
+TEST_F(Watcher, AnOverflowIsLoggedAndALostRemovalFound) {
     const size_t queued = std::stoul(read_file("/proc/sys/fs/inotify/max_queued_events"));
     {
         const hanging_am am;
@@ -465,9 +503,13 @@ TEST_F(Watcher, AnOverflowIsLoggedAndTheWatchesStay) {
             fs::rename(kDropbox + "a", kDropbox + "b");
             fs::rename(kDropbox + "b", kDropbox + "a");
         }
+        fs::remove(kTombstones);
         am.let_go();
         ASSERT_TRUE(wait_for_log("events were lost"));
     }
+    ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted or moved"));
+    EXPECT_EQ(watches(), 2U);
+    EXPECT_EQ(log_lines::count("has been deleted or moved"), 1U);
     ++count_;
     expect_next_event();
 }

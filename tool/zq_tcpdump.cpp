@@ -11,7 +11,6 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "utils/children.h"
 #include "utils/stop_signal.h"
 #include "utils/util.h"
 
@@ -78,10 +78,10 @@ sem_t recorder_ended;
 // The shell's pid, which is also its process group. Only the recorder uses it.
 pid_t capture = -1;
 
-// Guards `is_ordered`. stop_recorder holds it while it signals, so that the recorder, which another
-// signal may end at the same time, is still alive then: bionic aborts on a dead thread.
+// Guards `stop_requested`. stop_recorder holds it while it signals, so that the recorder, which
+// another signal may end at the same time, is still alive then: bionic aborts on a dead thread.
 std::mutex stop_mutex;
-bool is_ordered = false;  // the end of the recording, by "0"
+bool stop_requested = false;  // by "0"
 
 // `how` is SIG_BLOCK or SIG_UNBLOCK. SIGCHLD is what end_capture waits for.
 void mask_signals(int how) {
@@ -93,9 +93,9 @@ void mask_signals(int how) {
 // An ignored signal stays ignored, as under nohup, except SIGTERM, which stop_recorder sends.
 void handle_end_signals() {
     for (const int sig : kEndSignals) {
-        struct sigaction present {};
-        sigaction(sig, nullptr, &present);
-        if (sig == SIGTERM || present.sa_handler != SIG_IGN) {
+        struct sigaction current {};
+        sigaction(sig, nullptr, &current);
+        if (sig == SIGTERM || current.sa_handler != SIG_IGN) {
             handle_signal(sig, tcpdump_sig_handler);
         }
     }
@@ -116,16 +116,6 @@ bool collect_ended() {
     return pid == 0;
 }
 
-// Returns false when no child of this process has ended in that time.
-bool wait_for_child(std::chrono::milliseconds patience) {
-    constexpr int kChildEnd[] = {SIGCHLD};
-    const sigset_t child_end = set_of(kChildEnd);
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(patience);
-    const timespec timeout{static_cast<time_t>(seconds.count()),
-                           static_cast<long>(std::chrono::nanoseconds(patience - seconds).count())};
-    return sigtimedwait(&child_end, nullptr, &timeout) == SIGCHLD;
-}
-
 // A shell that has not started tcpdump yet may handle SIGTERM and lose it, so the signal is
 // repeated, at growing intervals for processes that need time to end. After three seconds SIGKILL
 // ends them.
@@ -133,11 +123,12 @@ void end_capture() {
     if (capture <= 0) {
         return;
     }
+    constexpr int kChildEnd[] = {SIGCHLD};
     constexpr std::chrono::milliseconds kLastPatience(3200);
     std::chrono::milliseconds patience(100);
     kill(-capture, SIGTERM);
     while (collect_ended()) {
-        if (!wait_for_child(patience)) {
+        if (take_signal(kChildEnd, patience) != SIGCHLD) {
             patience *= 2;
             kill(-capture, patience < kLastPatience ? SIGTERM : SIGKILL);
         }
@@ -160,7 +151,7 @@ void tcpdump_sig_handler(int sig) {
     LOG(INFO) << "exit";
     end_capture();
     stop_mutex.lock();
-    if (!is_ordered) {
+    if (!stop_requested) {
         end_process_by(sig);
     }
     stop_mutex.unlock();  // not a lock_guard: bionic's pthread_exit runs no destructor
@@ -207,7 +198,7 @@ void stop_recorder() {
     }
     {
         const std::lock_guard lock(stop_mutex);
-        is_ordered = true;
+        stop_requested = true;
         // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): its handler ends the thread alone
         pthread_kill(tcpdump_thread, SIGTERM);
     }
@@ -224,6 +215,7 @@ int ZQTCPDumpDetect() {
     wait_for_switch("0");
     LOG(INFO) << "stop recording";
     stop_recorder();
+    const ignored_terminal_signals ignored;
     run_shell("chmod 666 /data/tcpdump/*");
     return 0;
 }

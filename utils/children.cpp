@@ -37,9 +37,11 @@ struct spawn_setting {
 
     spawn_setting() = default;
     ~spawn_setting() {
+        const int spawn_error = errno;
         if (error == 0) {
             Destroy(&value);
         }
+        errno = spawn_error;
     }
     spawn_setting(const spawn_setting&) = delete;
     spawn_setting& operator=(const spawn_setting&) = delete;
@@ -49,10 +51,12 @@ using spawn_attributes =
 using spawn_files = spawn_setting<posix_spawn_file_actions_t, posix_spawn_file_actions_init,
                                   posix_spawn_file_actions_destroy>;
 
+sigset_t given_back;  // signals that this process ignores and its children do not
+
 // posix_spawn, because fork copies page tables, which is most of what an event costs. It also
-// blocks all signals until the child has the default dispositions: one of the daemon's handlers
-// would swallow a SIGTERM there. Returns -1, with errno, when the program cannot be started; bionic
-// does not report that, and its child ends with 127.
+// blocks all signals until the child has lost the daemon's handlers: one of them would swallow a
+// SIGTERM there. Returns -1, with errno, when the program cannot be started; bionic does not report
+// that, and its child ends with 127.
 pid_t spawn(const char* program, const char* const argv[], int standard_output = STDOUT_FILENO,
             process_group group = process_group::inherited) {
     spawn_attributes attributes;
@@ -61,15 +65,10 @@ pid_t spawn(const char* program, const char* const argv[], int standard_output =
         errno = ENOMEM;
         return -1;
     }
-    sigset_t signals;
-    // memset, not sigfillset: glibc's omits its two internal signals, and posix_spawn would then
-    // leave them ignored in the child.
-    memset(&signals, 0xff, sizeof(signals));
-    sigdelset(&signals, SIGKILL);  // sigaction refuses these two, which bionic takes for a failure
-    sigdelset(&signals, SIGSTOP);
-    posix_spawnattr_setsigdefault(&attributes.value, &signals);
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&attributes.value, &signals);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes.value, &none);
+    posix_spawnattr_setsigdefault(&attributes.value, &given_back);
     // POSIX_SPAWN_USEVFORK: given attributes, bionic forks without it.
     int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_USEVFORK;
     if (group == process_group::own) {
@@ -91,10 +90,10 @@ pid_t start_shell(const char* command, int standard_output = STDOUT_FILENO,
     return spawn(_PATH_BSHELL, argv, standard_output, group);
 }
 
-pid_t start_shell_or_say(const char* command, process_group group) {
+pid_t start_shell_logged(const char* command, process_group group) {
     const pid_t pid = start_shell(command, STDOUT_FILENO, group);
     if (pid < 0) {
-        LOG(ERROR) << "fail to run " << command << ", error: " << strerror(errno);
+        PLOG(ERROR) << "fail to run " << command << ", error";
     }
     return pid;
 }
@@ -107,6 +106,17 @@ void run_copy(const std::string& line) {
     }
 }
 
+struct sigaction ignore(int sig) {
+    struct sigaction before {};
+    struct sigaction ignoring {};
+    ignoring.sa_handler = SIG_IGN;
+    sigaction(sig, &ignoring, &before);
+    if (before.sa_handler != SIG_IGN) {
+        sigaddset(&given_back, sig);
+    }
+    return before;
+}
+
 constexpr size_t kMaxCommandBytes = 1023;
 constexpr std::chrono::seconds kPatience(5);
 
@@ -117,9 +127,9 @@ std::vector<pid_t> kept;
 
 }  // namespace
 
+// The look comes first, because bionic's posix_spawn does not tell what its child has met.
 pid_t spawn_or_fork(const char* const argv[]) {
-    const pid_t pid = spawn(argv[0], argv);
-    return pid < 0 && errno != EAGAIN && errno != ENOMEM ? fork() : pid;
+    return access(argv[0], X_OK) == 0 ? spawn(argv[0], argv) : fork();
 }
 
 int wait_for(pid_t pid, const char* command) {
@@ -129,6 +139,15 @@ int wait_for(pid_t pid, const char* command) {
     }
     int status = -1;
     return TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) == pid ? status : -1;
+}
+
+ignored_terminal_signals::ignored_terminal_signals()
+    : interrupt_(ignore(SIGINT)), quit_(ignore(SIGQUIT)) {}
+
+ignored_terminal_signals::~ignored_terminal_signals() {
+    sigaction(SIGINT, &interrupt_, nullptr);
+    sigaction(SIGQUIT, &quit_, nullptr);
+    sigemptyset(&given_back);
 }
 
 pid_t start_kept_child(const std::string& tag, char* const argv[]) {
@@ -161,18 +180,18 @@ int ZQRecordLog(const std::string& tag, char* const argv[]) {
     if (pid > 0) {
         LOG(INFO) << "tag: " << tag << ", pid: " << pid;
     } else if (pid < 0) {
-        LOG(ERROR) << "tag: " << tag << ", error: " << strerror(errno);
+        PLOG(ERROR) << "tag: " << tag << ", error";
     }
     return pid;
 }
 
 int run_shell(const char* command) {
-    const pid_t pid = start_shell_or_say(command, process_group::inherited);
+    const pid_t pid = start_shell_logged(command, process_group::inherited);
     return pid < 0 ? -1 : wait_for(pid, command);
 }
 
 pid_t start_shell_group(const char* command) {
-    return start_shell_or_say(command, process_group::own);
+    return start_shell_logged(command, process_group::own);
 }
 
 void execute_cmd(const char* command) {

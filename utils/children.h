@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <string>
@@ -16,6 +17,21 @@ pid_t spawn_or_fork(const char* const argv[]);
 // has collected it. A stoppable thread that is stopped gives the child five more seconds and then
 // throws child_left_alone (logged); collect_ended_children reaps it later.
 int wait_for(pid_t pid, const char* command);
+
+// Ignores SIGINT and SIGQUIT during its life, as system() does, so that Ctrl-C ends the shell line
+// of a one-shot tool and not the tool. Children get those back that were not ignored before. For a
+// process with one thread.
+class ignored_terminal_signals {
+  public:
+    ignored_terminal_signals();
+    ~ignored_terminal_signals();
+    ignored_terminal_signals(const ignored_terminal_signals&) = delete;
+    ignored_terminal_signals& operator=(const ignored_terminal_signals&) = delete;
+
+  private:
+    struct sigaction interrupt_;
+    struct sigaction quit_;
+};
 
 // --- Children to be signalled while another thread collects --------------------------------------
 // A pid may name another process once its child has been collected. These three exclude each other,

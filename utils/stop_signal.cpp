@@ -3,42 +3,30 @@
 
 #include <poll.h>
 #include <pthread.h>
-#include <setjmp.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
-
-#include <thread>
 
 namespace {
 
 using std::chrono::steady_clock;
 
 thread_local bool stoppable = false;
-thread_local bool was_stopped = false;          // while it waited for a child
-thread_local sigjmp_buf* child_wait = nullptr;  // where a stop leads while a child is waited for
+thread_local bool stopped = false;
 
-// waitid has no signal mask to be given, as ppoll has: a signal that came just before the call
-// would leave it blocked for good. The jump closes that gap; WNOWAIT leaves nothing that it could
-// lose.
-void wait_for_end_or_stop(pid_t pid) {
-    const sigset_t stop_signal = set_of(kStopSignals);
-    sigjmp_buf stop;
-    if (sigsetjmp(stop, 1) == 0) {
-        child_wait = &stop;
-        pthread_sigmask(SIG_UNBLOCK, &stop_signal, nullptr);
-        siginfo_t info;
-        TEMP_FAILURE_RETRY(waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
-        pthread_sigmask(SIG_BLOCK, &stop_signal, nullptr);
-    } else {
-        was_stopped = true;
-    }
-    child_wait = nullptr;
-}
+constexpr int kStopOrChildEnd[] = {SIGTERM, SIGCHLD};
 
 // Also when somebody else has collected it.
 bool has_ended(pid_t pid) {
     siginfo_t info{};
     return waitid(P_PID, pid, &info, WEXITED | WNOWAIT | WNOHANG) != 0 || info.si_pid == pid;
+}
+
+void accept_stop(const siginfo_t& sigterm) {
+    if (sigterm.si_pid != getpid()) {
+        end_process_by(SIGTERM);
+    }
+    stopped = true;
 }
 
 }  // namespace
@@ -69,6 +57,28 @@ void wait_unblocked(std::span<const int> signals, int fd) {
     ppoll(&waiting, 1, nullptr, &mask);
 }
 
+int take_signal(std::span<const int> signals, std::chrono::milliseconds limit, siginfo_t* info) {
+    const sigset_t set = set_of(signals);
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(limit);
+    const timespec timeout{static_cast<time_t>(seconds.count()),
+                           static_cast<long>(std::chrono::nanoseconds(limit - seconds).count())};
+    return sigtimedwait(&set, info, limit == kNoLimit ? nullptr : &timeout);
+}
+
+void end_process_by(int sig) {
+    signal(sig, SIG_DFL);
+    raise(sig);
+    const sigset_t raised = set_of({&sig, 1});
+    pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
+}
+
+void receive_child_ends() {
+    signal(SIGCHLD, SIG_DFL);  // where it is ignored, the kernel sends none
+    constexpr int kChildEnd[] = {SIGCHLD};
+    const sigset_t child_end = set_of(kChildEnd);
+    pthread_sigmask(SIG_BLOCK, &child_end, nullptr);
+}
+
 void make_stoppable(void (*handler)(int)) {
     stoppable = true;
     handle_signal(SIGTERM, handler);
@@ -78,35 +88,29 @@ bool is_stoppable() {
     return stoppable;
 }
 
-void wait_or_stop(int fd) {
-    wait_unblocked(kStopSignals, fd);
+void wait_for_stop() {
+    siginfo_t info{};
+    while (!stopped) {
+        if (take_signal(kStopSignals, kNoLimit, &info) == SIGTERM) {
+            accept_stop(info);
+        }
+    }
 }
 
+// Both signals are blocked, so neither comes unnoticed between the look at the child and the wait.
 bool wait_for_end(pid_t pid, std::chrono::milliseconds patience) {
-    if (!was_stopped) {
-        wait_for_end_or_stop(pid);
-    }
-    // Nothing wakes this thread at the child's end as well as at the deadline: SIGCHLD is any
-    // thread's, a pidfd newer than some kernels.
-    const steady_clock::time_point deadline = steady_clock::now() + patience;
-    while (was_stopped && !has_ended(pid)) {
-        if (steady_clock::now() >= deadline) {
+    steady_clock::time_point deadline = steady_clock::now() + patience;
+    while (!has_ended(pid)) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
+        if (stopped && left.count() <= 0) {
             return false;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        siginfo_t info{};
+        if (take_signal(kStopOrChildEnd, stopped ? left : kNoLimit, &info) == SIGTERM) {
+            accept_stop(info);
+            deadline = steady_clock::now() + patience;
+        }
     }
     return true;
-}
-
-void interrupt_child_wait() {
-    if (child_wait != nullptr) {
-        siglongjmp(*child_wait, 1);
-    }
-}
-
-void end_process_by(int sig) {
-    signal(sig, SIG_DFL);
-    raise(sig);
-    const sigset_t raised = set_of({&sig, 1});
-    pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
 }
