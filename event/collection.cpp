@@ -6,7 +6,6 @@
 #include <android-base/logging.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -55,7 +54,7 @@ bool create_folder(collected_event& event, const std::string& dir, const std::st
 bool copy_source(const collected_event& event) {
     struct stat st {};
     if (stat(event.source.c_str(), &st) != 0) {
-        LOG(ERROR) << "state " << event.source << " fail, error: " << strerror(errno);
+        PLOG(ERROR) << "state " << event.source << " fail, error";
         return false;
     }
     const std::string destination =

@@ -35,7 +35,24 @@ struct dir_closer {
 using unique_dir = std::unique_ptr<DIR, dir_closer>;
 
 [[noreturn]] void throw_filesystem_error(const char* what, const std::string& path) {
-    throw fs::filesystem_error(what, path, std::error_code(errno, std::generic_category()));
+    const std::error_code error(errno, std::generic_category());  // before an allocation writes it
+    throw fs::filesystem_error(what, path, error);
+}
+
+// Returns null, with errno, when it cannot be opened.
+unique_dir open_directory(int parent_fd, const char* name, int flags) {
+    android::base::unique_fd fd(
+        openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags));
+    // Fdopendir of a failed openat would overwrite errno.
+    return unique_dir(fd < 0 ? nullptr : android::base::Fdopendir(std::move(fd)));
+}
+
+unique_dir open_or_throw(const std::string& path) {
+    unique_dir dir = open_directory(AT_FDCWD, path.c_str(), 0);
+    if (dir == nullptr) {
+        throw_filesystem_error("cannot open directory", path);
+    }
+    return dir;
 }
 
 // Calls `look` with each entry but "." and "..". readdir, because std::filesystem's iterator builds
@@ -57,10 +74,7 @@ void for_each_entry(DIR* dir, const std::string& path, const auto& look) {
 
 // Calls `look` with each name that starts with `prefix`. The string is reused for the next name.
 void for_each_name(const std::string& path, std::string_view prefix, const auto& look) {
-    const unique_dir dir(opendir(path.c_str()));
-    if (dir == nullptr) {
-        throw_filesystem_error("cannot open directory", path);
-    }
+    const unique_dir dir = open_or_throw(path);
     std::string name;
     for_each_entry(dir.get(), path, [&](const dirent& entry) {
         name = entry.d_name;
@@ -70,7 +84,7 @@ void for_each_name(const std::string& path, std::string_view prefix, const auto&
     });
 }
 
-int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top);
+int64_t size_unless_gone(const unique_dir& dir, const std::string& path);
 
 bool is_directory(int dir_fd, const dirent& entry) {
     struct stat st {};
@@ -82,7 +96,8 @@ bool is_directory(int dir_fd, const dirent& entry) {
 // 0 for other types, and for an entry that was removed meanwhile.
 int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
     if (is_directory(dir_fd, entry)) {
-        return directory_size(dir_fd, entry.d_name, dir + "/" + entry.d_name, false);
+        const std::string path = dir + "/" + entry.d_name;
+        return size_unless_gone(open_directory(dir_fd, entry.d_name, O_NOFOLLOW), path);
     }
     struct stat st {};
     const bool may_be_file =
@@ -94,21 +109,22 @@ int64_t entry_size(int dir_fd, const dirent& entry, const std::string& dir) {
 
 // Not std::filesystem's iterator: it throws when an entry is removed before its size is read, and
 // logcat children that are just ending still rename their files.
-int64_t directory_size(int parent_fd, const char* name, const std::string& path, bool top) {
-    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (top ? 0 : O_NOFOLLOW);
-    android::base::unique_fd fd(openat(parent_fd, name, flags));
-    // Fdopendir of a failed openat would overwrite errno.
-    const unique_dir dir(fd < 0 ? nullptr : android::base::Fdopendir(std::move(fd)));
-    if (dir == nullptr) {
-        if (!top && errno == ENOENT) {
-            return 0;
-        }
+int64_t size_below(DIR* dir, const std::string& path) {
+    int64_t sum = 0;
+    for_each_entry(dir, path,
+                   [&](const dirent& entry) { sum += entry_size(dirfd(dir), entry, path); });
+    return sum;
+}
+
+// `dir` as open_directory has returned it.
+int64_t size_unless_gone(const unique_dir& dir, const std::string& path) {
+    if (dir != nullptr) {
+        return size_below(dir.get(), path);
+    }
+    if (errno != ENOENT) {
         throw_filesystem_error("cannot open directory", path);
     }
-    int64_t sum = 0;
-    for_each_entry(dir.get(), path,
-                   [&](const dirent& entry) { sum += entry_size(dirfd(dir.get()), entry, path); });
-    return sum;
+    return 0;
 }
 
 void pack(const std::string& path) {
@@ -120,7 +136,8 @@ void pack(const std::string& path) {
         _exit(127);
     }
     if (pid < 0) {
-        LOG(ERROR) << "tar fork fail " << strerror(errno);
+        const int error = errno;
+        LOG(ERROR) << "tar fork fail " << strerror(error);
         return;
     }
     LOG(INFO) << "tar_pid = " << pid;
@@ -136,7 +153,7 @@ std::vector<std::string> beyond_ceiling(const std::string& dir, const auto& name
     int64_t sum = 0;
     for (const std::string& name : names) {
         const std::string path = dir + name;
-        const int64_t size = GetDirectorySize(path);
+        const int64_t size = size_unless_gone(open_directory(AT_FDCWD, path.c_str(), 0), path);
         LOG(INFO) << "directory= " << path.substr(path.rfind('/') + 1) << ", size= " << size;
         if (name == *names.rbegin()) {
             LOG(INFO) << "at least we keep 1 folder";
@@ -201,7 +218,7 @@ bool ZQRemoveOldFile(const std::string& dir, const std::string& prefix, uint64_t
 }
 
 int64_t GetDirectorySize(const std::string& path) {
-    return directory_size(AT_FDCWD, path.c_str(), path, true);
+    return size_below(open_or_throw(path).get(), path);
 }
 
 bool compare(const std::string& a, const std::string& b, uint64_t fieldCount) {

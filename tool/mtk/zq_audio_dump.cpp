@@ -36,7 +36,8 @@ void create_parents(const std::string& path) {
     for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
         const std::string dir = path.substr(0, end);
         if (access(dir.c_str(), F_OK) != 0 && mkdir(dir.c_str(), 0770) != 0) {
-            LOG(ERROR) << "AudioDumpPCM: mkdir error! " << strerror(errno);
+            const int error = errno;
+            LOG(ERROR) << "AudioDumpPCM: mkdir error! " << strerror(error);
             return;
         }
     }
