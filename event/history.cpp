@@ -5,6 +5,7 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/unique_fd.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,6 +15,8 @@
 #include "utils/util.h"
 
 namespace {
+
+using android::base::unique_fd;
 
 constexpr const char* kHistoryFile = "/data/logs/history.event";
 
@@ -25,14 +28,15 @@ struct {
     char debuggable[PROPERTY_VALUE_MAX];
 } device_info;
 
-int open_for_appending(const char* path) {
-    return TEMP_FAILURE_RETRY(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0664));
+unique_fd open_for_appending(const char* path, int flags = 0) {
+    flags |= O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+    return unique_fd(TEMP_FAILURE_RETRY(open(path, flags, 0664)));
 }
 
 // Frozen: the app reads these lines in this order.
 void write_report(const std::string& path, const char* event, const std::string& date,
                   const char* type, const char* name) {
-    const int fd = open_for_appending(path.c_str());
+    const unique_fd fd = open_for_appending(path.c_str());
     if (fd < 0) {
         LOG(ERROR) << "open to write eventfile failed " << path;
         return;
@@ -59,7 +63,6 @@ void write_report(const std::string& path, const char* event, const std::string&
     }
     text.append("_END\n");
     android::base::WriteStringToFd(text, fd);
-    close(fd);
 }
 
 }  // namespace
@@ -74,7 +77,8 @@ void read_device_info() {
 
 void write_history_event(const char* event, const char* type, const char* dir, const char* name,
                          const tm& time) {
-    const int fd = open_for_appending(kHistoryFile);
+    // A FIFO in its place must not hold up the watcher: without a reader its open fails.
+    const unique_fd fd = open_for_appending(kHistoryFile, O_NONBLOCK);
     if (fd < 0) {
         LOG(ERROR) << "open to write history event failed " << kHistoryFile;
         return;
@@ -90,5 +94,4 @@ void write_history_event(const char* event, const char* type, const char* dir, c
     }
     // Last: a reader that sees the line finds the report complete.
     android::base::WriteStringToFd(line, fd);
-    close(fd);
 }

@@ -81,6 +81,13 @@ TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
     write_history_event("CRASH", "ANR", "/data/e", std::string(100000, 'x').c_str(), kSomeTime);
     app.join();
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));
+
+    fs::remove(kHistory);
+    mkfifo(kHistory.c_str(), 0600);
+    const log_lines log;
+    write_history_event("CRASH", "ANR", nullptr, nullptr, kSomeTime);
+    EXPECT_THAT(log.lines(),
+                ElementsAre("E ZQ_EVENT_LOG: open to write history event failed " + kHistory));
 }
 
 // --- Base log dump -------------------------------------------------------------------------------
