@@ -101,7 +101,9 @@ class TouchPanel : public Test {
         write_file(kReplayData, "never changes");
         write_file(kDiffMode, "");
         write_file(kDiffData, kDiffs);
-        write_program("/system/bin/chown", "test -e /data/owners && echo $* >/data/owners");
+        // Ctrl-C meanwhile, which also goes to the tool.
+        write_program("/system/bin/chown",
+                      "kill -INT $PPID; test -e /data/owners && echo $* >/data/owners");
         write_file(kRequest, "1");
     }
 
@@ -172,6 +174,14 @@ TEST_F(TouchPanel, PlantedLinksAndFifosAreRefused) {
         mkfifo(output_path(second, ".txt").c_str(), 0666);
     }
     EXPECT_EQ(dump("62,63"), kStart + kNoGoodixTarget + kNoFtsTarget + kEnd);
+
+    fs::remove_all(dir);
+    write_file(dir + "/planted/file", "");  // chown -R may meet a link in its place
+    fs::remove("/dev/__properties__/ro.zq.features");
+    EXPECT_EQ(dump("63"), kStart + kHandOver + "TouchPanel Error: " + dir +
+                              "/planted is a directory\nTouchPanel Error\n" + kEnd);
+    EXPECT_EQ(read_file(kOwners), "");
+    fs::remove("/dev/__properties__/ro.zq.features");
 
     fs::remove_all(dir);
     fs::create_directory_symlink("/data/root", dir);

@@ -15,15 +15,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <thread>
 
 #include "platform/zq_feature.h"
+#include "utils/children.h"
 #include "utils/util.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 using android::base::unique_fd;
 using std::chrono::steady_clock;
@@ -42,7 +46,7 @@ struct touch_controller {
 };
 
 void write_switch(const std::string& path, char value) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     if (fd < 0) {
         std::cerr << "Error: Unable to open file: " << path << std::endl;
         return;
@@ -50,7 +54,6 @@ void write_switch(const std::string& path, char value) {
     if (write(fd, &value, 1) != 1) {
         std::cerr << "Error: Failed to write content to file: " << path << std::endl;
     }
-    close(fd);
 }
 
 // --- Output --------------------------------------------------------------------------------------
@@ -156,11 +159,24 @@ std::string output_name(const char* suffix) {
     return "tp_log_" + format_time("%Y-%m-%d_%H-%M-%S", local_time(time(nullptr))) + suffix;
 }
 
+// chown -R may enter a directory that has just been swapped for a link.
+bool has_directory() {
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(kOutputDir, error)) {
+        if (entry.symlink_status(error).type() == fs::file_type::directory) {
+            LOG(INFO) << "TouchPanel Error: " << entry.path().string() << " is a directory";
+            return true;
+        }
+    }
+    return false;
+}
+
 void hand_over() {
     constexpr const char* kCommand = "chown -R system:system /data/logs/touch_panel/";
     LOG(INFO) << kCommand << "\n";
+    const ignored_terminal_signals ignored;
     // The command's trailing slash follows a link that replaced the folder meanwhile.
-    if (open_folder() < 0 || run_shell(kCommand) != 0) {
+    if (open_folder() < 0 || has_directory() || run_shell(kCommand) != 0) {
         LOG(INFO) << "TouchPanel Error";
     }
     property_set("sys.brevix.touchpanel.fetch", "0");
