@@ -12,6 +12,8 @@
 #include "utils/util.h"
 #include "zq_general_log.h"
 
+extern "C" decltype(posix_spawn) __real_posix_spawn;
+
 // Bionic allocates in these two, so they can fail there; glibc only clears the objects.
 int spawn_settings_left = -1;  // until a call fails; negative: none does
 
@@ -22,6 +24,17 @@ extern "C" int __wrap_posix_spawnattr_init(posix_spawnattr_t* attributes) {
 extern "C" int __wrap_posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions) {
     *actions = {};
     return spawn_settings_left-- == 0 ? ENOMEM : 0;
+}
+
+// Bionic does not tell that the program cannot be started: the child ends with 127.
+extern "C" int __wrap_posix_spawn(pid_t* pid, const char* path,
+                                  const posix_spawn_file_actions_t* actions,
+                                  const posix_spawnattr_t* attributes, char* const argv[],
+                                  char* const environment[]) {
+    if (access(path, X_OK) != 0) {
+        path = "/system/bin/false";
+    }
+    return __real_posix_spawn(pid, path, actions, attributes, argv, environment);
 }
 
 namespace {
@@ -137,6 +150,15 @@ TEST_F(GeneralLog, TenCapturesAreKeptBelowTheCeiling) {
     fs::resize_file(kGeneral + "/" + tenth + "/android.log", int64_t{3} << 30);
     capturing(nullptr, true);
     EXPECT_THAT(names_in(kGeneral), ElementsAre(StartsWith("ZQLog_11_"), StartsWith("ZQLog_12_")));
+}
+
+TEST_F(GeneralLog, AProgramThatCannotBeStartedIsTheChildsMatter) {
+    const char* const argv[] = {"/none", nullptr};
+    const int pid = ZQRecordLog("test", const_cast<char* const*>(argv));
+    if (pid == 0) {
+        _exit(3);
+    }
+    EXPECT_EQ(wait_status(pid), 3 << 8);
 }
 
 // The kernel gives the pid of a collected child to another process.
