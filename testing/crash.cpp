@@ -6,6 +6,7 @@
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <ctype.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <signal.h>
@@ -36,8 +37,7 @@ using android::base::StringPrintf;
 
 constexpr const char* kUsage =
     "usage: crash [--wait] KIND [-]\n"
-    "  KIND: watchdog, pre_watchdog, anr, app_crash, system_crash, custom PACKAGE EVENT, "
-    "tombstone,\n"
+    "  KIND: one that `crash --kinds` lists, custom as custom PACKAGE EVENT,\n"
     "        or file NAME for a file of that very name\n"
     "  -     the content comes from standard input\n"
     "  --wait: instead of the delivered file says TYPE FOLDER of the event, once the history has "
@@ -48,7 +48,8 @@ const std::string kDropbox = "/data/system/dropbox/";
 const std::string kTombstones = "/data/tombstones/";
 constexpr int kMaxTombstones = 32;
 
-struct dropbox_kind {
+// Without a tag the delivery composes the whole name.
+struct crash_kind {
     const char* kind;
     const char* tag;
     const char* process;
@@ -56,19 +57,34 @@ struct dropbox_kind {
 };
 
 // clang-format off
-constexpr dropbox_kind kDropboxKinds[] = {
-    {"watchdog",     "system_server_watchdog",     "system_server",
-     "Subject: Blocked in handler on main thread (main)"},
+constexpr crash_kind kKinds[] = {
     {"pre_watchdog", "system_server_pre_watchdog", "system_server",
      "Subject: Blocked in handler on main thread (main) for 30s"},
+    {"watchdog",     "system_server_watchdog",     "system_server",
+     "Subject: Blocked in handler on main thread (main)"},
     {"anr",          "data_app_anr",               "com.example.app",
      "Subject: Input dispatching timed out"},
     {"app_crash",    "data_app_crash",             "com.example.app",
      "java.lang.NullPointerException\n\tat com.example.app.Main.run(Main.java:7)"},
     {"system_crash", "system_server_crash",        "system_server",
      "java.lang.IllegalStateException\n\tat com.android.server.Loop.run(Loop.java:7)"},
+    {"custom",       nullptr,                      nullptr, nullptr},
+    {"tombstone",    nullptr,                      nullptr, nullptr},
 };
 // clang-format on
+
+// As the dropbox encodes a tag, less what `also` lets through. A name that a shell would run cannot
+// come about.
+std::string encode(const std::string& text, const std::string& also = "") {
+    std::string encoded;
+    for (const unsigned char byte : text) {
+        const bool is_plain = (byte < 0x80 && isalnum(byte) != 0) ||
+                              (std::string("_-!.~'()*") + also).find(byte) != std::string::npos;
+        encoded +=
+            is_plain ? std::string(1, static_cast<char>(byte)) : StringPrintf("%%%02X", byte);
+    }
+    return encoded;
+}
 
 bool is_lost_entry(const std::string& name) {
     return name.ends_with(".lost");
@@ -190,7 +206,7 @@ std::string deliver_real_crash() {
 std::string deliver_to_dropbox(const std::string& tag, const std::string& content) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto millis = std::chrono::floor<std::chrono::milliseconds>(now).count();
-    return deliver(tag + "@" + std::to_string(millis) + ".txt", content);
+    return deliver(encode(tag) + "@" + std::to_string(millis) + ".txt", content);
 }
 
 // Returns the path of the delivered file; empty for unknown words. Without `content` a kind's own
@@ -202,14 +218,18 @@ std::string deliver_kind(const std::vector<std::string>& words,
         return content ? deliver(next_tombstone(), *content) : deliver_real_crash();
     }
     if (kind == "file" && words.size() == 2 && content) {
+        if (const std::string encoded = encode(words[1], "@%"); encoded != words[1]) {
+            throw std::runtime_error("refused, because the platform gives no such name: " +
+                                     encoded);
+        }
         return deliver(words[1], *content);
     }
     if (kind == "custom" && words.size() == 3) {
         return deliver_to_dropbox("ZQEvent_" + words[1] + "_" + words[2],
                                   content.value_or("reported by " + words[1] + "\n"));
     }
-    for (const dropbox_kind& known : kDropboxKinds) {
-        if (kind == known.kind && words.size() == 1) {
+    for (const crash_kind& known : kKinds) {
+        if (kind == known.kind && known.tag != nullptr && words.size() == 1) {
             return deliver_to_dropbox(
                 known.tag,
                 content.value_or(StringPrintf("Process: %s\nTimestamp: %s\n%s\n", known.process,
@@ -307,6 +327,12 @@ int main(int argc, char* argv[]) {
     if (!words.empty() && words.back() == "-") {
         words.pop_back();
         content.emplace(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    }
+    if (words == std::vector<std::string>{"--kinds"}) {
+        for (const crash_kind& each : kKinds) {
+            std::cout << each.kind << "\n";
+        }
+        return 0;
     }
     try {
         const size_t known_lines = inside::read_lines(kHistory).size();

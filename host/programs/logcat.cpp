@@ -88,6 +88,9 @@ void apply(options& result, int option) {
             return set_number(result.rotated_files, option);
         case 'r':
             return set_number(result.rotate_kbytes, option);
+        case 's':
+            android_log_addFilterRule(result.format, "*:s");
+            return;
         case 'v':
             return set_format(result, optarg);
         default:
@@ -98,7 +101,7 @@ void apply(options& result, int option) {
 options parse_options(int argc, char* argv[]) {
     options result;
     set_format(result, "threadtime");
-    for (int option = 0; (option = getopt(argc, argv, "b:df:n:r:v:")) != -1;) {
+    for (int option = 0; (option = getopt(argc, argv, "b:df:n:r:sv:")) != -1;) {
         apply(result, option);
     }
     for (int i = optind; i < argc; ++i) {
