@@ -130,14 +130,34 @@ std::vector<process> processes() {
     return found;
 }
 
-std::vector<pid_t> processes_named(const std::string& name) {
+static std::vector<pid_t> running(const auto& is_meant) {
     std::vector<pid_t> pids;
     for (const process& each : processes()) {
-        if (each.name == name && !each.has_ended) {
+        if (is_meant(each) && !each.has_ended) {
             pids.push_back(each.pid);
         }
     }
     return pids;
+}
+
+std::vector<pid_t> processes_named(const std::string& name) {
+    return running([&](const process& each) { return each.name == name; });
+}
+
+std::vector<pid_t> children_of(pid_t parent) {
+    return running([=](const process& each) { return each.parent == parent; });
+}
+
+// By the kernel functions that its threads wait in.
+bool wait_until_idle(pid_t pid) {
+    const std::string threads = proc(pid, "task");
+    return wait_until("/data", [&] {
+        return std::ranges::all_of(names_in(threads), [&](const std::string& thread) {
+            const std::string function = read_file(threads + "/" + thread + "/wchan");
+            return function.find("poll") != function.npos ||
+                   function.find("sleep") != function.npos;
+        });
+    });
 }
 
 pid_t start(const std::string& shell_line) {

@@ -88,8 +88,13 @@ struct process {
 
 // All processes of the device, zombies included.
 std::vector<process> processes();
-// Process ids of those with this name, zombies left out.
+// Process ids of those with this name, zombies left out. A child that was just spawned may still
+// have its parent's name.
 std::vector<pid_t> processes_named(const std::string& name);
+// Process ids of the children of `parent`, zombies left out.
+std::vector<pid_t> children_of(pid_t parent);
+// Waits until each thread of the process sleeps or waits for a file descriptor: none is at work.
+bool wait_until_idle(pid_t pid);
 // Starts a child with the device's shell. Returns its process id, or -1, with errno.
 pid_t start(const std::string& shell_line);
 // Collects the child. Returns its status as of waitpid(2), or -1 when it is no child of the caller.

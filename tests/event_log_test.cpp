@@ -30,12 +30,8 @@ const std::string kStaging = "/data/brevix/eventTemp/";
 const tm kSomeTime{0, 0, 9, 5, 10, 126, 0, 0, 0, 0, nullptr};  // 2026-11-05 09:00:00
 
 // Until only `count` children of the test still run.
-void wait_for_ends_but(int count) {
-    EXPECT_TRUE(wait_until("/data", [=] {
-        return std::ranges::count_if(processes(), [](const process& each) {
-                   return each.parent == getpid() && !each.has_ended;
-               }) == count;
-    }));
+void wait_for_ends_but(size_t count) {
+    EXPECT_TRUE(wait_until("/data", [=] { return children_of(getpid()).size() == count; }));
 }
 
 class Events : public Test {

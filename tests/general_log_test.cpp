@@ -213,7 +213,7 @@ TEST_F(Daemon, ACaptureIsOpenToAllAndEndsWithItsSwitch) {
     const std::string capture = kGeneral + "/" + names_in(kGeneral).at(0);
     EXPECT_EQ(mode_of(capture), 0777);
     EXPECT_TRUE(wait_for_text(capture + "/android.log", "ZQLog main start!!"));
-    const std::vector<pid_t> children = processes_named("logcat");
+    const std::vector<pid_t> children = children_of(daemon_.pid);
     EXPECT_THAT(children, SizeIs(4));
     set_switch(false);
     EXPECT_TRUE(std::ranges::all_of(children, [](pid_t pid) { return wait_for_end(pid); }));
@@ -227,7 +227,7 @@ TEST_F(Daemon, AfterRapidSwitchesTheLastStateHolds) {
         ASSERT_TRUE(wait_for(on));
         // SIGTERM ends every channel of the earlier captures; those of the last one run on.
         const size_t left = on ? 4 : 0;
-        EXPECT_TRUE(wait_until("/data", [=] { return processes_named("logcat").size() == left; }));
+        EXPECT_TRUE(wait_until("/data", [&] { return children_of(daemon_.pid).size() == left; }));
     }
 }
 
@@ -235,7 +235,7 @@ TEST_F(Daemon, WithoutLogcatNothingIsLeftRunning) {
     fs::remove("/system/bin/logcat");
     ASSERT_TRUE(flip(true));
     ASSERT_TRUE(flip(false));
-    EXPECT_THAT(processes_named("zq_brevix"), SizeIs(1));
+    EXPECT_TRUE(wait_until("/data", [&] { return children_of(daemon_.pid).empty(); }));
 }
 
 TEST_F(GeneralLog, AMalformedNumberEndsTheDaemon) {

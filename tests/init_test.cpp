@@ -107,15 +107,23 @@ TEST(Init, EndsServicesAndOrphansOnASignal) {
 
 // --- The phone's own service file ----------------------------------------------------------------
 
+// Of its first start.
+pid_t daemon_pid() {
+    const std::string text = "service 'zq_brevix' started, pid ";
+    EXPECT_TRUE(wait_for_text("/dev/log/main", text));
+    return std::stoi(run("logcat -d -v raw | sed -n \"s/" + text + "//p\"").output);
+}
+
 TEST(ServiceFile, AKilledDaemonComesBackAfterFiveSecondsAndGoesOnWithTheNextCount) {
     const std::string dir = "/data/logs/general_log";
     set_property("persist.service.start.capture", "1");
     const auto began = std::chrono::steady_clock::now();
     start("exec init");
     ASSERT_TRUE(wait_for_text("/dev/log/main", "tag: kernel, pid"));
-    const std::vector<pid_t> children = processes_named("logcat");
-    EXPECT_THAT(children, Not(IsEmpty()));
-    kill(processes_named("zq_brevix").at(0), SIGKILL);
+    const pid_t daemon = daemon_pid();
+    const std::vector<pid_t> children = children_of(daemon);
+    EXPECT_THAT(children, SizeIs(4));
+    kill(daemon, SIGKILL);
     ASSERT_TRUE(wait_until(dir, [&] { return names_in(dir).size() == 2; }));
     const auto took = std::chrono::steady_clock::now() - began;
     EXPECT_GE(took, std::chrono::seconds(5));
@@ -131,6 +139,8 @@ TEST(ServiceFile, ADeliveredCrashBecomesAnEventOfTheUserSystemOrIsNoneForAReason
     start("exec init");
     ASSERT_TRUE(wait_for_text("/dev/log/main", "/data/tombstones has been snooped"));
     ASSERT_TRUE(wait_for_text("/dev/log/main", "crashlog.enable changed to 1"));
+    const pid_t daemon = daemon_pid();
+    ASSERT_TRUE(wait_until_idle(daemon));  // a switch is logged before it is obeyed
     EXPECT_THAT(run("crash --wait pre_watchdog").output,
                 StartsWith("no event: a file of this name is none: system_server_pre_watchdog@"));
     EXPECT_EQ(run("crash --wait custom com.example.app Freeze").output,
@@ -138,7 +148,7 @@ TEST(ServiceFile, ADeliveredCrashBecomesAnEventOfTheUserSystemOrIsNoneForAReason
               "persist.service.custom.event=, limit 10)\n");
     EXPECT_THAT(run("crash --wait anr").output, StartsWith("ANR " + kCrashlog + "crashlog_0_ANR_"));
     ASSERT_TRUE(wait_until("/data/brevix", [] { return read_lines(kNotices).size() == 1; }));
-    const std::string status = proc(processes_named("zq_brevix").at(0), "status");
+    const std::string status = proc(daemon, "status");
     if (!has_users()) {
         GTEST_SKIP() << "this user namespace has one user alone";
     }

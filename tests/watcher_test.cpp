@@ -36,12 +36,13 @@ class Watcher : public Test {
         }
         wait_until_armed(1);
     }
-    // `starts` counts those of the daemon so far.
-    static void wait_until_armed(size_t starts) {
+    // `starts` counts those of the daemon so far. A switch is logged before its handler is called.
+    void wait_until_armed(size_t starts) const {
         for (const char* text : {"crashlog.enable changed to 1", "custom.event changed to 1",
                                  "tombstones has been snooped"}) {
             ASSERT_TRUE(wait_for_log(text, starts)) << text;
         }
+        ASSERT_TRUE(wait_until_idle(daemon_.pid));
     }
     static void set_switch(const std::string& name, bool on) {
         set_property("persist.service." + name, on ? "1" : "0");
@@ -188,6 +189,7 @@ TEST_F(Watcher, ATombstoneIsAnEventWhenCreatedAndWhenWritten) {
 TEST_F(Watcher, ASwitchedOffCategoryMakesNoEvents) {
     set_switch("crashlog.enable", false);
     ASSERT_TRUE(wait_for_log("persist.service.crashlog.enable changed to 0"));
+    ASSERT_TRUE(wait_until_idle(daemon_.pid));
     move_into_dropbox("ZQEvent_p_crash@1");  // also of the other category's row
     move_into_dropbox("ZQEvent_p_e@2");
     ASSERT_TRUE(wait_for_notices(1));
