@@ -20,6 +20,8 @@ const std::string kCrashlog = "/data/logs/crashlog/";
 const std::string kHistory = "/data/logs/history.event";
 const std::string kNotices = "/data/brevix/queue.log";
 const std::string kTime = "20..-..-..-..-..-..";  // regular expression of a file name's time
+// Regular expression of an empty SigBlk in /proc: bionic keeps the signal of its timers blocked.
+const std::string kNoneBlocked = "0{8}[08]0{7}";
 
 inline void make_event_folders() {
     for (const char* dir :

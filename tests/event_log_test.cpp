@@ -139,8 +139,8 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
         std::string name;
         std::string folder;
     } const cases[] = {
-        {"ZQEvent_com.example.app_Freeze@1.txt", "com\\.example\\.app_0_Freeze_"},
-        {"ZQEvent_com.example.app_Freeze", "com\\.example\\.app_1_Freeze_"},
+        {"ZQEvent_com.example.app_Freeze@1.txt", "com.example.app_0_Freeze_"},
+        {"ZQEvent_com.example.app_Freeze", "com.example.app_1_Freeze_"},
         {"ZQEvent_other_Freeze@x@y_z", "other_0_Freeze_"},
         {"ZQEvent__e", "_0_e_"},
         {"ZQEvent_p_" + std::string(40, 'e'), "p_0_" + std::string(31, 'e') + "_"},
@@ -156,7 +156,7 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
         const log_lines log;
         EXPECT_EQ(collect(0, 3, name), collect_result::done);
         if (!folder.empty()) {
-            folders.push_back(MatchesRegex(folder + kTime));
+            folders.push_back(AllOf(StartsWith(folder), SizeIs(folder.size() + 19)));  // the time
         }
         EXPECT_EQ(log_lines::count("filename format incorrectly"), folder.empty() ? 1U : 0U)
             << name;
