@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <map>
 #include <regex>
 #include <thread>
 
@@ -37,25 +36,38 @@ void connect_to_itself(uint16_t port) {
 
 TEST(SystemDump, LeavesSevenFilesWithTheStateOfTheSystem) {
     connect_to_itself(4242);
-    const std::map<std::string, std::string> dumps = {
-        {"iotop.txt", "dump_test"},          {"lsof.txt", "127.0.0.1:4242->127.0.0.1:4242"},
-        {"netstate.txt", "127.0.0.1:4242"},  {"procrank.txt", "dump_test"},
-        {"ps.txt", "LABEL.*TID.*dump_test"}, {"ss_eionptu.txt", "127.0.0.1:4242"},
-        {"storaged.txt", "root "},
+    const struct {
+        std::string file;
+        std::string text;
+        std::string command;
+    } dumps[] = {
+        {"iotop.txt", "dump_test", "toybox iotop -n 1 -m 100\n"},
+        {"lsof.txt", "127.0.0.1:4242->127.0.0.1:4242", "lsof\n"},
+        {"netstate.txt", "127.0.0.1:4242", "netstat -nW\n"},
+        {"procrank.txt", "dump_test", "procrank\n"},
+        {"ps.txt", "LABEL.*TID.*dump_test", "ps -A -T -Z\n"},
+        {"ss_eionptu.txt", "127.0.0.1:4242", "ss -eionptu\n"},
+        {"storaged.txt", "root ", "storaged -u -p\n"},
     };
     const std::string dir = "/data/logs/dumpsys/";
-    for (const auto& [file, text] : dumps) {
-        write_file(dir + file, "of the last time");
+    for (const auto& dump : dumps) {
+        write_file(dir + dump.file, "of the last time");
     }
     const std::string request = "setprop sys.brevix.dumplog.enable 1; zq_brevix dump_info x && ";
     const std::string answer = "getprop sys.brevix.dumplog.enable";
     EXPECT_THAT(run(request + answer).output,
                 AllOf(HasSubstr("I ZQ_DUMPINFO: dumpinfo\n"), EndsWith("\n0\n")));
-    EXPECT_EQ(names_in(dir).size(), dumps.size());
-    for (const auto& [file, text] : dumps) {
+    EXPECT_THAT(names_in(dir), SizeIs(std::size(dumps)));
+    for (const auto& [file, text, command] : dumps) {
         EXPECT_THAT(read_file(dir + file),
                     AllOf(ContainsRegex(text), Not(HasSubstr("of the last time"))))
             << file;
+        write_program("/system/bin/" + command.substr(0, command.find_first_of(" \n")),
+                      "echo ${0##*/} $*");
+    }
+    run("zq_brevix dump_info");
+    for (const auto& [file, text, command] : dumps) {
+        EXPECT_EQ(read_file(dir + file), command);
     }
 
     fs::remove_all("/data/logs");

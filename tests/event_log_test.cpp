@@ -3,6 +3,8 @@
 // What becomes of one file: history, report, event folder, log snapshot, notice; and the start-up
 // of detection. The watcher that finds the files is tried in watcher_test.cpp.
 
+#include <sys/resource.h>
+
 #include <thread>
 
 #include "tests/device_fixture.h"
@@ -113,8 +115,12 @@ TEST_F(Events, BaseLogDumpTakesFourSnapshots) {
 
 TEST_F(Events, BaseLogDumpEndsWhatHangsAfterTenPasses) {
     write_program("/system/bin/timeout",
-                  "case $4 in *_radio*) exec sleep 1000 ;; *_event*) kill -KILL $$ ;; esac");
-    while_asleep = [] { wait_for_ends_but(1); };
+                  "case $4 in *_event*) kill -KILL $$ ;; "
+                  "*_radio*) trap 'kill $!; wait' TERM; sleep 1000 & wait ;; esac");
+    while_asleep = [] {
+        wait_for_ends_but(1);
+        EXPECT_TRUE(wait_until("/data", [] { return processes_named("sleep").size() == 1; }));
+    };
     const log_lines log;
     ZQDumpBaseLog("/data/logs");
     EXPECT_EQ(seconds_slept, 10U);
@@ -124,7 +130,7 @@ TEST_F(Events, BaseLogDumpEndsWhatHangsAfterTenPasses) {
     EXPECT_EQ(log_lines::count("still have some work not done yet, skip"), 1U);
     while (waitpid(-1, nullptr, 0) > 0) {
     }
-    EXPECT_THAT(processes_named("sleep"), IsEmpty());
+    EXPECT_THAT(processes_named("sleep"), IsEmpty()) << "timeout ends its command at SIGTERM alone";
 }
 
 // --- Collection ----------------------------------------------------------------------------------
@@ -183,6 +189,12 @@ TEST_F(Events, TheLimitHoldsForFoldersOfAPrefixAndForStagedOnes) {
                                                  MatchesRegex("crashlog_11_ANR_" + kTime),
                                                  MatchesRegex("crashlog_9_ANR_" + kTime)));
     EXPECT_THAT(names_in(kStaging), AllOf(SizeIs(3), Contains("latest"), Not(Contains("oldest"))));
+    for (const int lowered : {1, 0}) {  // one staged entry goes for each that comes
+        event_num_limit = lowered;
+        EXPECT_EQ(collect(0, 1, "app_anr@0"), collect_result::done);
+        EXPECT_THAT(names_in(kCrashlog), SizeIs(1));
+        EXPECT_THAT(names_in(kStaging), SizeIs(3));
+    }
 }
 
 TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
@@ -251,7 +263,21 @@ TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
 
 // --- Switch and start-up -------------------------------------------------------------------------
 
-TEST_F(Events, WithoutAThreadDetectionStaysOff) {
+TEST_F(Events, WithoutADescriptorOrAThreadDetectionStaysOff) {
+    {
+        const log_lines log;
+        const pid_t pid = fork();
+        if (pid == 0) {
+            const rlimit none{3, 3};
+            setrlimit(RLIMIT_NOFILE, &none);
+            event_detecting("", true);
+            event_detecting("", false);
+            pause();
+        }
+        EXPECT_TRUE(wait_for_text(log_lines::kFile, ": exit\n"));
+        kill(pid, SIGKILL);
+        EXPECT_THAT(log.lines(), Contains(StartsWith("E ZQ_EVENT_LOG: inotify_init failed. ")));
+    }
     const log_lines log;
     let_threads_fail();
     event_detecting("", true);

@@ -82,10 +82,10 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
          {{"persist.sys.apklogfs.size", "40"},
           {"persist.sys.apklogfs.rotate_kbytes", "60000"},
           {"persist.sys.eventlogfs.size", "7"},
-          {"persist.service.radiologfs.enable", "10"}},
+          {"persist.service.radiologfs.enable", "1x"}},
          {event + "7", kernel, android + "60000 -n 40"}},
         {"all off",
-         {{"persist.service.apklogfs.enable", "0"}, {"persist.service.eventlogfs.enable", "0"}},
+         {{"persist.service.apklogfs.enable", "0"}, {"persist.service.eventlogfs.enable", "01"}},
          {}},
     };
     for (const auto& c : cases) {
@@ -161,8 +161,15 @@ TEST_F(GeneralLog, TenCapturesAreKeptBelowTheCeiling) {
     EXPECT_THAT(tenth, MatchesRegex("ZQLog_10_20..-..-..-..-..-.."));
     write_file(kGeneral + "/" + tenth + "/android.log", "");
     fs::resize_file(kGeneral + "/" + tenth + "/android.log", int64_t{3} << 30);
+    // Something that cannot be removed stops neither the others' removal nor the capture.
+    const std::string third = kGeneral + "/" + names_in(kGeneral).at(3);
+    fs::create_directory(third + "/mounted");
+    ASSERT_TRUE(mount_memory(third + "/mounted"));
+    const log_lines log;
     capturing(nullptr, true);
-    EXPECT_THAT(names_in(kGeneral), ElementsAre(StartsWith("ZQLog_11_"), StartsWith("ZQLog_12_")));
+    EXPECT_THAT(names_in(kGeneral), ElementsAre(StartsWith("ZQLog_11_"), StartsWith("ZQLog_12_"),
+                                                StartsWith("ZQLog_3_")));
+    EXPECT_THAT(log.lines(), Contains("E ZQ_UTIL: maximum size exceed, remove it " + third));
 }
 
 TEST_F(GeneralLog, AProgramThatCannotBeStartedIsTheChildsMatter) {

@@ -34,6 +34,16 @@ TEST(LogStore, AnEntryThatIsCutShortIsNeverRead) {
     EXPECT_EQ(append(LOG_ID_MAIN, std::string(5000, 'x')), ENOSPC);
     EXPECT_EQ(append(LOG_ID_MAIN, "last"), 0);
     EXPECT_THAT(lines_of("logcat -d -v raw"), ElementsAre(_, "first", SizeIs(3997), "last", ""));
+
+    std::string stored = read_file("/dev/log/main").substr(16);  // behind the ring's ends
+    std::string_view first = stored;
+    EXPECT_TRUE(take_log_entry(first));
+    for (const size_t nul : {stored.find("tag") + 3, stored.find("first") + 5}) {
+        stored[nul] = 'x';
+        first = stored;
+        EXPECT_THROW(take_log_entry(first), std::system_error);
+        stored[nul] = '\0';
+    }
 }
 
 TEST(KernelLog, RecordsAreParsed) {
@@ -82,6 +92,7 @@ TEST(Programs, LogcatMergesBuffersByTime) {
               "--------- beginning of main\nI/tag     : m2\n"
               "--------- beginning of crash\nI/tag     : c2\nI/tag     : s3\n"
               "--------- beginning of radio\nW/t       : two -words\n");
+    EXPECT_EQ(run("logcat -d").output, run("logcat -d -b main,system,crash").output);
 }
 
 // Lines of 100 bytes: 11 of them are past 1 KiB, and so are 8 with what is there before.

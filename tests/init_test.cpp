@@ -2,6 +2,8 @@
 
 // The device's init: its parser, boot order, triggers, services and shutdown.
 
+#include <map>
+
 #include "tests/device_fixture.h"
 
 namespace {
@@ -30,6 +32,7 @@ TEST(Init, StartsNothingWhenALineIsWrong) {
         {"mkdir /x", "1: 'mkdir' stands outside of a section"},
         {"on init\n mkdir /data/made 0755 root root\n\n frob 1", "4: unknown command 'frob'"},
         {"on boot\n mkdir /x 0755 root", "2: mkdir does not take 3 arguments"},
+        {"service s /b\n  user root root", "2: user does not take 2 arguments"},
         {"on boot\n setprop a ${b}", "2: quotes, escapes and expansions are not known here: ${b}"},
         {"on boot init", "1: a trigger is CONDITION [&& CONDITION]..."},
         {"on property:a=*", "1: 'property:a=*' is not property:NAME=VALUE"},
@@ -106,6 +109,36 @@ TEST(Init, EndsServicesAndOrphansOnASignal) {
 }
 
 // --- The phone's own service file ----------------------------------------------------------------
+
+TEST(ServiceFile, GivesEachServiceItsUserRightsAndPriority) {
+    const std::string tool = "disabled; oneshot; ";
+    const std::string low = "task_profiles ServiceCapacityLow; ";
+    const std::map<std::string, std::string> expected = {
+        {"zq_brevix", "user system; group system log; capabilities; oom_score_adjust 200; " + low},
+        {"zq_tcpdump", "user system; group system; capabilities NET_RAW; " + tool + low},
+        {"zq_dump_info",
+         "user system; group system log readproc; "
+         "capabilities SYS_PTRACE DAC_READ_SEARCH; " +
+             tool + low},
+        {"zq_touchpanel", "user root; group root system; capabilities CHOWN; " + tool},
+        {"zq_audio_dump", "user system; group system audio; capabilities; " + tool + low},
+    };
+    std::map<std::string, std::string> services;
+    std::string name;
+    for (const std::string& line : read_lines("/system_ext/etc/init/zq_brevix.rc")) {
+        std::istringstream words(line);
+        std::string keyword;
+        words >> keyword;
+        if (keyword == "service" || keyword == "on") {
+            words >> name;
+        } else if (line.starts_with("    ") && keyword[0] != '#') {
+            services[name] += line.substr(4) + "; ";
+        }
+    }
+    for (const auto& [service, options] : expected) {
+        EXPECT_EQ(services[service], "class late_start; " + options);
+    }
+}
 
 // Of its first start.
 pid_t daemon_pid() {

@@ -85,8 +85,11 @@ class Capture : public Test {
         EXPECT_THAT(read_file(kOutput), ContainsRegex("start rec.*stop rec.*exit\n"));
     }
 
-    void expect_end_by(int sig) {
+    // `later` comes while the tool handles `sig`; 0 is none.
+    void expect_end_by(int sig, int later = 0) {
         kill(tool_, sig);
+        EXPECT_TRUE(later == 0 || wait_for_text(kOutput, "exit"));
+        kill(tool_, later);
         EXPECT_EQ(WTERMSIG(wait_status(tool_)), sig);
         EXPECT_THAT(other_processes(), IsEmpty()) << sig;
     }
@@ -144,13 +147,15 @@ TEST_F(Capture, AStopWaitsForTcpdumpAndKillsItAfterThreeSeconds) {
     stop();
     EXPECT_TRUE(fs::remove("/data/flushed"));
     start_and_wait("trap '' TERM; echo >/data/started; while true; do sleep 1000; done");
+    const auto began = std::chrono::steady_clock::now();
     stop();
+    EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::seconds(3));
 }
 
 TEST_F(Capture, AnEndSignalEndsTheCaptureBeforeTheTool) {
     for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
         start_and_wait(kEndsInItsOwnTime);
-        expect_end_by(sig);
+        expect_end_by(sig, sig == SIGTERM ? SIGINT : SIGTERM);
         EXPECT_TRUE(fs::remove("/data/flushed")) << sig;
     }
     // A parent may have left them blocked, and SIGHUP ignored.
@@ -180,6 +185,7 @@ TEST_F(Capture, WithoutAThreadTheToolStillEndsAtTheStop) {
                 ElementsAre("I ZQ_TCPDUMP: start recording", "E ZQ_TCPDUMP: thread create fail",
                             "I ZQ_TCPDUMP: stop recording"));
     EXPECT_EQ(mode_of("/data/tcpdump/old.pcap"), 0666);
+    EXPECT_THAT(proc_field("/proc/self/status", "SigBlk"), MatchesRegex(kNoneBlocked));
 }
 
 }  // namespace

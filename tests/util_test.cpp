@@ -5,6 +5,8 @@
 
 #include "utils/util.h"
 
+#include <sys/resource.h>
+
 #include <climits>
 
 #include "tests/device_fixture.h"
@@ -89,6 +91,12 @@ TEST(Size, FoldersThatVanishDuringTheWalkAreLeftOut) {
     while (waitpid(app, nullptr, WNOHANG) == 0) {
         EXPECT_EQ(GetDirectorySize("/data/s"), 5);
     }
+    // One that cannot be read is not left out: there are descriptors for the first folder alone.
+    fs::create_directory("/data/s/unreadable");
+    const rlim_t descriptors = static_cast<rlim_t>(dup(STDIN_FILENO)) + 2;
+    const rlimit limit{descriptors, descriptors};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_THROW(GetDirectorySize("/data/s"), fs::filesystem_error);
 }
 
 TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
@@ -197,6 +205,14 @@ TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
     EXPECT_EQ(run_shell("exit 7"), 7 << 8);
     run_shell("echo $0 >/data/ran");
     EXPECT_EQ(read_file("/data/ran"), "sh\n");
+    // Without a shell nothing is started, and so nothing is waited for.
+    const pid_t stranger = start("exit 3");
+    ASSERT_TRUE(wait_for_end(stranger));
+    fs::remove("/system/bin/sh");
+    EXPECT_EQ(run_shell("true"), -1);
+    execute_cmd("true");
+    ZQCopyFolder("/a", "/b");
+    EXPECT_EQ(wait_status(stranger), 3 << 8);
 }
 
 TEST(Copies, NeverOverwriteAndAlwaysOpenTheMode) {

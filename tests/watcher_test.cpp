@@ -296,10 +296,14 @@ TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsCollectedByTheNextWatcher) {
     const hanging_am am;
     deliver(0, 30);
     ASSERT_TRUE(am.wait_until_it_hangs());
+    EXPECT_EQ(log_lines::count("notify eventreport"), 1U) << "before the notice";
     switch_detection(false);
     move_into_dropbox("ZQEvent_off_e@1");
+    const auto let_go = std::chrono::steady_clock::now();
     am.let_go();
     ASSERT_TRUE(wait_for_log("ZQ_EVENT_LOG: exit"));
+    EXPECT_LT(std::chrono::steady_clock::now() - let_go, std::chrono::seconds(4))
+        << "the patience with the child";
     EXPECT_THAT(types_in_history(), SizeIs(1)) << "the event in hand";
     switch_detection(true);
     deliver(30, 32);
@@ -326,6 +330,7 @@ TEST_F(Watcher, AHangingChildBlocksNoSwitch) {
     EXPECT_EQ(log_lines::count("E ZQ_UTIL : still running, no longer waited for: am startservice"),
               1U);
     EXPECT_EQ(log_lines::count("ZQ_EVENT_LOG: exit"), kSwitches);
+    EXPECT_EQ(log_lines::count("mask:0x32768"), 0U) << "the last record of a removed watch";
     EXPECT_THAT(packages_told(), ElementsAreArray(packages(1, kEvents + 1)));
     EXPECT_THAT(types_in_history(), SizeIs(kEvents + 1));
     EXPECT_EQ(daemon_entries("task"), threads);
