@@ -17,7 +17,6 @@
 #include "utils/stop_signal.h"
 #include "utils/system_property_observer.h"
 #include "utils/upgrade.h"
-#include "utils/util.h"
 #include "zq_event_log.h"
 #include "zq_general_log.h"
 
@@ -32,7 +31,7 @@ const char* volatile version = "zq_brevix " TEXT(ZQ_VERSION);
 
 [[noreturn]] void run_daemon() {
     LOG(INFO) << "ZQLog main start!!";
-    receive_child_ends();
+    brevix::receive_child_ends();
     ZQCheckUpgrade();
     ZQSubscribe("persist.service.start.capture", capturing);
     ZQEventDetect();
@@ -42,7 +41,7 @@ const char* volatile version = "zq_brevix " TEXT(ZQ_VERSION);
 }
 
 void copy_folder(int /*argc*/, char* argv[]) {
-    const ignored_terminal_signals ignored;
+    const brevix::ignored_terminal_signals ignored;
     ZQCopyFolder(argv[2], argv[3]);
 }
 
@@ -69,8 +68,8 @@ void run_tool(int /*argc*/, char* /*argv*/[]) {
 
 struct sub_command {
     const char* name;
-    int min_argc;
-    int max_argc;
+    int min_arguments;  // behind the name
+    int max_arguments;
     void (*run)(int argc, char* argv[]);
 };
 
@@ -78,13 +77,13 @@ constexpr int kAny = INT_MAX;
 
 // clang-format off
 constexpr sub_command kSubCommands[] = {
-    {"tcpdump",     2, kAny, run_tool<ZQTCPDumpDetect>},
-    {"dump_info",   2, kAny, run_tool<ZQDumpInfo>},
-    {"copy_folder", 4, kAny, copy_folder},
-    {"cmd",         2, kAny, cmd},
-    {"touchpanel",  2, kAny, run_tool<ZQTouchPanelDump>},
-    {"audio_dump",  2, kAny, run_tool<ZQCopyAudioHalDumpFiles>},
-    {"audio_cmd",   3, 3,    audio_cmd},
+    {"tcpdump",     0, kAny, run_tool<ZQTCPDumpDetect>},
+    {"dump_info",   0, kAny, run_tool<ZQDumpInfo>},
+    {"copy_folder", 2, kAny, copy_folder},
+    {"cmd",         0, kAny, cmd},
+    {"touchpanel",  0, kAny, run_tool<ZQTouchPanelDump>},
+    {"audio_dump",  0, kAny, run_tool<ZQCopyAudioHalDumpFiles>},
+    {"audio_cmd",   1, 1,    audio_cmd},
 };
 // clang-format on
 
@@ -99,7 +98,8 @@ int main(int argc, char* argv[]) {
     }
     for (const sub_command& command : kSubCommands) {
         if (strcmp(argv[1], command.name) == 0) {
-            if (argc >= command.min_argc && argc <= command.max_argc) {
+            const int arguments = argc - 2;
+            if (arguments >= command.min_arguments && arguments <= command.max_arguments) {
                 command.run(argc, argv);
             }
             return 0;

@@ -4,14 +4,17 @@
 #include "zq_event_log.h"
 
 #include <android-base/logging.h>
-#include <cutils/properties.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <filesystem>
 
+#include "utils/children.h"
+#include "utils/directories.h"
+#include "utils/property_value.h"
+#include "utils/retention.h"
 #include "utils/system_property_observer.h"
-#include "utils/util.h"
+
+using namespace brevix;
 
 namespace {
 
@@ -20,10 +23,9 @@ const char* reboot_type() {
     if (stat("/proc/cmdline", &st) != 0) {
         return "";
     }
-    char panic_mode[PROPERTY_VALUE_MAX] = {};
-    property_get("ro.boot.panicmode", panic_mode, "0");
+    const std::string panic_mode = property_value("ro.boot.panicmode", "0");
     LOG(INFO) << "panic mode: " << panic_mode;
-    if (strcmp(panic_mode, "1") == 0) {
+    if (panic_mode == "1") {
         LOG(WARNING) << "reboot because of kernel panic !!!";
         return "KERNELPANIC ";  // the blank belongs to the type
     }
@@ -64,9 +66,7 @@ void available_changed(const char* name, bool on) {
 }
 
 int ZQEventDetect() {
-    char limit[PROPERTY_VALUE_MAX] = {};
-    property_get("persist.service.brevix.ev.num", limit, "10");
-    event_num_limit = std::stoi(limit);
+    event_num_limit = std::stoi(property_value("persist.service.brevix.ev.num", "10"));
     read_device_info();
     const char* type = reboot_type();
     const tm local = local_time(time(nullptr));

@@ -4,7 +4,6 @@
 #include "zq_general_log.h"
 
 #include <android-base/logging.h>
-#include <cutils/properties.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -15,7 +14,11 @@
 #include <vector>
 
 #include "utils/children.h"
-#include "utils/util.h"
+#include "utils/directories.h"
+#include "utils/property_value.h"
+#include "utils/retention.h"
+
+using namespace brevix;
 
 namespace {
 
@@ -58,37 +61,30 @@ constexpr log_settings kChannels[] = {
 };
 // clang-format on
 
-struct property_value {
-    char text[PROPERTY_VALUE_MAX] = {};
+bool is_on(const char* property, const char* fallback) {
+    return property_value(property, fallback) == "1";
+}
 
-    property_value(const char* name, const char* fallback) { property_get(name, text, fallback); }
-    bool is_on() const { return strcmp(text, "1") == 0; }
-    // Keeps the greater number.
-    void raise_to(const char* minimum) {
-        if (atoi(minimum) > atoi(text)) {
-            snprintf(text, sizeof(text), "%s", minimum);
-        }
+void raise_to(std::string& number, const char* minimum) {
+    if (atoi(minimum) > atoi(number.c_str())) {
+        number = minimum;
     }
-};
+}
 
 pid_t start_channel(const log_settings& channel, const char* dir) {
-    property_value count(channel.count_prop, channel.count_default);
-    property_value rotate(channel.rotate_prop, channel.rotate_default);
-    if (channel.dynamic && property_value("sys.brevix.dynamic.log", "0").is_on()) {
-        count.raise_to(channel.dynamic_count);
-        rotate.raise_to(channel.dynamic_rotate);
+    std::string count = property_value(channel.count_prop, channel.count_default);
+    std::string rotate = property_value(channel.rotate_prop, channel.rotate_default);
+    if (channel.dynamic && is_on("sys.brevix.dynamic.log", "0")) {
+        raise_to(count, channel.dynamic_count);
+        raise_to(rotate, channel.dynamic_rotate);
     }
     const std::string file = cut_format(kMaxPathBytes, "%s/%s.log", dir, channel.name);
     std::string command =
-        cut_format(kMaxPathBytes, channel.command, file.c_str(), rotate.text, count.text);
+        cut_format(kMaxPathBytes, channel.command, file.c_str(), rotate.c_str(), count.c_str());
     std::vector<char*> argv;
     ZQSplitByDelim(argv, command.data(), " ");
     argv.push_back(nullptr);
-    const pid_t pid = start_kept_child(channel.name, argv.data());
-    if (pid == 0) {
-        _exit(127);
-    }
-    return pid;
+    return start_kept_child(channel.name, argv.data());
 }
 
 // --- Switch --------------------------------------------------------------------------------------
@@ -99,7 +95,7 @@ constexpr uint64_t kNameFields = 3;
 
 // Removes old captures by number and by total size, so that the capture `count` fits in.
 bool prune(int count) {
-    const int keep = std::stoi(property_value("persist.service.brevix.gl.num", "10").text);
+    const int keep = std::stoi(property_value("persist.service.brevix.gl.num", "10"));
     if (ZQRemoveOldFile(kBase, kPrefix, kNameFields, int64_t{count} - keep + 1, true, false)) {
         LOG(ERROR) << "remove old file failed!";
         return false;
@@ -125,8 +121,8 @@ void start_capturing() {
     if (!prune(count)) {
         return;
     }
-    char dir[512] = {};
-    if (ZQCreateDirByFormat(kBase, kPrefix, count, "%Y-%m-%d-%H-%M-%S", sizeof(dir), dir) != 0) {
+    char dir[kMaxPathBytes + 1] = {};
+    if (ZQCreateDirByFormat(kBase, kPrefix, count, kFileTimeFormat, sizeof(dir), dir) != 0) {
         LOG(ERROR) << "create new general log dir failed!";
         return;
     }
@@ -146,7 +142,7 @@ void stop_capturing() {
 int check_record_log(const char* dir) {
     int result = 1;
     for (const log_settings& channel : kChannels) {
-        if (!property_value(channel.enable_prop, channel.enable_default).is_on()) {
+        if (!is_on(channel.enable_prop, channel.enable_default)) {
             LOG(INFO) << "record " << channel.name << " is not enabled";
             continue;
         }

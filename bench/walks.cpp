@@ -17,7 +17,8 @@ std::function<double()> timed(const std::function<void()>& work) {
 }
 
 std::function<double()> timed_line(const std::string& shell_line) {
-    return timed([=] { require(run_shell(shell_line.c_str()) == 0, "failed: " + shell_line); });
+    return timed(
+        [=] { require(brevix::run_shell(shell_line.c_str()) == 0, "failed: " + shell_line); });
 }
 
 }  // namespace

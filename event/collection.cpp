@@ -10,11 +10,15 @@
 #include <filesystem>
 #include <optional>
 
-#include "event/decisions.h"
 #include "event/history.h"
-#include "utils/util.h"
+#include "event/rules.h"
+#include "utils/base_log.h"
+#include "utils/children.h"
+#include "utils/directories.h"
+#include "utils/retention.h"
 
 namespace fs = std::filesystem;
+using namespace brevix;
 
 namespace {
 
@@ -27,7 +31,8 @@ bool identify(collected_event& event, const event_watch& watch, int64_t row) {
         event.type = watch.type[row];
         return true;
     }
-    if (const char* error = parse_app_event(event.file_name, event)) {
+    const char* error = nullptr;
+    if (!parse_app_event(event.file_name, event, error)) {
         LOG(ERROR) << error;
         LOG(ERROR) << "filename format incorrectly";
         return false;

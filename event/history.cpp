@@ -6,13 +6,15 @@
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
-#include <cutils/properties.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "utils/util.h"
+#include "utils/directories.h"
+#include "utils/property_value.h"
+
+using namespace brevix;
 
 namespace {
 
@@ -21,11 +23,11 @@ using android::base::unique_fd;
 constexpr const char* kHistoryFile = "/data/logs/history.event";
 
 struct {
-    char board[PROPERTY_VALUE_MAX];
-    char sw_version[PROPERTY_VALUE_MAX];
-    char fingerprint[PROPERTY_VALUE_MAX];
-    char verified_boot_state[PROPERTY_VALUE_MAX];
-    char debuggable[PROPERTY_VALUE_MAX];
+    std::string board;
+    std::string sw_version;
+    std::string fingerprint;
+    std::string verified_boot_state;
+    std::string debuggable;
 } device_info;
 
 unique_fd open_for_appending(const char* path, int flags = 0) {
@@ -43,10 +45,10 @@ void write_report(const std::string& path, const char* event, const std::string&
     }
     const struct {
         const char* key;
-        const char* value;
+        const std::string& value;
     } lines[] = {
         {"EVENT", event},
-        {"DATE", date.c_str()},
+        {"DATE", date},
         {"BOARD", device_info.board},
         {"SWVersion", device_info.sw_version},
         {"FINGERPRINT", device_info.fingerprint},
@@ -67,12 +69,14 @@ void write_report(const std::string& path, const char* event, const std::string&
 
 }  // namespace
 
-void read_device_info() {
-    property_get("ro.build.fingerprint", device_info.fingerprint, "");
-    property_get("ro.product.name", device_info.board, "");
-    property_get("ro.build.display.id", device_info.sw_version, "");
-    property_get("ro.boot.verifiedbootstate", device_info.verified_boot_state, "");
-    property_get("ro.debuggable", device_info.debuggable, "");
+void brevix::read_device_info() {
+    device_info = {
+        .board = property_value("ro.product.name", ""),
+        .sw_version = property_value("ro.build.display.id", ""),
+        .fingerprint = property_value("ro.build.fingerprint", ""),
+        .verified_boot_state = property_value("ro.boot.verifiedbootstate", ""),
+        .debuggable = property_value("ro.debuggable", ""),
+    };
 }
 
 void write_history_event(const char* event, const char* type, const char* dir, const char* name,

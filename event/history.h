@@ -5,9 +5,13 @@
 
 // The history file and the report file of each event folder.
 
+namespace brevix {
+
 // Reads the device information of the reports from the system properties. Main thread, before the
 // first watcher.
 void read_device_info();
+
+}  // namespace brevix
 
 // Appends a line to "/data/logs/history.event" and, when `dir` is not null, first a report to
 // `dir`/eventfile. `name` may be null only when `dir` is; an empty one has no line in the report.

@@ -9,12 +9,15 @@
 
 // The watched directories, the meaning of their file names, and the event categories.
 
+namespace brevix {
+
 // The root of all that is collected, ending in "/".
 inline constexpr const char* kBaseLogDir = "/data/logs/";
 
+}  // namespace brevix
+
 // An event category.
-class customize_settings {
-  public:
+struct customize_settings {
     std::string log_dir;     // folder below /data/logs/ that holds its event folders
     std::string prop;        // the property that switches it
     bool available = false;  // state of that switch; accessed atomically
@@ -38,8 +41,12 @@ struct event_watch {
 
 extern event_watch event_watches[2];
 
+namespace brevix {
+
 // The permission bits that the platform's init gives these directories.
 inline constexpr mode_t kLeastModes[] = {0700, 0771};
+
+}  // namespace brevix
 
 // Maximum of event folders per name prefix and of entries in the staging folder. Written once, by
 // ZQEventDetect.

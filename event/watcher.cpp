@@ -20,11 +20,14 @@
 #include <thread>
 
 #include "event/collection.h"
-#include "event/decisions.h"
+#include "event/records.h"
+#include "event/rules.h"
 #include "event/tables.h"
 #include "utils/children.h"
+#include "utils/directories.h"
 #include "utils/stop_signal.h"
-#include "utils/util.h"
+
+using namespace brevix;
 
 namespace {
 
@@ -304,7 +307,7 @@ void handle_record(const inotify_event& record) {
         watch_again_after(record, *watch);
     }
     if ((record.mask & IN_ISDIR) == 0 && record.len != 0) {
-        handle_file(*watch, name_of(record));
+        handle_file(*watch, record_name(record));
     }
 }
 
@@ -322,7 +325,7 @@ void log_first_record(const inotify_event& record) {
     // The mask is decimal behind its "0x": log readers know the line like this.
     LOG(INFO) << "event[wd:" << record.wd << ", mask:0x" << record.mask
               << ", cookie:" << record.cookie << ", len:" << record.len
-              << ", name:" << name_of(record) << "]";
+              << ", name:" << record_name(record) << "]";
 }
 
 // Null when none is left, and when this watcher has been stopped.
@@ -347,7 +350,7 @@ void read_records() {
         records.position = records.buffer;
         records.end = records.buffer + bytes;
         records.is_logged = false;
-        collect_ended_children();
+        reap_ended_children();
     }
 }
 
@@ -395,7 +398,7 @@ void* start_event_detecting(void* /*unused*/) {
     end_watcher();
 }
 
-void start_watcher() {
+void brevix::start_watcher() {
     const sigset_t stop = set_of(kStopSignals);
     sigset_t previous;
     pthread_sigmask(SIG_BLOCK, &stop, &previous);  // the thread inherits it
@@ -410,7 +413,7 @@ void start_watcher() {
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
-void stop_watcher() {
+void brevix::stop_watcher() {
     const std::lock_guard lock(detection.mutex);
     if (detection.is_on) {
         detection.is_on = false;

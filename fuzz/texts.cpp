@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "event/decisions.h"
+#include "event/rules.h"
 #include "fuzz/input.h"
 #include "tool/zq_tcpdump.h"
-#include "utils/util.h"
+#include "utils/directories.h"
+
+using namespace brevix;
 
 static void check_counts(const std::string& name) {
     for (uint64_t fields = 0; fields < 6; ++fields) {
@@ -28,7 +30,8 @@ static void check_counts(const std::string& name) {
 
 static void check_app_event(const std::string& name) {
     collected_event event{};
-    if (parse_app_event(name, event) == nullptr &&
+    const char* error = nullptr;
+    if (parse_app_event(name, event, error) &&
         (event.type.size() > kMaxTypeBytes || event.package.size() > kMaxPackageBytes ||
          event.package.find('_') != std::string::npos ||
          notice_command(event).size() > kMaxPathBytes)) {
@@ -41,7 +44,7 @@ static void check_capture_size(const std::string& size) {
     int files = 0;
     int end = 0;
     try {
-        sscanf(capture_command(size.c_str(), "x", "0").c_str(),
+        sscanf(capture_command(size, "x", "0").c_str(),
                "tcpdump -i any -p -C %d -W %d -w/data/tcpdump/x.pcap%n", &file_size, &files, &end);
     } catch (const std::logic_error&) {
         return;  // ends the tool

@@ -18,6 +18,8 @@
 
 namespace look {
 
+using namespace brevix;
+
 namespace {
 
 constexpr size_t kHeadBytes = 16 << 10;

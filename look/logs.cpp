@@ -14,6 +14,8 @@
 
 namespace look {
 
+using namespace brevix;
+
 namespace {
 
 constexpr moment kSecond = 1000;

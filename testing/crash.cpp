@@ -24,16 +24,17 @@
 #include <system_error>
 #include <vector>
 
-#include "event/decisions.h"
+#include "event/rules.h"
 #include "event/tables.h"
 #include "testing/device.h"
-#include "utils/util.h"
+#include "utils/directories.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 using android::base::StringPrintf;
+using namespace brevix;
 
 constexpr const char* kUsage =
     "usage: crash [--wait] KIND [-]\n"
@@ -255,9 +256,10 @@ std::optional<collected_event> event_of(const fs::path& delivered) {
             }
             event.category = watch.category[row];
             event.type = watch.type[row];
-            const bool is_malformed =
-                is_app_event(event) && parse_app_event(event.file_name, event) != nullptr;
-            return is_malformed ? std::nullopt : std::optional(event);
+            const char* error = nullptr;
+            const bool is_known =
+                !is_app_event(event) || parse_app_event(event.file_name, event, error);
+            return is_known ? std::optional(event) : std::nullopt;
         }
     }
     return std::nullopt;

@@ -10,7 +10,7 @@
 
 #include "tests/device_fixture.h"
 #include "tool/zq_touchpanel.h"
-#include "utils/util.h"
+#include "utils/directories.h"
 
 // Only the lowest bit of the answer counts.
 extern "C" int __real_GetZqFeature(int feature);
@@ -20,6 +20,7 @@ extern "C" int __wrap_GetZqFeature(int feature) {
 
 namespace {
 
+using namespace brevix;
 using namespace fixture;
 using namespace testing;
 

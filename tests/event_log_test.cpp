@@ -23,6 +23,7 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
 
 namespace {
 
+using namespace brevix;
 using namespace fixture;
 using namespace std::chrono_literals;
 using namespace testing;

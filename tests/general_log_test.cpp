@@ -8,7 +8,6 @@
 #include <map>
 
 #include "tests/device_fixture.h"
-#include "utils/children.h"
 #include "utils/util.h"
 #include "zq_general_log.h"
 
@@ -51,6 +50,7 @@ int __wrap_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_acti
 
 namespace {
 
+using namespace brevix;
 using namespace fixture;
 using namespace testing;
 
@@ -184,9 +184,9 @@ TEST_F(GeneralLog, AProgramThatCannotBeStartedIsTheChildsMatter) {
 // The kernel gives the pid of a collected child to another process.
 TEST_F(GeneralLog, AChildThatWasCollectedIsNotSignalled) {
     const char* const argv[] = {"/system/bin/true", nullptr};
-    pid_t pid = start_kept_child("test", const_cast<char* const*>(argv));
+    pid_t pid = start_kept_child("test", argv);
     ASSERT_TRUE(wait_for_end(pid));
-    collect_ended_children();
+    reap_ended_children();
     clone_args arguments{};
     arguments.exit_signal = SIGCHLD;
     arguments.set_tid = reinterpret_cast<uintptr_t>(&pid);

@@ -10,6 +10,7 @@
 
 namespace {
 
+using namespace brevix;
 using namespace fixture;
 using namespace testing;
 

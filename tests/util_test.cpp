@@ -10,11 +10,11 @@
 #include <climits>
 
 #include "tests/device_fixture.h"
-#include "utils/children.h"
 #include "utils/upgrade.h"
 
 namespace {
 
+using namespace brevix;
 using namespace fixture;
 using namespace testing;
 

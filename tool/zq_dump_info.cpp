@@ -6,7 +6,7 @@
 #include <android-base/logging.h>
 #include <cutils/properties.h>
 
-#include "utils/util.h"
+#include "utils/children.h"
 
 namespace {
 

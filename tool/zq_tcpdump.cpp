@@ -5,7 +5,6 @@
 
 #include <android-base/logging.h>
 #include <android-base/properties.h>
-#include <cutils/properties.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -16,33 +15,34 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <sstream>
 
 #include "utils/children.h"
+#include "utils/property_value.h"
 #include "utils/stop_signal.h"
-#include "utils/util.h"
+
+using namespace brevix;
 
 namespace {
 
 // --- The line ------------------------------------------------------------------------------------
 
-constexpr int kMaxFileSize = 100;
+constexpr int kMaxFileMegabytes = 100;
 constexpr int kMaxFiles = 10;
 constexpr size_t kMaxLineBytes = 255;
 
 struct file_ring {
-    int file_size = 0;
+    int megabytes = 0;
     int files = 0;
 };
 
-file_ring parse_size(const char* text) {
+file_ring parse_size(const std::string& text) {
     file_ring result;
     std::istringstream fields(text);
     std::string field;
     if (std::getline(fields, field, ',')) {
-        result.file_size = std::min(std::stoi(field), kMaxFileSize);
+        result.megabytes = std::min(std::stoi(field), kMaxFileMegabytes);
     }
     if (std::getline(fields, field, ',')) {
         result.files = std::min(std::stoi(field), kMaxFiles);
@@ -52,15 +52,15 @@ file_ring parse_size(const char* text) {
 
 }  // namespace
 
-std::string capture_command(const char* size, const char* file, const char* limitation) {
+std::string brevix::capture_command(const std::string& size, const std::string& file,
+                                    const std::string& limitation) {
     const file_ring ring = parse_size(size);
-    const char* packet_bytes = strcmp(limitation, "0") == 0 ? "" : "-s 128 ";
-    const bool is_named = file[0] != '\0';
+    const char* packet_bytes = limitation == "0" ? "" : "-s 128 ";
     // The shell puts the start time into an unnamed file's name.
-    const char* name = is_named ? file : "$(date +%Y.%m.%d.%H:%M:%S)";
+    const char* name = file.empty() ? "$(date +%Y.%m.%d.%H:%M:%S)" : file.c_str();
     char line[kMaxLineBytes] = {};
     snprintf(line, sizeof(line), "tcpdump -i any -p %s-C %d -W %d -w/data/tcpdump/%s.pcap",
-             packet_bytes, ring.file_size, ring.files, name);
+             packet_bytes, ring.megabytes, ring.files, name);
     return line;
 }
 
@@ -136,13 +136,9 @@ void end_capture() {
 }
 
 std::string configured_command() {
-    char limitation[PROPERTY_VALUE_MAX] = {};
-    char size[PROPERTY_VALUE_MAX] = {};
-    char file[PROPERTY_VALUE_MAX] = {};
-    property_get("sys.brevix.tcpdump.package.limitation", limitation, "1");
-    property_get("sys.tcpdump.size", size, "100,10");
-    property_get("sys.tcpdump.file", file, "");
-    return capture_command(size, file, limitation);
+    return capture_command(property_value("sys.tcpdump.size", "100,10"),
+                           property_value("sys.tcpdump.file", ""),
+                           property_value("sys.brevix.tcpdump.package.limitation", "1"));
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 // One capture: waits without limit for "1", starts a recorder thread, waits for "0", ends the
 // recorder with its tcpdump and gives the files mode 0666. By then no process of the capture is
 // left and its last file is complete, unless tcpdump took more than three seconds to end and was
-// killed. Returns 0. Makes this process a child subreaper. Main thread
-// of a single-threaded process.
+// killed. Returns 0. Makes this process a child subreaper. Main thread of a single-threaded
+// process.
 //
 // SIGTERM, SIGINT, SIGHUP and SIGQUIT end the process as usual, but during a capture the capture
 // ends first, in the same way. They are unblocked until the capture and blocked in the calling
@@ -27,9 +27,14 @@ void* record_tcpdump(void*);
 // when the "0" has come, else the process by `sig`.
 void tcpdump_sig_handler(int sig);
 
+namespace brevix {
+
 // The shell line of a capture, at most 254 bytes. `size` is FILE_SIZE[,FILES[,...]] in tcpdump's
 // units of a million bytes: at most 100 and 10 are used, and FILES is 0 when there is none or
 // nothing behind the comma. `file` is the base name in /data/tcpdump, empty for one made of the
 // start time. A `limitation` of "0" records whole packets instead of 128 bytes of each. Throws
 // std::invalid_argument or std::out_of_range when a field of `size` is not an int.
-std::string capture_command(const char* size, const char* file, const char* limitation);
+std::string capture_command(const std::string& size, const std::string& file,
+                            const std::string& limitation);
+
+}  // namespace brevix

@@ -23,13 +23,14 @@
 
 #include "platform/zq_feature.h"
 #include "utils/children.h"
-#include "utils/util.h"
+#include "utils/directories.h"
+
+namespace fs = std::filesystem;
+using android::base::unique_fd;
+using namespace brevix;
 
 namespace {
 
-namespace fs = std::filesystem;
-
-using android::base::unique_fd;
 using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kCaptureTime(2);

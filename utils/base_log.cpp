@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #define LOG_TAG "ZQ_UTIL"
 
+#include "utils/base_log.h"
+
 #include <android-base/logging.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -9,7 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "utils/util.h"
+#include "utils/children.h"
+#include "utils/directories.h"
+
+using namespace brevix;
 
 namespace {
 
@@ -39,11 +44,7 @@ pid_t start_dump(const base_log& log, const char* dir) {
         argv.insert(argv.end(), {"-b", buffer});
     }
     argv.insert(argv.end(), {"-v", "threadtime", "-d", nullptr});
-    const pid_t pid = ZQRecordLog(log.tag, const_cast<char* const*>(argv.data()));
-    if (pid == 0) {
-        _exit(127);
-    }
-    return pid;
+    return start_recording(log.tag, argv.data());
 }
 
 // Reaps the children in order and returns whether all have exited. A child that an earlier scan

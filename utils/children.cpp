@@ -4,6 +4,7 @@
 #include "utils/children.h"
 
 #include <android-base/logging.h>
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <paths.h>
 #include <signal.h>
@@ -19,10 +20,11 @@
 #include <mutex>
 #include <vector>
 
+#include "utils/directories.h"
 #include "utils/stop_signal.h"
-#include "utils/util.h"
 
 namespace fs = std::filesystem;
+using namespace brevix;
 
 namespace {
 
@@ -120,16 +122,52 @@ struct sigaction ignore(int sig) {
 constexpr size_t kMaxCommandBytes = 1023;
 constexpr std::chrono::seconds kPatience(5);
 
-// Guards `kept`. Held while a child is started or collected: the kernel reuses a pid only after its
-// process has been collected, so a pid in `kept` never names another process.
+// Guards `kept`. Held while a child is started or reaped: the kernel reuses a pid only after its
+// process has been reaped, so a pid in `kept` never names another process.
 std::mutex kept_mutex;
 std::vector<pid_t> kept;
-
-}  // namespace
 
 // The look comes first, because bionic's posix_spawn does not tell what its child has met.
 pid_t spawn_or_fork(const char* const argv[]) {
     return access(argv[0], X_OK) == 0 ? spawn(argv[0], argv) : fork();
+}
+
+pid_t end_child_of_failed_start(pid_t pid) {
+    if (pid == 0) {
+        _exit(127);
+    }
+    return pid;
+}
+
+}  // namespace
+
+int ZQRecordLog(const std::string& tag, char* const argv[]) {
+    const pid_t pid = spawn_or_fork(argv);
+    if (pid > 0) {
+        LOG(INFO) << "tag: " << tag << ", pid: " << pid;
+    } else if (pid < 0) {
+        PLOG(ERROR) << "tag: " << tag << ", error";
+    }
+    return pid;
+}
+
+namespace brevix {
+
+pid_t start_program(const char* const argv[]) {
+    return end_child_of_failed_start(spawn_or_fork(argv));
+}
+
+pid_t start_recording(const std::string& tag, const char* const argv[]) {
+    return end_child_of_failed_start(ZQRecordLog(tag, const_cast<char* const*>(argv)));
+}
+
+int run_shell(const char* command) {
+    const pid_t pid = start_shell_logged(command, process_group::inherited);
+    return pid < 0 ? -1 : wait_for(pid, command);
+}
+
+pid_t start_shell_group(const char* command) {
+    return start_shell_logged(command, process_group::own);
 }
 
 int wait_for(pid_t pid, const char* command) {
@@ -150,9 +188,9 @@ ignored_terminal_signals::~ignored_terminal_signals() {
     sigemptyset(&given_back);
 }
 
-pid_t start_kept_child(const std::string& tag, char* const argv[]) {
+pid_t start_kept_child(const std::string& tag, const char* const argv[]) {
     const std::lock_guard lock(kept_mutex);
-    const pid_t pid = ZQRecordLog(tag, argv);
+    const pid_t pid = start_recording(tag, argv);
     if (pid > 0) {
         kept.push_back(pid);
     }
@@ -167,7 +205,7 @@ void signal_kept_children(int sig) {
     kept.clear();
 }
 
-void collect_ended_children() {
+void reap_ended_children() {
     const std::lock_guard lock(kept_mutex);
     pid_t pid = 0;
     while ((pid = waitpid(-1, nullptr, WNOHANG)) > 0) {
@@ -175,35 +213,19 @@ void collect_ended_children() {
     }
 }
 
-int ZQRecordLog(const std::string& tag, char* const argv[]) {
-    const pid_t pid = spawn_or_fork(argv);
-    if (pid > 0) {
-        LOG(INFO) << "tag: " << tag << ", pid: " << pid;
-    } else if (pid < 0) {
-        PLOG(ERROR) << "tag: " << tag << ", error";
-    }
-    return pid;
-}
-
-int run_shell(const char* command) {
-    const pid_t pid = start_shell_logged(command, process_group::inherited);
-    return pid < 0 ? -1 : wait_for(pid, command);
-}
-
-pid_t start_shell_group(const char* command) {
-    return start_shell_logged(command, process_group::own);
-}
+}  // namespace brevix
 
 void execute_cmd(const char* command) {
     if (strlen(command) > kMaxCommandBytes) {
         LOG(FATAL) << "command longer than " << kMaxCommandBytes << " bytes";
     }
-    int pipe_fds[2];
     pid_t pid = -1;
-    if (pipe2(pipe_fds, O_CLOEXEC) == 0) {
-        close(pipe_fds[0]);
-        pid = start_shell(command, pipe_fds[1]);
-        close(pipe_fds[1]);
+    android::base::unique_fd read_end;
+    android::base::unique_fd write_end;
+    if (android::base::Pipe(&read_end, &write_end)) {
+        read_end.reset();
+        pid = start_shell(command, write_end);
+        write_end.reset();
     }
     if (pid < 0) {
         LOG(WARNING) << "fail to dump " << command;

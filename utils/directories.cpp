@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #define LOG_TAG "ZQ_UTIL"
 
+#include "utils/directories.h"
+
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 #include <sys/stat.h>
@@ -16,9 +18,9 @@
 #include <string_view>
 #include <system_error>
 
-#include "utils/util.h"
-
 namespace fs = std::filesystem;
+
+namespace brevix {
 
 std::string cut_format(size_t max_bytes, const char* format, ...) {
     std::string text;
@@ -41,6 +43,10 @@ std::string format_time(const char* format, const tm& time) {
     strftime(text, sizeof(text), format, &time);
     return text;
 }
+
+}  // namespace brevix
+
+using namespace brevix;
 
 int ZQCreateDir(const std::string& path) {
     std::error_code ec;

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #define LOG_TAG "ZQ_UTIL"
 
+#include "utils/retention.h"
+
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
-#include <cutils/properties.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -21,9 +22,11 @@
 #include <utility>
 
 #include "utils/children.h"
-#include "utils/util.h"
+#include "utils/directories.h"
+#include "utils/property_value.h"
 
 namespace fs = std::filesystem;
+using namespace brevix;
 
 namespace {
 
@@ -131,10 +134,7 @@ void pack(const std::string& path) {
     const std::string archive = path + ".tar.gz";
     const char* const argv[] = {"/system/bin/tar", "-czf", archive.c_str(), "-C",
                                 path.c_str(),      ".",    nullptr};
-    const pid_t pid = spawn_or_fork(argv);
-    if (pid == 0) {
-        _exit(127);
-    }
+    const pid_t pid = start_program(argv);
     if (pid < 0) {
         const int error = errno;
         LOG(ERROR) << "tar fork fail " << strerror(error);
@@ -172,9 +172,8 @@ std::vector<std::string> beyond_ceiling(const std::string& dir, const auto& name
 }
 
 bool is_aging_build() {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get("ro.boot.aging.build", value, "0");
-    return strcmp(value, "true") == 0 || strcmp(value, "1") == 0;
+    const std::string value = property_value("ro.boot.aging.build", "0");
+    return value == "true" || value == "1";
 }
 
 }  // namespace

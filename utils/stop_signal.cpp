@@ -7,6 +7,8 @@
 #include <time.h>
 #include <unistd.h>
 
+namespace brevix {
+
 namespace {
 
 using std::chrono::steady_clock;
@@ -114,3 +116,5 @@ bool wait_for_end(pid_t pid, std::chrono::milliseconds patience) {
     }
     return true;
 }
+
+}  // namespace brevix

@@ -10,6 +10,8 @@
 // Threads that a signal ends. They block it except in one wait, where they hold no lock and have
 // nothing half done.
 
+namespace brevix {
+
 sigset_t set_of(std::span<const int> signals);
 
 // Handles `sig` by `handler`, with every signal blocked meanwhile. The disposition is the
@@ -58,3 +60,5 @@ bool wait_for_end(pid_t pid, std::chrono::milliseconds patience);
 // Thrown by a stopped thread that gives up waiting for a child, to end with its stack unwound:
 // bionic's pthread_exit does not do that.
 struct child_left_alone {};
+
+}  // namespace brevix

@@ -9,23 +9,23 @@
 
 #include <chrono>
 #include <map>
+#include <mutex>
 #include <vector>
 
 namespace {
 
 using handler_function = void (*)(const char* name, bool on);
 
-pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards `handlers`, and is held while they run
+std::mutex mutex;  // guards `handlers`, and is held while they run
 
 // Keyed by the pointer: two pointers to equal texts are two subscriptions on purpose.
 std::map<const char*, std::vector<handler_function>> handlers;
 
 void call_handlers(const char* name, bool on) {
-    pthread_mutex_lock(&mutex);
+    const std::lock_guard lock(mutex);
     for (const handler_function handler : handlers[name]) {
         handler(name, on);
     }
-    pthread_mutex_unlock(&mutex);
 }
 
 void* callback(void* name_pointer) {
@@ -41,15 +41,18 @@ void* callback(void* name_pointer) {
     }
 }
 
+// Returns whether it is the name's first.
+bool add_handler(const char* name, handler_function handler) {
+    const std::lock_guard lock(mutex);
+    std::vector<handler_function>& subscribed = handlers[name];
+    subscribed.push_back(handler);
+    return subscribed.size() == 1;
+}
+
 }  // namespace
 
 void ZQSubscribe(const char* name, void (*handler)(const char* name, bool on)) {
-    pthread_mutex_lock(&mutex);
-    std::vector<handler_function>& subscribed = handlers[name];
-    subscribed.push_back(handler);
-    const bool is_new = subscribed.size() == 1;
-    pthread_mutex_unlock(&mutex);
-    if (!is_new) {
+    if (!add_handler(name, handler)) {
         return;
     }
     pthread_t thread{};

@@ -6,8 +6,9 @@
 #include <android-base/logging.h>
 #include <cutils/properties.h>
 
-#include <cstring>
 #include <string>
+
+#include "utils/property_value.h"
 
 namespace {
 
@@ -29,9 +30,7 @@ constexpr migration_rule kMigrationRules[] = {
 // clang-format on
 
 void migrate(const migration_rule& rule) {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(rule.property, value, rule.old_default);
-    if (strcmp(value, rule.old_default) == 0) {
+    if (brevix::property_value(rule.property, rule.old_default) == rule.old_default) {
         property_set(rule.property, rule.new_default);
     }
 }
@@ -39,8 +38,7 @@ void migrate(const migration_rule& rule) {
 }  // namespace
 
 int ZQCheckUpgrade() {
-    char value[PROPERTY_VALUE_MAX] = {};
-    property_get(kVersionProperty, value, "0");
+    const std::string value = brevix::property_value(kVersionProperty, "0");
     const int old = std::stoi(value);
     if (old == kVersion) {
         return 0;

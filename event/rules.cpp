@@ -1,35 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "event/decisions.h"
+#include "event/rules.h"
 
 #include <android-base/strings.h>
 
 #include <cstring>
 #include <vector>
 
-#include "utils/util.h"
+#include "utils/directories.h"
+
+namespace brevix {
 
 bool row_matches(const event_watch& watch, int64_t row, const std::string& name) {
     if (name.find(watch.pattern[row]) == std::string::npos) {
         return false;
     }
     // A tombstone's protobuf and temporary file make no event of their own.
-    const bool is_companion = name.size() >= 4 && (name.ends_with(".pb") || name.ends_with(".tmp"));
+    const bool is_companion = name.ends_with(".pb") || name.ends_with(".tmp");
     return strcmp(watch.type[row], "TOMBSTONE") != 0 || !is_companion;
 }
 
 // "ZQEvent_" PACKAGE "_" EVENT, then "@" and what the dropbox appends. Frozen: apps compose it.
-const char* parse_app_event(const std::string& file_name, collected_event& out) {
+bool parse_app_event(const std::string& file_name, collected_event& out, const char*& error) {
     if (!file_name.starts_with("ZQEvent_")) {
-        return "parse info from filename prefix incorrectly";
+        error = "parse info from filename prefix incorrectly";
+        return false;
     }
     const std::vector<std::string> parts =
         android::base::Split(file_name.substr(0, file_name.find('@')), "_");
     if (parts.size() != 3) {
-        return "parse info from filename split size incorrectly";
+        error = "parse info from filename split size incorrectly";
+        return false;
     }
     out.package = parts[1].substr(0, kMaxPackageBytes);
     out.type = parts[2].substr(0, kMaxTypeBytes);
-    return nullptr;
+    return true;
 }
 
 bool is_app_event(const collected_event& event) {
@@ -51,16 +55,4 @@ std::string notice_command(const collected_event& event) {
         event.folder.c_str(), event.time.c_str());
 }
 
-const inotify_event* next_record(const char*& position, const char* end) {
-    const auto* record = reinterpret_cast<const inotify_event*>(position);
-    const auto left = static_cast<size_t>(end - position);
-    if (left < sizeof(*record) || left - sizeof(*record) < record->len) {
-        return nullptr;
-    }
-    position += sizeof(*record) + record->len;
-    return record;
-}
-
-std::string name_of(const inotify_event& record) {
-    return {record.name, strnlen(record.name, record.len)};
-}
+}  // namespace brevix

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sys/inotify.h>
 #include <time.h>
 
 #include <cstdint>
@@ -9,7 +8,9 @@
 
 #include "event/tables.h"
 
-// What events are decided by: functions from values to values, without side effects.
+// Pure functions: which file is an event, whose, and how its directory and its notice are named.
+
+namespace brevix {
 
 // An event while it is collected.
 struct collected_event {
@@ -30,21 +31,16 @@ inline constexpr size_t kMaxPackageBytes = 511;
 bool row_matches(const event_watch& watch, int64_t row, const std::string& name);
 
 // Parses package and type out of an app event's file name, cut to their maximum sizes. Returns
-// null, or the text of the error.
-const char* parse_app_event(const std::string& file_name, collected_event& out);
+// false when the name has another form; `error` is what the log says then.
+bool parse_app_event(const std::string& file_name, collected_event& out, const char*& error);
 
 // Whether the event comes from an app (category "CUSTOM").
 bool is_app_event(const collected_event& event);
 
-// The prefix of the event's folder name, with its "_"; retention goes by it.
+// The prefix of the event's directory name, with its "_"; retention goes by it.
 std::string name_prefix(const collected_event& event, const customize_settings& settings);
 
 // The shell line of the notice to the app, cut at kMaxPathBytes.
 std::string notice_command(const collected_event& event);
 
-// Returns the inotify record at `position` and advances `position` past it; null when fewer bytes
-// than a whole record are left.
-const inotify_event* next_record(const char*& position, const char* end);
-
-// The record's file name without its NUL padding.
-std::string name_of(const inotify_event& record);
+}  // namespace brevix
