@@ -2,8 +2,6 @@
 
 // The device's init: its parser, boot order, triggers, services and shutdown.
 
-#include <map>
-
 #include "tests/device_fixture.h"
 
 namespace {
@@ -111,32 +109,20 @@ TEST(Init, EndsServicesAndOrphansOnASignal) {
 // --- The phone's own service file ----------------------------------------------------------------
 
 TEST(ServiceFile, GivesEachServiceItsUserRightsAndPriority) {
-    const std::string tool = "disabled; oneshot; ";
-    const std::string low = "task_profiles ServiceCapacityLow; ";
-    const std::map<std::string, std::string> expected = {
-        {"zq_brevix", "user system; group system log; capabilities; oom_score_adjust 200; " + low},
-        {"zq_tcpdump", "user system; group system; capabilities NET_RAW; " + tool + low},
-        {"zq_dump_info",
-         "user system; group system log readproc; "
-         "capabilities SYS_PTRACE DAC_READ_SEARCH; " +
-             tool + low},
-        {"zq_touchpanel", "user root; group root system; capabilities CHOWN; " + tool},
-        {"zq_audio_dump", "user system; group system audio; capabilities; " + tool + low},
+    const std::string tool = "disabled oneshot ";
+    const std::string low = "task_profiles ServiceCapacityLow ";
+    const std::string dump_info = "log readproc capabilities SYS_PTRACE DAC_READ_SEARCH ";
+    const std::pair<std::string, std::string> services[] = {
+        {"zq_brevix", "system group system log capabilities oom_score_adjust 200 " + low},
+        {"zq_tcpdump", "system group system capabilities NET_RAW " + tool + low},
+        {"zq_dump_info", "system group system " + dump_info + tool + low},
+        {"zq_touchpanel", "root group root system capabilities CHOWN " + tool},
+        {"zq_audio_dump", "system group system audio capabilities " + tool + low},
     };
-    std::map<std::string, std::string> services;
-    std::string name;
-    for (const std::string& line : read_lines("/system_ext/etc/init/zq_brevix.rc")) {
-        std::istringstream words(line);
-        std::string keyword;
-        words >> keyword;
-        if (keyword == "service" || keyword == "on") {
-            words >> name;
-        } else if (line.starts_with("    ") && keyword[0] != '#') {
-            services[name] += line.substr(4) + "; ";
-        }
-    }
-    for (const auto& [service, options] : expected) {
-        EXPECT_EQ(services[service], "class late_start; " + options);
+    for (const auto& [name, options] : services) {
+        const std::string lines = "sed -n '/^service " + name + " /,/^$/{/#/d;/^ /p}' ";
+        EXPECT_EQ(run(lines + "/system_ext/etc/init/zq_brevix.rc | tr -s ' \\n' ' '").output,
+                  " class late_start user " + options);
     }
 }
 

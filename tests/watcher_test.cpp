@@ -302,7 +302,7 @@ TEST_F(Watcher, WhatIsQueuedAtASwitchOffIsCollectedByTheNextWatcher) {
     const auto let_go = std::chrono::steady_clock::now();
     am.let_go();
     ASSERT_TRUE(wait_for_log("ZQ_EVENT_LOG: exit"));
-    EXPECT_LT(std::chrono::steady_clock::now() - let_go, std::chrono::seconds(4))
+    EXPECT_LT(std::chrono::steady_clock::now() - let_go, std::chrono::seconds(3))
         << "the patience with the child";
     EXPECT_THAT(types_in_history(), SizeIs(1)) << "the event in hand";
     switch_detection(true);
