@@ -480,6 +480,7 @@ TEST_F(Watcher, WithoutProcessesAnEventIsKeptWithoutANotice) {
     EXPECT_TRUE(wait_for_log("no task to do"));
     EXPECT_TRUE(wait_for_log("fail to run am startservice"));
     EXPECT_EQ(log_lines::count("fail to run"), 1U) << "copies report no failure";
+    EXPECT_EQ(log_lines::count("Invalid argument"), 0U) << "errno was read after an allocation";
     EXPECT_THAT(types_in_history(), ElementsAre("JAVACRASH"));
     ASSERT_TRUE(limit(user, "nproc=1024:"));
     ++count_;
