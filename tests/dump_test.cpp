@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <regex>
 #include <thread>
 
@@ -37,11 +38,8 @@ void connect_to_itself(uint16_t port) {
 
 TEST(SystemDump, LeavesSevenFilesWithTheStateOfTheSystem) {
     connect_to_itself(4242);
-    const struct {
-        std::string file;
-        std::string text;
-        std::string command;
-    } dumps[] = {
+    // A file, what it shows, its command.
+    const std::array<std::string, 3> dumps[] = {
         {"iotop.txt", "dump_test", "toybox iotop -n 1 -m 100\n"},
         {"lsof.txt", "127.0.0.1:4242->127.0.0.1:4242", "lsof\n"},
         {"netstate.txt", "127.0.0.1:4242", "netstat -nW\n"},
@@ -52,7 +50,7 @@ TEST(SystemDump, LeavesSevenFilesWithTheStateOfTheSystem) {
     };
     const std::string dir = "/data/logs/dumpsys/";
     for (const auto& dump : dumps) {
-        write_file(dir + dump.file, "of the last time");
+        write_file(dir + dump[0], "of the last time");
     }
     const std::string request = "setprop sys.brevix.dumplog.enable 1; zq_brevix dump_info x && ";
     const std::string answer = "getprop sys.brevix.dumplog.enable";
