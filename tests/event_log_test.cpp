@@ -3,8 +3,6 @@
 // What becomes of one file: history, report, event folder, log snapshot, notice; and the start-up
 // of detection. The watcher that finds the files is tried in watcher_test.cpp.
 
-#include <sys/resource.h>
-
 #include <thread>
 
 #include "tests/device_fixture.h"
@@ -19,6 +17,14 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
     seconds_slept += seconds;
     while_asleep();
     return 0;
+}
+
+// As when the user has no instance left.
+static bool inotify_fails = false;
+extern "C" int __real_inotify_init1(int flags);
+extern "C" int __wrap_inotify_init1(int flags) {
+    errno = EMFILE;
+    return inotify_fails ? -1 : __real_inotify_init1(flags);
 }
 
 namespace {
@@ -264,13 +270,12 @@ TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
 
 // --- Switch and start-up -------------------------------------------------------------------------
 
-TEST_F(Events, WithoutADescriptorOrAThreadDetectionStaysOff) {
+TEST_F(Events, WithoutInotifyOrAThreadDetectionStaysOff) {
     {
         const log_lines log;
         const pid_t pid = fork();
         if (pid == 0) {
-            const rlimit none{3, 3};
-            setrlimit(RLIMIT_NOFILE, &none);
+            inotify_fails = true;
             event_detecting("", true);
             event_detecting("", false);
             pause();
