@@ -2,8 +2,6 @@
 
 // Road and burst: from tombstones that are linked into their directory to the notices to the app.
 
-#include <sched.h>
-
 #include <list>
 #include <set>
 
@@ -48,19 +46,10 @@ double measure_events(const std::string& root, size_t count, std::istream& notic
     return millis / static_cast<double>(count);
 }
 
-// Children inherit it. On several processors the scheduler's choice of where they start differs by
-// a quarter from run to run, even between two instances of one program.
-void stay_on_this_processor() {
-    cpu_set_t present;
-    CPU_ZERO(&present);
-    CPU_SET(sched_getcpu(), &present);
-    require(sched_setaffinity(0, sizeof(present), &present) == 0, "cannot choose a processor");
-}
-
 // Four times with new programs and folders, because where on the disk these are matters, too.
-void measure(const char* figure, int work, int kept, size_t at_once, int rounds) {
+void measure(const std::string& figure, int work, int kept, size_t at_once, int rounds) {
     constexpr int kSeries = 4;
-    stay_on_this_processor();
+    const auto events = static_cast<double>(rounds * at_once);
     std::fstream notices = open_fifo("/data/brevix/queue.log");  // that the device's am writes
     inside::write_file(kCrash, std::string(4096, 'x'));
     set_property("persist.service.brevix.ev.num", std::to_string(kept));
@@ -74,7 +63,18 @@ void measure(const char* figure, int work, int kept, size_t at_once, int rounds)
             sides.push_back(
                 {each.name, [&] { return measure_events(each.root, at_once, notices); }});
         }
+        std::vector<cpu_millis> before;
+        for (const program& each : programs) {
+            before.push_back(cpu_of(each.pid()));
+        }
         measure_in_turns(figure, work, rounds, sides);
+        for (size_t i = 0; const program& each : programs) {
+            const auto [own, children] = cpu_of(each.pid());
+            print_sample(figure + "-own", work, sides[i].name, (own - before[i].own) / events);
+            print_sample(figure + "-children", work, sides[i].name,
+                         (children - before[i].children) / events);
+            ++i;
+        }
     }
 }
 

@@ -65,6 +65,20 @@ program::~program() {
     inside::wait_status(pid_);
 }
 
+cpu_millis cpu_of(pid_t pid) {
+    clockid_t clock{};
+    timespec own{};
+    require(clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &own) == 0,
+            "no CPU time of " + std::to_string(pid));
+    const std::string stat = inside::read_file(inside::proc(pid, "stat"));
+    unsigned long user = 0;
+    unsigned long system = 0;
+    // From the name's end on: the state, ten numbers, the own times.
+    sscanf(stat.c_str() + stat.rfind(')'),
+           ") %*c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %lu %lu", &user, &system);
+    return {own.tv_sec * 1e3 + own.tv_nsec / 1e6, (user + system) * 1e3 / sysconf(_SC_CLK_TCK)};
+}
+
 std::fstream open_fifo(const std::string& path) {
     std::filesystem::remove(path);
     require(mkfifo(path.c_str(), 0666) == 0, "cannot make " + path);

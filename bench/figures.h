@@ -65,6 +65,14 @@ class program {
     pid_t pid_;
 };
 
+// CPU time in user and kernel mode: of the process, and of its reaped children. The latter has a
+// resolution of 10 ms.
+struct cpu_millis {
+    double own;
+    double children;
+};
+cpu_millis cpu_of(pid_t pid);
+
 // Replaces what stands at `path` with a named pipe that programs write lines to. std::getline
 // waits, for ever if need be: the stream is a writer, too, and never reads an end. It throws on any
 // failure.

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # report.awk - GOALS: prints the report. The input has a line for each figure, amount of work and side:
-# median and p99 of its samples, then median and quartiles of its results beside the daemon. Writes the
-# share that each row takes of its goal to goals.tsv, for the plot.
+# median and p99 of its samples, then median and quartiles of its results beside the daemon.
 
 BEGIN {
     print "| figure | what | daemon: median | p99 | beside | median | p99 | result | quartiles | goal | |"
@@ -41,13 +40,13 @@ function grow(figure, from, side, what,   before, after) {
     other = $1 SUBSEP $2 SUBSEP $3
     key = $4 == "own" ? own : other
     unit = $4 == "ratio" ? "×" : $6
-    verdict = result[key] <= $5 ? "met" : "**missed**"
+    goal = $5 == "–" ? $5 : "≤ " text($5, unit)
+    verdict = $5 == "–" ? $5 : result[key] <= $5 ? "met" : "**missed**"
     ++verdicts[verdict]
-    if (result[key] > $5) missed = missed (missed ? ", " : ": ") $1 " : " $3
-    if ($5 > 0) printf "%s : %s\t%s\n", $1, $3, result[key] / $5 >"goals.tsv"
+    if (verdict ~ "missed") missed = missed (missed ? ", " : ": ") $1 " : " $3
     spread = q1[key] == q3[key] ? "" : text(q1[key], unit) " – " text(q3[key], unit)
-    printf "| %s | %s | %s | %s | %s | %s | %s | ≤ %s | %s |\n", $1, $7, cells(own, $6), $3,
-        cells(other, $6), text(result[key], unit), spread, text($5, unit), verdict
+    printf "| %s | %s | %s | %s | %s | %s | %s | %s | %s |\n", $1, $7, cells(own, $6), $3,
+        cells(other, $6), text(result[key], unit), spread, goal, verdict
     if ($8) {
         grow($1, $8, "daemon", $9)
         grow($1, $8, $3, $9)
@@ -57,7 +56,7 @@ function grow(figure, from, side, what,   before, after) {
 END {
     print "\n| figure | work | side | median | ten times the work | factor |"
     print "| --- | --- | --- | --: | --: | --: |"
-    print growth "\n![how much of its goal each figure takes](goals.svg)"
-    if (("road", 10, "daemon") in median) print "\n![the event road](road.svg)"
+    print growth
+    if (("road", 10, "daemon") in median) print "![the event road](road.svg)"
     printf "\nverdict: %d goals met, %d missed%s\n", verdicts["met"], verdicts["**missed**"], missed
 }

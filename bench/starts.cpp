@@ -50,7 +50,8 @@ double switch_on_and_off(const std::string& property, int channels, std::istream
 
 // Returns the milliseconds until the program writes a line with `text`. spawn_or_fork needs no
 // shell, whose start would count.
-double measure_start(const char* const argv[], const std::string& text, std::istream& lines) {
+double measure_start(const char* side, const char* const argv[], const std::string& text,
+                     std::istream& lines) {
     pid_t pid = -1;
     const double millis = millis_of([&] {
         pid = spawn_or_fork(argv);
@@ -59,6 +60,7 @@ double measure_start(const char* const argv[], const std::string& text, std::ist
             std::getline(lines, line);
         }
     });
+    print_sample("armed-own", 100, side, cpu_of(pid).own);
     kill(pid, SIGKILL);
     inside::wait_status(pid);
     return millis;
@@ -101,8 +103,9 @@ void measure_armed(int starts) {
     const char* const floor[] = {"/bench/floor", "/data/floor", nullptr};
     measure_in_turns(
         "armed", starts, starts,
-        {{"daemon", [&] { return measure_start(daemon, "tombstones has been snooped", lines); }},
-         {"floor", [&] { return measure_start(floor, "armed", lines); }}});
+        {{"daemon",
+          [&] { return measure_start("daemon", daemon, "tombstones has been snooped", lines); }},
+         {"floor", [&] { return measure_start("floor", floor, "armed", lines); }}});
 }
 
 void measure_idle(int seconds) {
