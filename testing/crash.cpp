@@ -337,6 +337,10 @@ int main(int argc, char* argv[]) {
         return 0;
     }
     try {
+        // A switch is logged before it is obeyed: a file that comes in between is no event.
+        for (const pid_t daemon : inside::processes_named("zq_brevix")) {
+            static_cast<void>(is_to_wait && inside::wait_until_idle(daemon));
+        }
         const size_t known_lines = inside::read_lines(kHistory).size();
         const std::string delivered = deliver_kind(words, content);
         if (delivered.empty()) {
