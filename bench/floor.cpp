@@ -2,9 +2,10 @@
 
 // floor DIR: the lower bound of what an event costs. Watches DIR/tombstones and DIR/system/dropbox
 // and leaves the same on disk as the daemon without looking at what is there: removes the oldest
-// kept and staged folder, makes a folder with report and copy, and adds a line to the history.
+// kept and staged folder, makes a folder with report and copy, and adds lines to history and log.
 // Staging and the notice to the app are shell lines, as they are for every collector.
 
+#include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -36,6 +37,9 @@ void collect(const std::string& file) {
     }
     kept.push_back("crashlog_" + std::to_string(number++) + "_TOMBSTONE_2026-11-21-09-30-05");
     const std::string folder = root + "/logs/crashlog/" + kept.back();
+    for (int line = 0; line < 4; ++line) {
+        LOG(INFO) << "collecting " << file << " into " << folder;
+    }
     mkdir(folder.c_str(), 0777);
     std::ofstream(folder + "/eventfile")
         << "EVENT=CRASH\nDATE=2026-11-21/09:30:05\nBOARD=\nSWVersion=\nFINGERPRINT=\n"
