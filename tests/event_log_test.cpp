@@ -142,9 +142,16 @@ TEST_F(Events, BaseLogDumpEndsWhatHangsAfterTenPasses) {
 
 // --- Collection ----------------------------------------------------------------------------------
 
-collect_result collect(int entry, int64_t row, const std::string& name) {
-    return collect_event("/data/logs/", event_watches[entry], row, name,
-                         event_settings.at(event_watches[entry].category[row]));
+collect_result collect(const std::string& type, const std::string& name) {
+    for (const event_watch& watch : event_watches) {
+        for (int64_t row = 0; row < watch.count; ++row) {
+            if (type == watch.type[row]) {
+                return collect_event("/data/logs/", watch, row, name,
+                                     event_settings.at(watch.category[row]));
+            }
+        }
+    }
+    throw std::out_of_range("no row makes " + type);
 }
 
 TEST_F(Events, AppEventsAreNamedByTheirFiles) {
@@ -167,7 +174,7 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
     std::vector<Matcher<std::string>> folders;
     for (const auto& [name, folder] : cases) {
         const log_lines log;
-        EXPECT_EQ(collect(0, 3, name), collect_result::done);
+        EXPECT_EQ(collect("CUSTOM", name), collect_result::done);
         if (!folder.empty()) {
             folders.push_back(AllOf(StartsWith(folder), SizeIs(folder.size() + 19)));  // the time
         }
@@ -190,7 +197,7 @@ TEST_F(Events, TheLimitHoldsForFoldersOfAPrefixAndForStagedOnes) {
     }
     for (int i = 0; i < 4; ++i) {
         move_into_dropbox("app_anr@" + std::to_string(i));
-        EXPECT_EQ(collect(0, 1, "app_anr@" + std::to_string(i)), collect_result::done);
+        EXPECT_EQ(collect("ANR", "app_anr@" + std::to_string(i)), collect_result::done);
     }
     EXPECT_THAT(names_in(kCrashlog), ElementsAre(MatchesRegex("crashlog_10_ANR_" + kTime),
                                                  MatchesRegex("crashlog_11_ANR_" + kTime),
@@ -198,7 +205,7 @@ TEST_F(Events, TheLimitHoldsForFoldersOfAPrefixAndForStagedOnes) {
     EXPECT_THAT(names_in(kStaging), AllOf(SizeIs(3), Contains("latest"), Not(Contains("oldest"))));
     for (const int lowered : {1, 0}) {  // one staged entry goes for each that comes
         event_num_limit = lowered;
-        EXPECT_EQ(collect(0, 1, "app_anr@0"), collect_result::done);
+        EXPECT_EQ(collect("ANR", "app_anr@0"), collect_result::done);
         EXPECT_THAT(names_in(kCrashlog), SizeIs(1));
         EXPECT_THAT(names_in(kStaging), SizeIs(3));
     }
@@ -217,7 +224,7 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
     write_file("/data/logs/wdt_1.txt", "no");
     write_file("/data/logs/x_wdt_.log", "no");
     fs::create_directories("/data/logs/wdt_dir.log");
-    EXPECT_EQ(collect(0, 0, name), collect_result::done);
+    EXPECT_EQ(collect("UIWDT", name), collect_result::done);
 
     const std::string folder = kCrashlog + names_in(kCrashlog).at(0);
     const auto files =
@@ -240,7 +247,7 @@ TEST_F(Events, OnlySystemServerCrashesGetASnapshotAndAllAreStagedBeforeTheNotice
     write_program("/system/bin/am", "ls /data/brevix/eventTemp >/data/staged");
     for (const char* name : {"data_app_crash@1", "system_server_crash@2"}) {
         move_into_dropbox(name);
-        EXPECT_EQ(collect(0, 2, name), collect_result::done);
+        EXPECT_EQ(collect("JAVACRASH", name), collect_result::done);
         EXPECT_EQ(read_lines("/data/staged"), names_in(kStaging));
     }
     const std::vector<std::string> folders = names_in(kCrashlog);
@@ -252,7 +259,7 @@ TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
     const log_lines log;
     write_file("/data/brevix/eventTemp", "a file in the way");
     const std::string gone = "system_server_crash_gone";
-    EXPECT_EQ(collect(0, 2, gone), collect_result::done);
+    EXPECT_EQ(collect("JAVACRASH", gone), collect_result::done);
     EXPECT_THAT(log.lines(), IsSupersetOf({"E ZQ_EVENT_LOG: state /data/system/dropbox/" + gone +
                                                " fail, error: No such file or directory",
                                            std::string("E ZQ_EVENT_LOG: unable to create event "
@@ -263,7 +270,7 @@ TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
     event_num_limit = 1;
     const std::string folder = kCrashlog + names_in(kCrashlog).at(0);
     ASSERT_TRUE(mount_memory(folder));
-    EXPECT_EQ(collect(0, 2, gone), collect_result::done);
+    EXPECT_EQ(collect("JAVACRASH", gone), collect_result::done);
     EXPECT_EQ(log.lines().back(), "E ZQ_EVENT_LOG: remove old file failed!");
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));
 }

@@ -43,8 +43,7 @@ struct known_file {
 };
 
 inline const std::string kTime = "[0-9]{4}(-[0-9]{2}){5}";
-inline const std::string kEventName =
-    "/(crashlog_[0-9]+_(UIWDT|ANR|JAVACRASH|TOMBSTONE)|[a-z.]+_[0-9]+_[a-z0-9]+)_" + kTime;
+inline const std::string kEventName = "/(crashlog_[0-9]+_[A-Z]+|[a-z.]+_[0-9]+_[a-z0-9]+)_" + kTime;
 inline const std::string kEvent = "/data/logs/(crashlog|zqeventlog)" + kEventName;
 inline const std::string kStaged = "/data/brevix/eventTemp" + kEventName;
 inline const std::string kSource = "/([^/]*@[0-9]+\\.txt|tombstone_[a-z0-9]+)";
@@ -68,7 +67,7 @@ inline const known_file kKnownFiles[] = {
     {"/data/logs/console-ramoops-0-" + kTime,                        "777"},
     {"/data/logs/sf\\.log"},
     {kCapture,                                                       "777", "[0-9]+", 3},
-    {kCapture + "/(android|event|radio|kernel)\\.log(\\.[1-3])?",    "600", "[0-9]{1,4}|[1-6][0-9]{4}"},
+    {kCapture + "/[a-z]+\\.log(\\.[1-3])?",                        "600", "[0-9]{1,4}|[1-6][0-9]{4}"},
     {kCapture + "/filler",                                           "[0-7]+", "[0-9]+", 1},
     {"/data/logs/dumpsys",                                           "770"},
     {"/data/logs/dumpsys/(ps|iotop|ss_eionptu|lsof|storaged|procrank|netstate)\\.txt", "[0-7]+", "[1-9][0-9]*"},
