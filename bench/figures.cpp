@@ -9,7 +9,7 @@
 #include <map>
 
 #include "testing/device.h"
-#include "utils/util.h"
+#include "utils/children.h"
 
 void require(bool condition, const std::string& failure) {
     if (!condition) {
@@ -53,7 +53,7 @@ program::program(const std::string& name, const std::string& command,
                  const std::vector<std::string>& texts) {
     const std::string log = "/data/" + name + ".log";
     std::filesystem::remove(log);  // an earlier program's texts count for nothing
-    pid_ = start_shell_group(("exec " + command + " >/dev/null 2>" + log).c_str());
+    pid_ = brevix::start_shell_group(("exec " + command + " >/dev/null 2>" + log).c_str());
     require(pid_ > 0, "cannot start " + command);
     for (const std::string& text : texts) {
         require(inside::wait_for_text(log, text), log + " does not get: " + text);

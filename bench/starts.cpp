@@ -48,13 +48,13 @@ double switch_on_and_off(const std::string& property, int channels, std::istream
 
 // --- Armed ---------------------------------------------------------------------------------------
 
-// Returns the milliseconds until the program writes a line with `text`. spawn_or_fork needs no
+// Returns the milliseconds until the program writes a line with `text`. start_program needs no
 // shell, whose start would count.
 double measure_start(const char* side, const char* const argv[], const std::string& text,
                      std::istream& lines) {
     pid_t pid = -1;
     const double millis = millis_of([&] {
-        pid = spawn_or_fork(argv);
+        pid = brevix::start_program(argv);
         require(pid > 0, std::string("cannot start ") + argv[0]);
         for (std::string line; line.find(text) == std::string::npos;) {
             std::getline(lines, line);
