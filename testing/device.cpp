@@ -6,8 +6,12 @@
 namespace inside {
 
 std::string read_file(const std::string& path) {
+    const std::ifstream in(path, std::ios::binary);
+    if (!in && !path.starts_with("/proc/")) {
+        return "(" + path + ": " + strerror(errno) + ")";
+    }
     std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
+    text << in.rdbuf();
     return text.str();
 }
 

@@ -34,8 +34,10 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kPatience{60};
 
-// Both are empty when the file cannot be read: files of processes vanish at any time.
+// Says why in parentheses when the file cannot be read; empty below /proc, where files vanish at
+// any time.
 std::string read_file(const std::string& path);
+// Empty when the file cannot be read.
 std::vector<std::string> read_lines(const std::string& path);
 // Creates missing directories, and truncates an existing file. Throws filesystem_error.
 void write_file(const std::string& path, const std::string& text);

@@ -12,6 +12,20 @@ namespace fixture {
 
 using namespace inside;
 
+// GoogleTest knows no place of an exception: adds the case and where it begins.
+struct exception_place : testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo& test) override { test_ = &test; }
+    void OnTestPartResult(const testing::TestPartResult& result) override {
+        if (result.file_name() == nullptr && test_ != nullptr) {
+            std::cout << test_->file() << ":" << test_->line() << ": in "
+                      << test_->test_suite_name() << "." << test_->name() << "\n";
+        }
+    }
+    const testing::TestInfo* test_ = nullptr;
+};
+inline const bool is_place_told =
+    (testing::UnitTest::GetInstance()->listeners().Append(new exception_place), true);
+
 // --- Where events come from and go to ------------------------------------------------------------
 
 const std::string kDropbox = "/data/system/dropbox/";

@@ -80,7 +80,7 @@ TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
     mkfifo("/data/e/eventfile", 0600);
     std::thread app([] {
         const std::ifstream report("/data/e/eventfile");
-        EXPECT_EQ(read_file(kHistory), "") << "the line comes after the whole report";
+        EXPECT_THAT(read_lines(kHistory), IsEmpty()) << "the line comes after the whole report";
         std::ostringstream() << report.rdbuf();
     });
     write_history_event("CRASH", "ANR", "/data/e", std::string(100000, 'x').c_str(), kSomeTime);
