@@ -55,6 +55,7 @@ using namespace fixture;
 using namespace testing;
 
 const std::string kGeneral = "/data/logs/general_log";
+constexpr size_t kChannels = 4;
 
 class GeneralLog : public Test {
   protected:
@@ -99,7 +100,7 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
         wait_until("/data", [&] { return commands().size() >= c.commands.size(); });
         capturing(nullptr, false);
         EXPECT_THAT(commands(), UnorderedElementsAreArray(c.commands)) << c.name;
-        EXPECT_EQ(log.count(" is not enabled"), 4 - c.commands.size());
+        EXPECT_EQ(log.count(" is not enabled"), kChannels - c.commands.size());
         EXPECT_EQ(log.count("no task to do"), c.commands.empty() ? 1U : 0U);
     }
     EXPECT_THAT(names_in(kGeneral), SizeIs(3)) << "without a channel no directory stays";
@@ -139,13 +140,13 @@ TEST_F(GeneralLog, AChannelThatFailsForMemoryIsLoggedAndNotSignalled) {
         capturing(nullptr, false);
         EXPECT_THAT(log.lines(),
                     Contains(std::string("E ZQ_UTIL: tag: android, error: ") + strerror(ENOMEM)));
-        EXPECT_EQ(log.count(", pid: "), 3U);
+        EXPECT_EQ(log.count(", pid: "), kChannels - 1);
         EXPECT_EQ(attributes_held, 0);
     }
     kill(stranger, SIGKILL);
     EXPECT_EQ(wait_status(stranger), SIGKILL)
         << "the failed start's -1 was signalled: all processes";
-    for (int i = 0; i < 6; ++i) {
+    for (size_t i = 0; i < 2 * (kChannels - 1); ++i) {
         EXPECT_NE(wait_status(-1), SIGKILL);
     }
 }
@@ -234,7 +235,7 @@ TEST_F(Daemon, ACaptureIsOpenToAllAndEndsWithItsSwitch) {
     EXPECT_EQ(mode_of(capture), 0777);
     EXPECT_TRUE(wait_for_text(capture + "/android.log", "ZQLog main start!!"));
     const std::vector<pid_t> children = children_of(daemon_.pid);
-    EXPECT_THAT(children, SizeIs(4));
+    EXPECT_THAT(children, SizeIs(kChannels));
     set_switch(false);
     EXPECT_TRUE(std::ranges::all_of(children, [](pid_t pid) { return wait_for_end(pid); }));
 }
@@ -246,7 +247,7 @@ TEST_F(Daemon, AfterRapidSwitchesTheLastStateHolds) {
         }
         ASSERT_TRUE(wait_for(on));
         // SIGTERM ends every channel of the earlier captures; those of the last one run on.
-        const size_t left = on ? 4 : 0;
+        const size_t left = on ? kChannels : 0;
         EXPECT_TRUE(wait_until("/data", [&] { return children_of(daemon_.pid).size() == left; }));
     }
 }
