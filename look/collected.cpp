@@ -4,17 +4,14 @@
 
 #include "look/collected.h"
 
-#include <android-base/strings.h>
-#include <regex.h>
-#include <zlib.h>
-
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <set>
 #include <stdexcept>
 
-#include "event/tables.h"
-#include "utils/util.h"
+#include "look/crash.h"
+#include "look/files.h"
 
 namespace look {
 
@@ -22,254 +19,549 @@ using namespace brevix;
 
 namespace {
 
-constexpr size_t kHeadBytes = 16 << 10;
-constexpr size_t kWholeBytes = 64 << 20;
+constexpr size_t kReportBytes = 16 << 10;
+constexpr size_t kCrashBytes = 16 << 20;
+constexpr size_t kHistoryBytes = 64 << 20;
+constexpr int kMaxEntries = 100'000;
+constexpr size_t kWordBytes = 512;
 
-struct regex : regex_t {
-    explicit regex(const char* expression) : regex_t() {
-        regcomp(this, expression, REG_EXTENDED | REG_NEWLINE);
-    }
-    ~regex() { regfree(this); }
+// The directory of each category's event folders.
+struct category {
+    const char* name;
+    const char* dir;
 };
+constexpr category kCategories[] = {{"CRASH", "crashlog"}, {"CUSTOM", "zqeventlog"}};
 
-// Matches a POSIX extended regular expression, line by line: returns the first match and its
-// groups, nothing when no line matches. std::regex recurses once per character and overflows the
-// stack on long lines.
-std::vector<std::string> match(const std::string& text, const char* expression) {
-    static std::map<const char*, regex> compiled;
-    const regex& wanted = compiled.try_emplace(expression, expression).first->second;
-    regmatch_t groups[5] = {{0, static_cast<regoff_t>(text.size())}};
-    std::vector<std::string> found;
-    if (regexec(&wanted, text.c_str(), std::size(groups), groups, REG_STARTEND) == 0) {
-        for (const regmatch_t& group : groups) {
-            found.push_back(text.substr(std::max(group.rm_so, 0), group.rm_eo - group.rm_so));
-        }
+// Throws when the directory is there and cannot be listed: whole categories would be missing
+// without a word.
+std::vector<fs::path> list(const fs::path& dir) {
+    int error = 0;
+    const std::vector<fs::path> paths = entries_of(dir, error);
+    if (error != 0 && error != ENOENT) {
+        throw std::runtime_error(dir.string() + ": " +
+                                 (error == ELOOP ? "links are not followed" : strerror(error)));
     }
-    return found;
+    return paths;
 }
 
-// Returns the first bytes of a regular file, unpacked when it is packed. Links are not followed,
-// they may lead out of the folder; the end of a FIFO never comes.
-std::string read_head(const fs::path& path, size_t max_bytes, std::string& damage) {
-    const std::string name = path.filename();
-    std::error_code error;
-    const bool is_file = fs::symlink_status(path, error).type() == fs::file_type::regular;
-    const gzFile file = is_file ? gzopen(path.c_str(), "rb") : nullptr;
-    if (file == nullptr) {
-        damage += "no " + name + "; ";
-        return {};
+// "crashlog_5_ANR_2026-01-01-00-09-30" in its fields; empty when it has another form.
+std::vector<std::string> fields_of(std::string name, size_t count) {
+    std::vector<std::string> fields;
+    for (size_t at = 0; at != name.npos && fields.size() <= count; name.erase(0, at + 1)) {
+        at = name.find('_');
+        fields.push_back(name.substr(0, at));
+        if (at == name.npos) {
+            break;
+        }
     }
-    std::string text;
-    char buffer[4096];  // one large read would lose what comes before a broken part
-    int bytes = 0;
-    while (text.size() <= max_bytes && (bytes = gzread(file, buffer, sizeof(buffer))) > 0) {
-        text.append(buffer, bytes);
-    }
-    int status = Z_OK;
-    gzerror(file, &status);
-    if (status != Z_OK) {
-        damage += name + " is broken; ";
-    } else if (name.ends_with(".gz") && gzdirect(file) != 0) {
-        damage += name + " is no gzip; ";
-    }
-    gzclose(file);
-    return text.size() <= max_bytes ? text : text.substr(0, max_bytes) + "\n[cut]\n";
+    const bool has_count = fields.size() == count && !fields[1].empty() &&
+                           fields[1].find_first_not_of("0123456789") == name.npos;
+    return has_count ? fields : std::vector<std::string>();
+}
+
+moment time_in(const std::string& name) {
+    return parse_moment(name.substr(name.rfind('_') + 1), "%Y-%m-%d-%H-%M-%S");
 }
 
 fs::path crash_file(const fs::path& folder) {
-    for (const fs::path& path : entries_of(folder)) {
-        if (!match(path.filename(), "@|^tombstone|^ZQEvent_").empty()) {
+    int error = 0;
+    for (const fs::path& path : entries_of(folder, error)) {
+        const std::string name = path.filename();
+        if (name.find('@') != name.npos || name.starts_with("tombstone") ||
+            name.starts_with("ZQEvent_")) {
             return path;
         }
     }
     return folder / "crash file";
 }
 
-std::string telling_line(const std::string& text) {
-    for (const char* form : {"^([^[:space:]].*)?(Exception|Error)\\b.*", "^Subject:.*",
-                             "^Abort message:.*", "^signal .*", ".+"}) {
-        if (const auto found = match(text, form); !found.empty()) {
-            return found[0];
-        }
-    }
-    return {};
-}
+// --- Events
+// ------------------------------------------------------------------------------------------
 
-std::string first_frames(const std::string& text) {
-    int left = 16;
-    std::string frames;
-    for (const std::string& line : android::base::Split(text, "\n")) {
-        if (!match(line, "^[[:space:]]+(at |#[0-9])").empty() && left-- > 0) {
-            frames += line + "\n";
-        }
-    }
-    return frames;
-}
-
-std::string sizes_in(const fs::path& dir) {
-    std::string list;
-    for (const fs::path& path : entries_of(dir)) {
-        std::error_code error;
-        list += cut_format(kMaxPathBytes, "%12jd  %s\n", intmax_t(fs::file_size(path, error)),
-                           path.filename().c_str());
-    }
-    return list;
-}
-
-moment time_in(const std::string& name) {
-    return parse_moment(name.substr(name.rfind('_') + 1), kFileTimeFormat);
+void read_crash_file(entry& event, symbols& names) {
+    const std::string text = read_head(crash_file(event.folder), kCrashBytes, event.damage);
+    const crash plain = read_crash(text);
+    event.issue_text = issue_text(plain, event.type, event.package);  // the same with symbols
+    event.issue = event.issue_text.empty() ? "" : issue_id(event.issue_text);
+    event.package = event.package.empty() ? plain.package : event.package;
+    event.process = plain.process;
+    event.pid = plain.family == "native" ? plain.pid : 0;
+    const crash named = read_crash(names.name_frames(text));
+    event.line = named.title;
+    event.words = stack_words(named, kWordBytes);
 }
 
 // Fills in what the name of the event's folder says and what the folder holds.
-void read_folder(entry& event, const fs::path& logs) {
-    const auto fields = match(event.name, "^([^_]*)_[0-9]+_([^_]*)_[^_]*$");
+void read_folder(entry& event, const fs::path& parent, symbols& names) {
+    const std::vector<std::string> fields = fields_of(event.name, 4);
     if (fields.empty() || time_in(event.name) == 0) {
         event.damage += "its folder's name is cut; ";
         return;
     }
     event.type = fields[2];
-    event.package = event.category == "CUSTOM" ? fields[1] : "";
-    const fs::path folder = logs / event_settings.at(event.category).log_dir / event.name;
-    std::error_code error;
-    if (fs::symlink_status(folder, error).type() != fs::file_type::directory) {
+    event.package = event.category == "CUSTOM" ? fields[0] : "";
+    const fs::path folder = parent / event.name;
+    int error = 0;
+    entries_of(folder, error);
+    if (error == ENOENT) {
         return;
     }
     event.folder = folder;
-    const std::string report = read_head(folder / "eventfile", kHeadBytes, event.damage);
+    if (error != 0) {
+        event.damage += error == ELOOP ? "its folder is a link; " : "its folder cannot be read; ";
+        return;
+    }
+    const std::string report = read_head(folder / "eventfile", kReportBytes, event.damage);
     if (!report.empty() && !report.ends_with("_END\n")) {
         event.damage += "eventfile is cut; ";
     }
-    const std::string crash = read_head(crash_file(folder), kHeadBytes, event.damage);
-    event.line = telling_line(crash);
-    const auto header =
-        match(crash, "^(Package|Process|Cmdline|Cmd line): ([^ ]+)|>>> ([^ ]+) <<<");
-    if (event.package.empty() && !header.empty()) {
-        event.package = header[2] + header[3];
+    event.build = between("\n" + report, "\nSWVersion=", "\n");
+    read_crash_file(event, names);
+}
+
+// Reads one phone's directories into the entries of all.
+class reader {
+  public:
+    reader(phone& from, size_t place, symbols& names, std::vector<entry>& entries)
+        : phone_(from), place_(place), names_(names), entries_(entries) {}
+
+    void read() {
+        read_history();
+        read_event_folders();
+        mark_gone();
+        read_captures();
     }
+
+  private:
+    entry& add(const std::string& category, moment time, const std::string& name = "") {
+        entry& made = entries_.emplace_back();
+        made.phone = place_;
+        made.number = ++last_number_;
+        made.time = time;
+        made.category = category;
+        made.name = name;
+        return made;
+    }
+
+    void read_history();
+    void read_history_line(std::string_view line);
+    void read_event_folders();
+    void mark_gone();
+    void read_captures();
+    void read_capture(const fs::path& path, moment set_start);
+
+    phone& phone_;
+    size_t place_;
+    symbols& names_;
+    std::vector<entry>& entries_;
+    int last_number_ = 0;
+};
+
+// "CRASH   2026-01-01/00:09:30 ANR /data/logs/crashlog/crashlog_5_ANR_2026-01-01-00-09-30".
+struct history_line {
+    std::string_view before, category, rest;  // `before`: a line that was cut
+    moment time = 0;
+};
+
+history_line read_line_at(std::string_view line, size_t at) {
+    for (const std::string_view category : {"REBOOT", "CRASH", "CUSTOM"}) {
+        std::string_view rest = line.substr(at);
+        if (!rest.starts_with(category)) {
+            continue;
+        }
+        rest.remove_prefix(category.size());
+        rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+        const moment time = parse_moment(std::string(rest.substr(0, 19)), "%Y-%m-%d/%H:%M:%S");
+        rest.remove_prefix(std::min<size_t>(rest.size(), 19));
+        rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+        rest = rest.substr(0, rest.find_last_not_of(' ') + 1);
+        if (time != 0 && !rest.empty()) {
+            return {line.substr(0, at), category, rest, time};
+        }
+    }
+    return {};
 }
 
-entry& add(collected& all, const std::string& category, moment time, const std::string& name = "",
-           const std::string& damage = "") {
-    const int number = static_cast<int>(all.entries.size()) + 1;
-    return all.entries.emplace_back(entry{number, time, 0, category, "", "", "", name, {}, damage});
-}
-
-void read_history_line(collected& all, const std::string& line) {
+void reader::read_history_line(std::string_view line) {
     constexpr size_t kMaxBytes = 4096;
-    if (line.empty()) {
+    line = line.substr(0, kMaxBytes);
+    history_line found;
+    for (size_t at = line.size(); at-- > 0 && found.time == 0;) {
+        found = read_line_at(line, at);
+    }
+    if (found.time == 0) {
+        entry& event = add("?", entries_.empty() ? 0 : entries_.back().time);
+        event.line = line;
+        event.damage = "its line is cut; ";
         return;
     }
-    const std::string head = line.substr(0, kMaxBytes);
-    const auto parts =
-        match(head, "^(.*)(REBOOT|CRASH|CUSTOM) +([-0-9]{10}/[:0-9]{8}) +(.*[^ ]) *$");
-    if (parts.empty()) {
-        const moment time = all.entries.empty() ? 0 : all.entries.back().time;
-        add(all, "?", time, "", "its line is cut; ").line = head;
-        return;
+    if (!found.before.empty()) {
+        read_history_line(found.before);
     }
-    read_history_line(all, parts[1]);  // the next line is appended to one that was cut
-    entry& event = add(all, parts[2], parse_moment(parts[3], "%Y-%m-%d/%H:%M:%S"));
-    event.type = parts[4];
-    const auto names = match(parts[4], "^(.*) (/.*)$");
-    if (!names.empty() && event.category != "REBOOT") {
-        event.type = names[1];
-        event.name = fs::path(names[2]).filename();
-        read_folder(event, all.logs);
+    entry& event = add(std::string(found.category), found.time);
+    event.type = found.rest;
+    const size_t path = found.rest.find(" /");
+    if (path != found.rest.npos && event.category != "REBOOT") {
+        event.type = found.rest.substr(0, path);
+        event.name = fs::path(found.rest).filename();
+        const bool is_crash = event.category == kCategories[0].name;
+        read_folder(event, phone_.logs / kCategories[is_crash ? 0 : 1].dir, names_);
     }
 }
 
-void read_history(collected& all) {
+void reader::read_history() {
+    const fs::path path = phone_.logs / "history.event";
     std::string damage;  // captures and folders may have come without a history
-    const std::string text = read_head(all.logs / "history.event", kWholeBytes, damage);
-    for (const std::string& line : android::base::Split(text, "\n")) {
-        read_history_line(all, line);
+    const std::string text = read_head(path, kHistoryBytes, damage);
+    if (!damage.empty() && !damage.starts_with("no ")) {
+        throw std::runtime_error(path.string() + " cannot be read");
+    }
+    for (std::string_view rest = text; !rest.empty();) {
+        const std::string_view line = take_line(rest);
+        if (last_number_ >= kMaxEntries) {
+            add("?", entries_.back().time).damage =
+                "the history is too long, its rest is left out; ";
+            return;
+        }
+        if (!line.empty()) {
+            read_history_line(line);
+        }
     }
 }
 
 // Adds the events that have lost their line in the history.
-void read_event_folders(collected& all) {
+void reader::read_event_folders() {
     std::set<std::string> known;
-    for (const entry& event : all.entries) {
-        known.insert(event.name);
+    for (const entry& event : entries_) {
+        known.insert(event.phone == place_ ? event.name : "");
     }
-    for (const auto& [category, settings] : event_settings) {
-        for (const fs::path& path : entries_of(all.logs / settings.log_dir)) {
+    for (const auto& [category, dir] : kCategories) {
+        for (const fs::path& path : list(phone_.logs / dir)) {
             const std::string name = path.filename();
             if (!known.contains(name)) {
-                entry& event = add(all, category, time_in(name), name, "not in the history; ");
-                event.folder = path;
-                read_folder(event, all.logs);
+                entry& event = add(category, time_in(name), name);
+                event.damage = "not in the history; ";
+                read_folder(event, phone_.logs / dir, names_);
             }
         }
     }
 }
 
-void read_captures(collected& all) {
-    for (const fs::path& path : entries_of(all.logs / "general_log")) {
-        const std::string name = path.filename();
-        entry& capture = add(all, "CAPTURE", time_in(name), name);
-        capture.number = 0;
-        capture.folder = path;
-        if (match(name, "^[^_]*_[0-9]+_[^_]*$").empty() || capture.time == 0) {
-            capture.damage = "its name is cut; ";
-            continue;
+// Retention removes the lowest counts of each prefix. A folder that is missing above them was not
+// pulled.
+void reader::mark_gone() {
+    std::map<std::string, long> lowest;
+    const auto prefix_of = [](const entry& e) { return e.name.substr(0, e.name.find('_')); };
+    const auto count_of = [](const entry& e) {
+        return atol(e.name.c_str() + e.name.find('_') + 1);
+    };
+    for (const entry& e : entries_) {
+        if (e.phone == place_ && !e.folder.empty()) {
+            long& count = lowest.try_emplace(prefix_of(e), count_of(e)).first->second;
+            count = std::min(count, count_of(e));
         }
-        const size_t before = all.captured.size();
-        open_log(path, "android", 'A', capture.time, all.captured, capture.damage);
-        open_log(path, "kernel", 'K', capture.time, all.captured, capture.damage);
-        for (size_t i = before; i < all.captured.size(); ++i) {
-            capture.end = std::max(capture.end, all.captured[i].end);
-        }
-        capture.line = "until " + format_moment(capture.end);
     }
+    for (entry& e : entries_) {
+        if (e.phone == place_ && !e.name.empty() && e.folder.empty() &&
+            !fields_of(e.name, 4).empty()) {
+            const auto kept = lowest.find(prefix_of(e));
+            e.is_gone = kept != lowest.end() && count_of(e) < kept->second;
+            e.damage += e.is_gone ? "" : "its folder is not in this copy; ";
+        }
+    }
+}
+
+// --- Captures
+// ----------------------------------------------------------------------------------------
+
+long count_in(const std::string& name) {
+    return atol(name.c_str() + name.find('_') + 1);
+}
+
+// Opens the logs of all channels and notes what there is to be seen of them.
+void open_channels(phone& from, capture& about, entry& row, moment set_start) {
+    for (const log_channel& channel : kChannels) {
+        std::string damage;
+        for (log_file& file :
+             open_log(row.folder, channel.name, channel.letter, row.time, set_start, damage)) {
+            about.letters += channel.letter;
+            row.end = std::max(row.end, file.last);
+            from.files.push_back(std::move(file));
+        }
+        about.unreadable +=
+            damage.find("cannot be read") == damage.npos ? "" : std::string(1, channel.letter);
+        row.damage += damage;
+    }
+}
+
+// When the clock was set. The row is where its lines are, not in 1970.
+moment first_set_time(std::vector<log_file>& files, size_t from) {
+    moment first = 0;
+    for (size_t i = from; i < files.size(); ++i) {
+        index_log(files[i]);
+        for (const log_block& block : files[i].blocks) {
+            const bool is_set = block.first >= kClockIsSet;
+            first = is_set && (first == 0 || block.first < first) ? block.first : first;
+        }
+    }
+    return first;
+}
+
+void reader::read_capture(const fs::path& path, moment set_start) {
+    const std::string name = path.filename();
+    const bool is_packed = name.ends_with(".tar.gz");
+    int error = 0;
+    entry& row = add("CAPTURE", time_in(is_packed ? name.substr(0, name.size() - 7) : name), name);
+    row.number = 0;
+    row.folder = path;
+    if (fields_of(name, 3).empty() || row.time == 0) {
+        row.damage = "its name is cut; ";
+        return;
+    }
+    capture about{name, row.time, 0, "", ""};
+    entries_of(path, error);
+    if (is_packed || error != 0) {
+        row.damage = is_packed        ? "it is packed; "
+                     : error == ELOOP ? "it is a link; "
+                                      : "it cannot be read; ";
+        about.unreadable = "*";
+    } else {
+        const size_t before = phone_.files.size();
+        open_channels(phone_, about, row, set_start);
+        row.line = "until " + format_moment(row.end);
+        const moment set = row.time < kClockIsSet ? first_set_time(phone_.files, before) : 0;
+        row.damage += set == 0 ? "" : "its clock began in 1970; ";
+        row.time = set == 0 ? row.time : set;
+    }
+    about.begin = row.time;
+    about.end = row.end;
+    phone_.captures.push_back(about);
+}
+
+void reader::read_captures() {
+    moment set_start = 0;  // of the capture before, else the first time in the history
+    for (const entry& e : entries_) {
+        const bool is_set = e.phone == place_ && e.time >= kClockIsSet;
+        set_start = is_set && (set_start == 0 || e.time < set_start) ? e.time : set_start;
+    }
+    std::vector<fs::path> paths = list(phone_.logs / "general_log");
+    std::ranges::stable_sort(paths, {},
+                             [](const fs::path& path) { return count_in(path.filename()); });
+    for (const fs::path& path : paths) {
+        read_capture(path, set_start);
+        const moment time = entries_.back().time;
+        set_start = time >= kClockIsSet ? time : set_start;
+    }
+}
+
+// Why a channel has no line around a time.
+std::string reason(const phone& from, const log_channel& channel, moment time) {
+    const capture* before = nullptr;
+    const capture* next = nullptr;
+    for (const capture& one : from.captures) {
+        before = one.begin <= time ? &one : before;
+        next = one.begin > time && next == nullptr ? &one : next;
+    }
+    const bool holds = before != nullptr && before->end + 10 * kSecond >= time;
+    if (before != nullptr &&
+        (before->unreadable == "*" ||
+         (holds && before->unreadable.find(channel.letter) != std::string::npos))) {
+        return "cannot be read in " + before->name;
+    }
+    if (holds) {
+        const bool is_on = before->letters.find(channel.letter) != std::string::npos;
+        return is_on ? "no line then in " + before->name : "switched off in " + before->name;
+    }
+    const long first = before == nullptr ? 0 : count_in(before->name) + 1;
+    if (next != nullptr && count_in(next->name) > first) {
+        return "the capture before " + next->name + " is gone";
+    }
+    return from.captures.empty() ? "no capture is in this copy" : "not captured then";
+}
+
+std::string reasons(const phone& from, moment time, const std::string& lines) {
+    std::map<std::string, std::string> channels;
+    for (const log_channel& channel : kChannels) {
+        if (("\n" + lines).find(std::string{'\n', channel.letter, ' '}) == lines.npos) {
+            std::string& letters = channels[reason(from, channel, time)];
+            letters += (letters.empty() ? "" : ", ") + std::string(1, channel.letter);
+        }
+    }
+    std::string text;
+    for (const auto& [why, letters] : channels) {
+        text += "[" + letters + ": " + why + "]\n";
+    }
+    return text;
+}
+
+// --- Description
+// -------------------------------------------------------------------------------------
+
+std::string sizes_in(const fs::path& dir) {
+    int error = 0;
+    std::string list;
+    for (const fs::path& path : entries_of(dir, error)) {
+        std::error_code code;
+        const fs::file_status status = fs::symlink_status(path, code);
+        const std::string size = fs::is_symlink(status) ? "link"
+                                 : fs::is_regular_file(status)
+                                     ? std::to_string(fs::file_size(path, code))
+                                     : "-";
+        list += std::string(12 - std::min<size_t>(12, size.size()), ' ') + size + "  " +
+                path.filename().string() + "\n";
+    }
+    return list;
+}
+
+std::string times(size_t count, const char* what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+std::string summary(const entry& event, const collected& all) {
+    std::string text;
+    const auto add = [&](const std::string& key, const std::string& value) {
+        text += value.empty() ? "" : key + ": " + value + "\n";
+    };
+    add("Process", event.process);
+    add("Build", event.build);
+    const auto same = std::ranges::find(all.issues, event.issue, &issue::id);
+    if (!event.issue.empty() && same != all.issues.end()) {
+        add("Issue", same->id + (same->is_new ? ", new" : "") + ", " + times(same->count, "time") +
+                         " on " + times(same->phones, "phone") + ", " + format_moment(same->first) +
+                         " to " + format_moment(same->last));
+        add("Equal", event.issue_text);
+    }
+    for (const entry& other : all.entries) {
+        const bool is_twin = other.phone == event.phone && other.number != event.number &&
+                             event.pid != 0 && other.pid == event.pid &&
+                             (other.twin == event.number || event.twin == other.number ||
+                              (event.twin != 0 && event.twin == other.twin));
+        add("Same crash", is_twin ? std::to_string(other.number) + ", " + other.name : "");
+    }
+    return text;
+}
+
+bool holds_logs(const fs::path& dir) {
+    int error = 0;
+    for (const fs::path& path : entries_of(dir, error)) {
+        const std::string name = path.filename();
+        if (name == "history.event" || name == "general_log" || name == kCategories[0].dir ||
+            name == kCategories[1].dir) {
+            return true;
+        }
+    }
+    if (error != 0 && error != ENOENT && error != ELOOP && error != ENOTDIR) {
+        throw std::runtime_error(dir.string() + ": " + strerror(error));
+    }
+    return false;
+}
+
+fs::path find_logs(const fs::path& dir) {
+    for (const char* below : {"", "logs", "data/logs"}) {
+        if (const fs::path place = dir / below; holds_logs(place)) {
+            return place;
+        }
+    }
+    throw std::runtime_error(dir.string() + " holds no history, events or captures");
+}
+
+// The last components of each path, as many as tell it from all others.
+std::vector<std::string> names_of(const std::vector<fs::path>& dirs) {
+    const auto last = [](const fs::path& path, size_t count) {
+        fs::path name;
+        for (auto at = path.end(); at != path.begin() && count > 0; --count) {
+            name = name.empty() ? *--at : *--at / name;
+        }
+        return name.string();
+    };
+    std::vector<std::string> names(dirs.size());
+    for (size_t i = 0; i < dirs.size(); ++i) {
+        size_t count = 1;
+        const auto is_same = [&](const fs::path& other) {
+            return other != dirs[i] && last(other, count) == last(dirs[i], count);
+        };
+        while (std::ranges::any_of(dirs, is_same)) {
+            ++count;
+        }
+        names[i] = last(dirs[i], count);
+    }
+    return names;
+}
+
+std::vector<fs::path> without_repeats(const std::vector<fs::path>& dirs) {
+    std::vector<fs::path> result;
+    for (const fs::path& dir : dirs) {
+        const fs::path canonical = fs::weakly_canonical(dir);
+        const fs::path path = canonical.has_filename() ? canonical : canonical.parent_path();
+        if (std::ranges::find(result, path) == result.end()) {
+            result.push_back(path);
+        }
+    }
+    return result;
 }
 
 }  // namespace
 
-std::vector<fs::path> entries_of(const fs::path& dir) {
-    std::error_code error;
-    const fs::directory_iterator found(dir, error);
-    std::vector<fs::path> paths(begin(found), end(found));
-    std::sort(paths.begin(), paths.end());
-    return paths;
+collected::collected(const std::vector<fs::path>& dirs, symbols& names) : names_(names) {
+    const std::vector<fs::path> places = without_repeats(dirs);
+    const std::vector<std::string> phone_names = names_of(places);
+    for (size_t i = 0; i < places.size(); ++i) {
+        phones.push_back({phone_names[i], find_logs(places[i])});
+    }
+    for (size_t i = 0; i < phones.size(); ++i) {
+        reader(phones[i], i, names_, entries).read();
+    }
+    std::ranges::stable_sort(entries, {}, &entry::time);
+    issues = group(entries);
 }
 
-collected::collected(const fs::path& dir) {
-    for (const fs::path& place : {dir, dir / "logs", dir / "data/logs"}) {
-        for (const char* found : {"history.event", "general_log", "crashlog", "zqeventlog"}) {
-            logs = logs.empty() && fs::exists(place / found) ? place : logs;
+std::string collected::log_at(size_t place, moment time, const fs::path& folder, size_t max_bytes) {
+    if (time == 0) {
+        return "[the time is unknown]\n";
+    }
+    phone& from = phones[place];
+    std::string damage;
+    std::vector<log_file> snapshot;
+    std::vector<log_file*> files;
+    for (const log_channel& channel : kChannels) {
+        for (log_file& file : open_log(folder, std::string("pre_") + channel.name, channel.letter,
+                                       time, 0, damage)) {
+            snapshot.push_back(std::move(file));
         }
     }
-    if (logs.empty()) {
-        throw std::runtime_error(dir.string() + " holds no history, events or captures");
+    for (std::vector<log_file>* some : {&from.files, &snapshot}) {
+        for (log_file& file : *some) {
+            files.push_back(&file);
+        }
     }
-    read_history(*this);
-    read_event_folders(*this);
-    read_captures(*this);
-    std::ranges::stable_sort(entries, {}, &entry::time);
+    const std::string lines = lines_around(files, time, max_bytes);
+    return lines + (damage.empty() ? "" : "[" + damage.substr(0, damage.size() - 2) + "]\n") +
+           reasons(from, time, lines);
 }
 
-std::string collected::describe(const entry& event, size_t max_bytes) const {
+std::vector<part> collected::describe(const entry& event, size_t max_bytes) {
     std::string damage;  // is in the entry already
-    std::string result;
-    const auto add_part = [&](const std::string& title, const std::string& text) {
-        result +=
-            text.empty() ? "" : "== " + title + "\n" + text + (text.ends_with('\n') ? "" : "\n");
+    std::vector<part> parts;
+    const auto add = [&](const std::string& title, const std::string& text) {
+        if (!text.empty()) {
+            parts.emplace_back(title, shortened(text, max_bytes));
+        }
     };
+    const fs::path crash = event.folder.empty() ? "" : crash_file(event.folder);
+    add("Summary", summary(event, *this));
     if (!event.folder.empty()) {
-        const fs::path crash = crash_file(event.folder);
-        add_part("Report", read_head(event.folder / "eventfile", max_bytes, damage));
-        add_part("Head of " + crash.filename().string(), read_head(crash, max_bytes, damage));
-        add_part("Stack", first_frames(read_head(crash, kHeadBytes, damage)));
-        add_part("Files", sizes_in(event.folder));
+        const std::string text = names_.name_frames(read_head(crash, kCrashBytes, damage));
+        parts.emplace_back("Stack", stack_text(read_crash(text), max_bytes));
     }
-    damage.clear();
-    std::vector<log_file> files = captured;
-    open_log(event.folder, "pre_android", 'A', event.time, files, damage);
-    open_log(event.folder, "pre_kernel", 'K', event.time, files, damage);
-    add_part("Log, 10 seconds before and after (A android, K kernel)",
-             lines_around(files, event.time, max_bytes) + damage);
-    return result;
+    parts.emplace_back("Log, 10 seconds before and after (A android, K kernel, E event, R radio)",
+                       log_at(event.phone, event.time, event.folder, max_bytes));
+    if (!event.folder.empty()) {
+        add("Files", sizes_in(event.folder));
+        add("Head of " + crash.filename().string(), read_head(crash, max_bytes, damage));
+        add("Report", read_head(event.folder / "eventfile", max_bytes, damage));
+    }
+    std::erase_if(parts, [](const part& one) { return one.second.empty(); });
+    return parts;
 }
 
 }  // namespace look

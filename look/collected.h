@@ -1,76 +1,92 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <android-base/mapped_file.h>
-
 #include <filesystem>
-#include <memory>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
-// Reads what a phone has collected. Damage is marked in the entry that it concerns and never ends
-// the reading.
+#include "look/logs.h"
+#include "look/symbols.h"
+
+// Reads what phones have collected. Damage is marked in the entry that it concerns and never ends
+// the reading; only a directory or history that cannot be opened does.
 
 namespace look {
 
-namespace fs = std::filesystem;
-
-// Milliseconds since 1970 of the phone's local time, taken as UTC: all of one phone's times compare
-// as they stand, whatever the zone of this machine. 0 is unknown.
-using moment = int64_t;
-
-// `format` is strptime's for a text of 19 characters; returns 0 for a text of another form.
-moment parse_moment(const std::string& text, const char* format);
-std::string format_moment(moment time);
-
-// The directory's entries, sorted; none when it cannot be read.
-std::vector<fs::path> entries_of(const fs::path& dir);
-
-// One file of a log in logcat's form threadtime, memory-mapped. A bisection finds its lines, so a
-// search reads a few pages of a file of any size.
-struct log_file {
-    char channel;
-    std::shared_ptr<android::base::MappedFile> map;
-    std::string_view text;
-    moment origin;      // no line is older; gives the lines their missing year
-    moment begin, end;  // of the first line and of the last
-};
-
-// Appends NAME.log and its rotated files to `files`, oldest first, and what is missing to `damage`.
-// `start` is when the log began, to within a month.
-void open_log(const fs::path& dir, const std::string& name, char channel, moment start,
-              std::vector<log_file>& files, std::string& damage);
-
-// Returns the lines from 10 seconds before the second `time` to 10 seconds after it, in time order,
-// each once. Of more than `max_bytes` in a file it keeps the nearest lines and marks the cut.
-std::string lines_around(const std::vector<log_file>& files, moment time, size_t max_bytes);
-
 // A reboot, event or capture. The texts are untrusted: any bytes, as they were found.
 struct entry {
-    int number = 0;  // place in the history or, without a line there, after it; 0 for a capture
+    size_t phone = 0;  // place in collected::phones
+    int number = 0;    // place in the history or, without a line there, after it; 0 for a capture
     moment time = 0, end = 0;
-    std::string category;  // "REBOOT", "CRASH", "CUSTOM", "CAPTURE"; "?": unreadable line
-    std::string type;
-    std::string package;  // or process
-    std::string line;     // the line of the crash file that tells most
-    std::string name;     // of its folder
-    fs::path folder;      // empty when it is gone or there never was one
-    std::string damage;   // each followed by "; "
+    std::string category = {};  // "REBOOT", "CRASH", "CUSTOM", "CAPTURE"; "?": unreadable line
+    std::string type = {};
+    std::string package = {};  // or program
+    std::string process = {};
+    std::string build = {};   // SWVersion of its report
+    std::string line = {};    // the line of the crash file that tells most
+    std::string name = {};    // of its folder
+    fs::path folder = {};     // empty when there is none here
+    bool is_gone = false;     // retention has removed the folder
+    std::string damage = {};  // each followed by "; "
+
+    std::string issue = {};       // its id; empty when there is nothing to compare
+    std::string issue_text = {};  // what makes it that issue
+    std::string words = {};       // of the stack, for a search
+    int pid = 0;                  // of a native crash
+    int twin = 0;                 // number of the entry that the same crash is counted with
 };
+
+// Equal crashes.
+struct issue {
+    std::string id;
+    size_t count = 0, phones = 0;
+    moment first = 0, last = 0;
+    std::string first_build = {}, last_build = {};
+    std::string type = {}, package = {}, line = {};  // of the last event
+    bool is_new = false;                             // first seen in the newest of several builds
+};
+
+// A capture, for why it has no line of a time.
+struct capture {
+    std::string name;
+    moment begin, end;
+    std::string letters;     // of the channels that it holds
+    std::string unreadable;  // of those that cannot be read; "*" for all
+};
+
+struct phone {
+    std::string name;  // of the directory, with parents as far as it takes to tell it apart
+    fs::path logs;
+    std::vector<capture> captures = {};  // oldest first
+    std::vector<log_file> files = {};    // of all captures
+};
+
+// A piece of an event's description: title and text.
+using part = std::pair<std::string, std::string>;
 
 struct collected {
-    // `dir` is a copy of /data/logs, of /data or of /. Throws std::runtime_error when it holds
-    // nothing that was collected.
-    explicit collected(const fs::path& dir);
+    // Each directory is a copy of /data/logs, of /data or of /. `names` finds the names of native
+    // frames. Throws std::runtime_error when one holds nothing that was collected or cannot be
+    // read.
+    collected(const std::vector<fs::path>& dirs, symbols& names);
 
-    // Returns report, head of the crash file, stack, files and the log lines around an entry, each
-    // of about `max_bytes` at most, under lines that begin with "== ".
-    std::string describe(const entry& event, size_t max_bytes) const;
+    // What there is to say of an entry, in reading order, each part of about `max_bytes` at most.
+    std::vector<part> describe(const entry& event, size_t max_bytes);
 
-    fs::path logs;
+    // The lines of all four logs around a time, and why channels have none.
+    std::string log_at(size_t phone, moment time, const fs::path& folder, size_t max_bytes);
+
+    std::vector<phone> phones;
     std::vector<entry> entries;  // oldest first
-    std::vector<log_file> captured;
+    std::vector<issue> issues;   // most frequent first
+
+  private:
+    symbols& names_;
 };
+
+// Marks native crashes that were collected twice, as tombstone and as dropbox entry, gives both the
+// same issue, and returns the issues, most frequent first.
+std::vector<issue> group(std::vector<entry>& entries);
 
 }  // namespace look

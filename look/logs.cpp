@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Log files: opening them with their rotated parts, and finding the lines around a time.
+#include "look/logs.h"
 
-#include <android-base/unique_fd.h>
-#include <fcntl.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <deque>
 #include <map>
 
-#include "look/collected.h"
-#include "utils/util.h"
+#include "look/files.h"
 
 namespace look {
 
@@ -18,172 +17,287 @@ using namespace brevix;
 
 namespace {
 
-constexpr moment kSecond = 1000;
-constexpr moment kMonth = 31 * 86400 * kSecond;
+constexpr moment kMonth = 31 * kDay;
+constexpr off_t kBlockBytes = 32 << 10;
+constexpr size_t kStampBytes = sizeof("12-31 23:59:59.999") - 1;
 
-size_t next_line(std::string_view text, size_t at) {
-    return std::min(text.find('\n', at), text.size() - 1) + 1;
-}
+struct stamp {
+    int month = 0, day = 0;
+    moment time_of_day = 0;
+};
 
-// The start of the first line at or after `at`.
-size_t line_from(std::string_view text, size_t at) {
-    return at == 0 ? 0 : next_line(text, at - 1);
-}
-
-// The time of the line at `at`, 0 when it has none.
-moment time_of(const log_file& file, size_t at) {
-    constexpr size_t kBytes = sizeof("12-31 23:59:59.999") - 1;
-    const std::string stamp(file.text.substr(at, kBytes));
-    const time_t seconds = file.origin / kSecond;
-    tm date{};
-    gmtime_r(&seconds, &date);
-    const char* dot = strptime(stamp.c_str(), "%m-%d %H:%M:%S", &date);
-    if (stamp.size() != kBytes || dot != &stamp[kBytes - 4] || *dot != '.') {
-        return 0;
+// The digits of "12-31 23:59:59.999" where `form` has 0; false when the text has another form.
+bool read_stamp(std::string_view line, stamp& result) {
+    constexpr std::string_view kForm = "00-00 00:00:00.000";
+    if (line.size() < kStampBytes) {
+        return false;
     }
-    tm next_year = date;
-    next_year.tm_year += 1;
-    const moment time = timegm(&date) * kSecond + atoi(dot + 1);
-    return time >= file.origin ? time : timegm(&next_year) * kSecond + atoi(dot + 1);
-}
-
-// The first line with a time at or after `at`, the end of the text when there is none.
-size_t stamped_from(const log_file& file, size_t at) {
-    at = line_from(file.text, at);
-    while (at < file.text.size() && time_of(file, at) == 0) {
-        at = next_line(file.text, at);
-    }
-    return at;
-}
-
-// The first line with a time that `is_reached`, which holds for all later ones.
-template <typename Test>
-size_t first_line(const log_file& file, Test is_reached) {
-    size_t low = 0;
-    size_t high = file.text.size();
-    while (low < high) {
-        const size_t middle = low + (high - low) / 2;
-        const size_t line = stamped_from(file, middle);
-        if (line < file.text.size() && !is_reached(time_of(file, line))) {
-            low = line + 1;
-        } else {
-            high = middle;
+    int digits[kStampBytes] = {};
+    for (size_t i = 0; i < kStampBytes; ++i) {
+        digits[i] = line[i] - '0';
+        if (kForm[i] == '0' ? digits[i] < 0 || digits[i] > 9 : line[i] != kForm[i]) {
+            return false;
         }
     }
-    return stamped_from(file, low);
+    const auto two = [&](size_t at) { return digits[at] * 10 + digits[at + 1]; };
+    result = {two(0), two(3),
+              ((two(6) * 60 + two(9)) * 60 + two(12)) * kSecond + digits[15] * 100 + two(16)};
+    return result.month >= 1 && result.month <= 12 && result.day >= 1 && result.day <= 31 &&
+           result.time_of_day < kDay;
 }
 
-// Walks backwards: bisection would read a file without any time several times over.
-moment last_time(const log_file& file) {
+// Midnight of the first such day that is not older than `origin`.
+moment day_from(const stamp& line, moment origin) {
+    const time_t seconds = origin / kSecond;
+    tm date{};
+    gmtime_r(&seconds, &date);
+    const int year = date.tm_year;
+    moment day = 0;
+    for (int i = 0; i < 2 && (i == 0 || day + line.time_of_day < origin); ++i) {
+        date = {};
+        date.tm_year = year + i;
+        date.tm_mon = line.month - 1;
+        date.tm_mday = line.day;
+        day = timegm(&date) * kSecond;
+    }
+    return day;
+}
+
+// Gives the lines of one file their times. Successive lines mostly are of the same day.
+class clock_of {
+  public:
+    explicit clock_of(const log_file& file) : file_(file) {}
+
+    // 0 for a line without a time.
+    moment time(std::string_view line) {
+        stamp found;
+        if (!read_stamp(line, found)) {
+            return 0;
+        }
+        if (found.month != known_.month || found.day != known_.day) {
+            known_ = found;
+            day_ = day_from(found, file_.origin);
+            const bool is_counted = day_ < file_.origin + kMonth + 2 * kDay;
+            if (file_.origin < kClockIsSet && !is_counted && file_.set_origin != 0) {
+                day_ = day_from(found, file_.set_origin);
+            }
+        }
+        return day_ + found.time_of_day;
+    }
+
+  private:
+    const log_file& file_;
+    stamp known_;
+    moment day_ = 0;
+};
+
+void add_to_blocks(std::vector<log_block>& blocks, off_t at, moment time) {
+    if (blocks.empty() || at - blocks.back().at >= kBlockBytes ||
+        time - blocks.back().last > kDay || blocks.back().first - time > kDay) {
+        blocks.push_back({at, 0, time, time});
+    }
+    blocks.back().first = std::min(blocks.back().first, time);
+    blocks.back().last = std::max(blocks.back().last, time);
+}
+
+void set_sizes(std::vector<log_block>& blocks, off_t end) {
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        blocks[i].bytes = (i + 1 < blocks.size() ? blocks[i + 1].at : end) - blocks[i].at;
+    }
+}
+
+// A long line is read to its end, but not kept: its time comes first.
+std::string read_at(const fs::path& path, off_t at, off_t bytes) {
+    std::string text(bytes, '\0');
+    const android::base::unique_fd fd = open_file(path);
+    const ssize_t size = fd.ok() ? pread(fd.get(), text.data(), bytes, at) : 0;
+    text.resize(std::max<ssize_t>(size, 0));
+    return text;
+}
+
+// The lines of one file around a time: of too many the nearest.
+class window {
+  public:
+    window(moment time, size_t max_bytes) : middle_(time + kSecond), max_bytes_(max_bytes / 2) {}
+
+    void add(moment time, std::string line) {
+        const size_t bytes = line.size() - 1;  // as in the file: the letter and a blank for "\n"
+        if (time < middle_) {
+            bytes_before_ += bytes;
+            before_.emplace_back(time, std::move(line));
+        } else if (bytes_behind_ < max_bytes_) {
+            bytes_behind_ += bytes;
+            behind_.emplace_back(time, std::move(line));
+        } else {
+            is_cut_behind_ = true;
+        }
+        for (; bytes_before_ > max_bytes_; before_.pop_front()) {
+            bytes_before_ -= before_.front().second.size() - 1;
+            is_cut_before_ = true;
+        }
+    }
+
+    void append_to(std::multimap<moment, std::string>& lines) const {
+        if (is_cut_before_) {
+            lines.emplace(before_.empty() ? middle_ : before_.front().first,
+                          "[more lines before: cut]");
+        }
+        lines.insert(before_.begin(), before_.end());
+        lines.insert(behind_.begin(), behind_.end());
+        if (is_cut_behind_) {
+            lines.emplace(behind_.back().first, "[more lines behind: cut]");
+        }
+    }
+
+  private:
+    moment middle_;
+    size_t max_bytes_;
+    std::deque<std::pair<moment, std::string>> before_, behind_;
+    size_t bytes_before_ = 0, bytes_behind_ = 0;
+    bool is_cut_before_ = false, is_cut_behind_ = false;
+};
+
+// Adds the lines of one block that are from `begin` up to `end`. A line without a time continues a
+// message.
+void add_lines(const log_file& file, const log_block& block, moment begin, moment end,
+               window& lines) {
+    constexpr off_t kMaxBytes = 256 << 10;
+    const std::string text = read_at(file.path, block.at, std::min(block.bytes, kMaxBytes));
+    clock_of clock(file);
     moment time = 0;
-    for (size_t at = file.text.size(); at > 0 && time == 0;) {
-        at = at == 1 ? 0 : file.text.rfind('\n', at - 2) + 1;  // npos + 1 is 0
-        time = time_of(file, at);
+    for (std::string_view rest = text; !rest.empty();) {
+        const std::string_view line = take_line(rest);
+        const moment own = clock.time(line);
+        time = own == 0 ? time : own;
+        if (time >= begin && time < end) {
+            lines.add(time, std::string{file.channel, ' '}.append(line));
+        }
+    }
+    if (block.bytes > kMaxBytes && time >= begin && time < end) {
+        lines.add(time, "[a line or message too long: cut]");
+    }
+}
+
+// Reads the end of the file: only a search needs all of it.
+moment last_time(log_file& file) {
+    constexpr off_t kTailBytes = 64 << 10;
+    std::error_code error;
+    const auto size = static_cast<off_t>(fs::file_size(file.path, error));
+    const off_t at = error || size < kTailBytes ? 0 : size - kTailBytes;
+    const std::string tail = read_at(file.path, at, kTailBytes);
+    std::string_view rest = tail;
+    clock_of clock(file);
+    moment time = 0;
+    for (bool is_whole = at == 0; !rest.empty(); is_whole = true) {
+        const moment own = clock.time(is_whole ? rest : rest.substr(0, 0));
+        take_line(rest);
+        time = own == 0 ? time : own;
+    }
+    if (time == 0 && at > 0) {
+        index_log(file);
+        time = file.blocks.empty() ? 0 : file.blocks.back().last;
     }
     return time;
-}
-
-// Returns false when the file holds no line with a time.
-bool open_file(log_file& file, const fs::path& path, std::string& damage) {
-    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;  // a FIFO blocks open()
-    const android::base::unique_fd fd(open(path.c_str(), kFlags));
-    const off_t size = lseek(fd, 0, SEEK_END);
-    file.map = size > 0 ? android::base::MappedFile::FromFd(fd, 0, size, PROT_READ) : nullptr;
-    if (file.map == nullptr) {
-        return false;
-    }
-    file.text = {file.map->data(), file.map->size()};
-    file.end = last_time(file);
-    if (file.end == 0) {
-        return false;
-    }
-    // A clock that is set during boot jumps, and bisection needs rising times.
-    const size_t rising = first_line(file, [&](moment time) { return time <= file.end; });
-    if (rising > stamped_from(file, 0)) {
-        damage += path.filename().string() + " is left out up to where its clock jumps; ";
-    }
-    file.text.remove_prefix(rising);
-    file.begin = time_of(file, 0);
-    return true;
 }
 
 }  // namespace
 
 moment parse_moment(const std::string& text, const char* format) {
     tm date{};
-    const char* end = text.size() == 19 ? strptime(text.c_str(), format, &date) : nullptr;
-    return end == nullptr || *end != '\0' ? 0 : timegm(&date) * kSecond;
+    const char* end = strptime(text.c_str(), format, &date);
+    return end != text.c_str() + text.size() ? 0 : timegm(&date) * kSecond;
 }
 
 std::string format_moment(moment time) {
     const time_t seconds = time / kSecond;
     tm date{};
-    return time == 0 ? "-" : format_time("%Y-%m-%d %H:%M:%S", *gmtime_r(&seconds, &date));
+    char text[64] = "-";
+    if (time != 0) {
+        strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", gmtime_r(&seconds, &date));
+    }
+    return text;
 }
 
-void open_log(const fs::path& dir, const std::string& name, char channel, moment start,
-              std::vector<log_file>& files, std::string& damage) {
-    int parts = 0;
+std::vector<log_file> open_log(const fs::path& dir, const std::string& name, char channel,
+                               moment start, moment set_start, std::string& damage) {
+    int error = 0;
     int highest = 0;
-    std::vector<fs::path> paths = entries_of(dir);
+    std::vector<log_file> files;
+    std::vector<fs::path> paths = entries_of(dir, error);
     std::reverse(paths.begin(), paths.end());  // the highest number is the oldest
     for (const fs::path& path : paths) {
-        if (!path.filename().string().starts_with(name + ".log")) {
-            continue;
-        }
-        parts += 1;
-        highest = std::max(highest, atoi(path.extension().c_str() + 1));
-        log_file file{channel, nullptr, {}, start - kMonth, 0, 0};
-        if (open_file(file, path, damage)) {
-            files.push_back(file);
-        } else {
-            damage += path.filename().string() + " holds no lines; ";
+        const std::string file = path.filename();
+        if (file.starts_with(name + ".log")) {
+            highest = std::max(highest, atoi(path.extension().c_str() + 1));
+            files.push_back(
+                {channel, path, start - kMonth, set_start == 0 ? 0 : set_start - kMonth});
+            if (!open_file(path).ok()) {
+                damage += damage_of(file, errno);
+            } else if (files.back().last = last_time(files.back()); files.back().last == 0) {
+                damage += file + " holds no lines; ";
+            }
         }
     }
-    if (parts > 0 && highest >= parts) {  // numbers begin at 1, the file in use has none
+    if (!files.empty() && highest >= static_cast<int>(files.size())) {
+        // Numbers begin at 1, the file in use has none.
         damage += "a part of " + name + ".log is missing; ";
     }
+    return files;
 }
 
-std::string lines_around(const std::vector<log_file>& files, moment time, size_t max_bytes) {
+void index_log(log_file& file) {
+    constexpr size_t kReadBytes = 1 << 20;
+    const android::base::unique_fd fd = open_file(file.path);
+    std::string buffer(kReadBytes, '\0');
+    clock_of clock(file);
+    off_t at = 0;
+    bool is_inside = false;  // a line longer than the buffer
+    ssize_t size = 0;
+    file.is_indexed = true;
+    while (fd.ok() && (size = pread(fd.get(), buffer.data(), buffer.size(), at)) > 0) {
+        std::string_view rest(buffer.data(), size);
+        while (!rest.empty()) {
+            const size_t end = rest.find('\n');
+            if (end == rest.npos && rest.data() != buffer.data()) {
+                break;  // read again from its start
+            }
+            const moment time = is_inside ? 0 : clock.time(rest);
+            if (time != 0) {
+                add_to_blocks(file.blocks, at + (rest.data() - buffer.data()), time);
+            }
+            is_inside = end == rest.npos;
+            rest.remove_prefix(is_inside ? rest.size() : end + 1);
+        }
+        at += size - static_cast<ssize_t>(rest.size());
+    }
+    set_sizes(file.blocks, at);
+}
+
+std::string lines_around(const std::vector<log_file*>& files, moment time, size_t max_bytes) {
     const moment begin = time - 10 * kSecond;
     const moment end = time + 11 * kSecond;
     std::multimap<moment, std::string> lines;
     std::map<std::string, const log_file*> owners;  // a log snapshot repeats what the capture holds
-    for (const log_file& file : files) {
-        if (file.begin >= end || file.end < begin) {
-            continue;
+    for (log_file* file : files) {
+        if (!file->is_indexed) {
+            index_log(*file);
         }
-        moment stamp = begin;
-        const auto add = [&](const std::string& text) {
-            if (owners.try_emplace(text, &file).first->second == &file) {
-                lines.emplace(stamp, text);
+        window nearest(time, max_bytes);
+        for (const log_block& block : file->blocks) {
+            if (block.first < end && block.last >= begin) {
+                add_lines(*file, block, begin, end, nearest);
             }
-        };
-        const auto from = [&](moment wanted) {
-            return first_line(file, [=](moment found) { return found >= wanted; });
-        };
-        const size_t middle = from(time + kSecond);
-        const size_t first = from(begin);
-        const size_t last = from(end);
-        const size_t shown = std::max(first, middle - std::min(middle, max_bytes / 2));
-        const size_t shown_end = std::min(last, middle + max_bytes / 2);
-        if (shown > first) {
-            add("[more lines before: cut]");
         }
-        for (size_t at = line_from(file.text, shown); at < shown_end;
-             at = next_line(file.text, at)) {
-            const moment own = time_of(file, at);
-            stamp = own == 0 ? stamp : own;  // a line without a time continues a message
-            const std::string_view line = file.text.substr(at, file.text.find('\n', at) - at);
-            add(std::string{file.channel, ' '}.append(line));
-        }
-        if (shown_end < last) {
-            add("[more lines behind: cut]");
+        std::multimap<moment, std::string> found;
+        nearest.append_to(found);
+        for (const auto& [at, line] : found) {
+            if (owners.try_emplace(line, file).first->second == file) {
+                lines.emplace(at, line);
+            }
         }
     }
     std::string text;
-    for (const auto& [stamp, line] : lines) {
+    for (const auto& [at, line] : lines) {
         text += line + "\n";
     }
     return text;

@@ -1,141 +1,267 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Shows what a phone has collected as a table, as one event or as a page for a browser.
+// Shows what phones have collected as a table, as one event or as a page for a browser.
 
-#include <android-base/stringprintf.h>
-#include <locale.h>
-#include <wctype.h>
+#include <getopt.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cwchar>
-#include <fstream>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "look/collected.h"
+#include "look/files.h"
 #include "look/page.h"
+#include "look/table.h"
 
 namespace {
 
-using android::base::StringPrintf;
 using look::collected;
 using look::entry;
+using look::part;
+using nlohmann::ordered_json;
 
-// Replaces bytes that are no UTF-8 and control characters, which steer a terminal, except those in
-// `kept`.
-std::string printable(std::string_view text, std::string_view kept = "\n\t") {
-    // Not the whole process's: in it, regular expressions do not match invalid bytes.
-    static const locale_t kUtf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    const locale_t before = uselocale(kUtf8);
-    std::string result;
-    for (size_t at = 0, bytes = 1; at < text.size(); at += bytes) {
-        wchar_t letter = 0;
-        mbstate_t state{};
-        bytes = mbrtowc(&letter, &text[at], text.size() - at, &state);
-        bytes = bytes - 1 < text.size() ? bytes : 1;  // 0 and the errors, the highest numbers
-        const bool is_kept = kept.find(text[at]) != kept.npos || iswprint(letter) != 0;
-        result += is_kept ? text.substr(at, bytes) : "\uFFFD";
+constexpr size_t kPartBytes = 256 << 10;
+
+constexpr const char* kUsage =
+    R"(usage: events [OPTION...] [N] [DIR...]
+       report [OPTION...] [--out FILE] [DIR...]
+  --last K          the last K rows
+  --since TIME      rows from that time on
+  --until TIME      rows up to that time: "2026-11-12", "2026-11-12 14:32" or,
+                    before the last row, "2 hours"
+  --type T, --package P, --issue ID
+                    rows with all of these words
+  --newest          newest first
+  --symbols DIR     name native frames by the libraries below DIR
+only for events:
+  --issues          a row an issue, most frequent first
+  --at TIME         the log around that time
+  --json            an object a line; with N, with its parts
+)";
+
+struct wish {
+    std::string command;
+    look::selection rows;
+    std::string number, at, symbols, out;
+    std::vector<look::fs::path> dirs;
+    std::string default_dir;
+    bool issues = false, json = false;
+};
+
+std::vector<std::string> words_in(std::string_view text) {
+    std::vector<std::string> words;
+    while (!text.empty()) {
+        const std::string_view word = text.substr(0, text.find(' '));
+        text.remove_prefix(std::min(word.size() + 1, text.size()));
+        words.emplace_back(word);
     }
-    uselocale(before);
+    return words;
+}
+
+void add_words(std::vector<std::string>& words) {
+    const std::vector<std::string> more = words_in(optarg);
+    words.insert(words.end(), more.begin(), more.end());
+}
+
+[[noreturn]] void fail(const std::string& why) {
+    throw std::runtime_error(why);
+}
+
+size_t read_count(const std::string& text) {
+    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos) {
+        fail("'" + text + "' is no number");
+    }
+    return std::stoul(text);
+}
+
+void read_option(wish& wanted, char option) {
+    switch (option) {
+        case 'l':
+            wanted.rows.last = read_count(optarg);
+            break;
+        case 's':
+            wanted.rows.since = optarg;
+            break;
+        case 'u':
+            wanted.rows.until = optarg;
+            break;
+        case 't':
+            add_words(wanted.rows.types);
+            break;
+        case 'p':
+            add_words(wanted.rows.packages);
+            break;
+        case 'i':
+            add_words(wanted.rows.issues);
+            break;
+        case 'n':
+            wanted.rows.newest_first = true;
+            break;
+        case 'y':
+            wanted.symbols = optarg;
+            break;
+        case 'o':
+            wanted.out = optarg;
+            break;
+        case 'd':
+            wanted.default_dir = optarg;
+            break;
+        case 'I':
+            wanted.issues = true;
+            break;
+        case 'a':
+            wanted.at = optarg;
+            break;
+        case 'j':
+            wanted.json = true;
+            break;
+        default:
+            fail("");
+    }
+}
+
+// "report DIR FILE" and "events N DIR" in either order are older forms.
+void read_word(wish& wanted, const std::string& word, bool is_last) {
+    const bool is_number = word.find_first_not_of("0123456789") == word.npos;
+    if (wanted.command == "events" && is_number && wanted.number.empty()) {
+        wanted.number = word;
+    } else if (wanted.command == "report" && is_last && !wanted.dirs.empty() &&
+               !look::fs::is_directory(word)) {
+        wanted.out = word;
+    } else {
+        wanted.dirs.emplace_back(word);
+    }
+}
+
+wish read_arguments(int argc, char* argv[]) {
+    static const option kOptions[] = {
+        {"last", required_argument, nullptr, 'l'},    {"since", required_argument, nullptr, 's'},
+        {"until", required_argument, nullptr, 'u'},   {"type", required_argument, nullptr, 't'},
+        {"package", required_argument, nullptr, 'p'}, {"issue", required_argument, nullptr, 'i'},
+        {"newest", no_argument, nullptr, 'n'},        {"symbols", required_argument, nullptr, 'y'},
+        {"out", required_argument, nullptr, 'o'},     {"default", required_argument, nullptr, 'd'},
+        {"issues", no_argument, nullptr, 'I'},        {"at", required_argument, nullptr, 'a'},
+        {"json", no_argument, nullptr, 'j'},          {}};
+    wish wanted;
+    for (int found = 0; (found = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        read_option(wanted, static_cast<char>(found));
+    }
+    if (optind < argc) {
+        wanted.command = argv[optind++];
+    }
+    for (; optind < argc; ++optind) {
+        read_word(wanted, argv[optind], optind + 1 == argc);
+    }
+    if (wanted.dirs.empty() && !wanted.default_dir.empty()) {
+        wanted.dirs.emplace_back(wanted.default_dir);
+    }
+    return wanted;
+}
+
+// In a terminal the lines of the event log that say what the platform did to a process stand out.
+std::string emphasized(const std::string& text) {
+    std::string result;
+    for (std::string_view rest = text; !rest.empty();) {
+        const std::string_view line = look::take_line(rest);
+        const bool is_told = line.starts_with("E ") && (line.find(" am_anr") != line.npos ||
+                                                        line.find(" am_crash") != line.npos ||
+                                                        line.find(" am_proc_died") != line.npos);
+        result += is_told ? "\033[1m" + std::string(line) + "\033[0m\n" : std::string(line) + "\n";
+    }
     return result;
 }
 
-// Also escapes "<": "</script>" in a string would end the page's script element.
-std::string json(std::string_view text) {
-    constexpr std::string_view kEscaped = "\"\\<\n\t";
-    std::string result = "\"";
-    for (const char c : printable(text)) {
-        result += kEscaped.find(c) == kEscaped.npos ? std::string{c} : StringPrintf("\\u%04x", c);
-    }
-    return result + '"';
-}
-
-using row = std::vector<std::string>;
-
-const row kTitles = {"N", "TIME", "CATEGORY", "TYPE", "PACKAGE", "LINE", "FOLDER"};
-
-row row_of(const entry& e) {
-    const std::string folder = e.name.empty() || !e.folder.empty() ? e.name : "gone";
-    const std::string mark =
-        e.damage.empty() ? "" : " [" + e.damage.substr(0, e.damage.size() - 2) + "]";
-    return {e.number == 0 ? "-" : std::to_string(e.number),
-            look::format_moment(e.time),
-            e.category,
-            e.type,
-            e.package,
-            e.line,
-            folder + mark};
-}
-
-void print_row(const row& cells) {
-    constexpr const char* kForms[] = {"%5s",     "  %-19s",    "  %-8s", "  %-12s",
-                                      "  %-24s", "  %-64.64s", "  %s"};
-    std::string line;
-    for (size_t i = 0; i < cells.size(); ++i) {
-        line += StringPrintf(kForms[i], cells[i].c_str());
-    }
-    std::cout << printable(line, "") << '\n';
-}
-
-void print_table(const collected& all) {
-    print_row(kTitles);
-    for (const entry& e : all.entries) {
-        print_row(row_of(e));
+void print_parts(const std::vector<part>& parts) {
+    const bool is_terminal = isatty(STDOUT_FILENO) != 0;
+    for (const auto& [title, text] : parts) {
+        const std::string shown = look::printable(text);
+        std::cout << "== " << look::printable(title, "") << '\n'
+                  << (is_terminal ? emphasized(shown) : shown)
+                  << (shown.ends_with('\n') ? "" : "\n");
     }
 }
 
-void print_event(const collected& all, const std::string& number) {
-    for (const entry& e : all.entries) {
-        const row cells = row_of(e);
-        if (cells[0] != number) {
-            continue;
+void print_event(collected& all, const entry& e, bool as_json) {
+    const std::vector<part> parts = all.describe(e, kPartBytes);
+    ordered_json cells = look::row_json(all, e);
+    if (as_json) {
+        cells["parts"] = ordered_json::array();
+        for (const auto& [title, text] : parts) {
+            cells["parts"].push_back({look::printable(title), look::printable(text)});
         }
-        for (size_t i = 0; i < cells.size(); ++i) {
-            std::cout << kTitles[i] << ": " << printable(cells[i], "") << '\n';
-        }
-        std::cout << printable(all.describe(e, 256 << 10));
+        std::cout << look::json_line(cells) << '\n';
         return;
     }
-    throw std::runtime_error("there is no event " + number);
+    for (const auto& [key, value] : cells.items()) {
+        std::string title = key;
+        std::ranges::transform(title, title.begin(), toupper);
+        std::cout << title << ": "
+                  << (value.is_string() ? look::printable(value.get<std::string>(), "") : "yes")
+                  << '\n';
+    }
+    print_parts(parts);
 }
 
-// The more events, the less of each, so that a browser opens any page at once.
-void write_page(const collected& all, const char* file) {
-    constexpr size_t kPageBytes = 32 << 20;
-    constexpr size_t kMaxBytes = 64 << 10;
-    constexpr size_t kParts = 4;
-    const size_t share = std::min(kPageBytes / kParts / (all.entries.size() + 1), kMaxBytes);
-    std::ofstream out(file, std::ios::binary);
-    out << look::kPage << "<script type=\"application/json\" id=\"rows\">[";
-    for (const char* comma = ""; const entry& e : all.entries) {
-        out << comma << "\n[" << e.time << "," << e.end;
-        for (const std::string& cell : row_of(e)) {
-            out << "," << json(cell.substr(0, 512));
-        }
-        out << "]";
-        comma = ",";
-    }
-    // A line of its own for each entry, parsed when it is opened: all at once would take a second.
-    out << "]</script>\n<script type=\"text/plain\" id=\"details\">";
+void print_events(collected& all, const wish& wanted) {
+    bool is_found = false;
     for (const entry& e : all.entries) {
-        out << "[" << e.time << "," << json(e.number == 0 ? "" : all.describe(e, share)) << "]\n";
+        if (e.number != 0 && std::to_string(e.number) == wanted.number) {
+            print_event(all, e, wanted.json);
+            is_found = true;
+        }
     }
-    if (!(out << "</script>\n</html>\n").flush()) {
-        throw std::runtime_error(std::string(file) + " cannot be written");
+    if (!is_found) {
+        fail("there is no event " + wanted.number);
     }
-    std::cout << file << '\n';
 }
 
-void run(const std::vector<std::string>& words) {
-    if (words.size() == 2 && words[0] == "events") {
-        print_table(collected(words[1]));
-    } else if (words.size() == 3 && words[0] == "events") {
-        print_event(collected(words[1]), words[2]);
-    } else if (words.size() == 3 && words[0] == "report") {
-        write_page(collected(words[1]), words[2].c_str());
+void print_log(collected& all, const std::string& at) {
+    const look::moment time =
+        look::read_time(at, all.entries.empty() ? 0 : all.entries.back().time);
+    for (size_t i = 0; i < all.phones.size(); ++i) {
+        print_parts({{all.phones[i].name + ", " + look::format_moment(time) +
+                          ", 10 seconds before and after (A android, K kernel, E event, R radio)",
+                      all.log_at(i, time, {}, kPartBytes)}});
+    }
+}
+
+void print_json(const collected& all, bool issues) {
+    if (issues) {
+        for (const look::issue& one : all.issues) {
+            std::cout << look::json_line(look::issue_json(one)) << '\n';
+        }
+        return;
+    }
+    for (const entry& e : all.entries) {
+        std::cout << look::json_line(look::row_json(all, e)) << '\n';
+    }
+}
+
+void run(const wish& wanted) {
+    if ((wanted.command != "events" && wanted.command != "report") || wanted.dirs.empty()) {
+        fail("");
+    }
+    look::symbols names;
+    if (!wanted.symbols.empty()) {
+        names.open(wanted.symbols);
+    }
+    collected all(wanted.dirs, names);
+    look::select(all, wanted.rows);
+    if (wanted.command == "report") {
+        look::write_page(all, wanted.out);
+        std::cout << wanted.out << '\n';
+    } else if (!wanted.number.empty()) {
+        print_events(all, wanted);
+    } else if (!wanted.at.empty()) {
+        print_log(all, wanted.at);
+    } else if (wanted.json) {
+        print_json(all, wanted.issues);
+    } else if (wanted.issues) {
+        look::print_issues(all);
     } else {
-        throw std::runtime_error("usage: look events DIR [N], look report DIR FILE");
+        look::print_table(all);
     }
 }
 
@@ -143,9 +269,9 @@ void run(const std::vector<std::string>& words) {
 
 int main(int argc, char* argv[]) {
     try {
-        run({argv + 1, argv + argc});
+        run(read_arguments(argc, argv));
     } catch (const std::exception& error) {
-        std::cerr << "look: " << error.what() << '\n';
+        std::cerr << (*error.what() == '\0' ? kUsage : "look: " + std::string(error.what()) + "\n");
         return EXIT_FAILURE;
     }
     return std::cout.flush() ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "look/collected.h"
+
+// Rows of the table: which, and how they are written.
+
+namespace look {
+
+// What the options ask for. Words of a selection are all to be found, in any case of letters.
+struct selection {
+    size_t last = 0;  // the last rows; 0: all
+    std::string since, until;
+    std::vector<std::string> types, packages, issues;
+    bool newest_first = false;
+};
+
+// "2026-11-12", "2026-11-12 14:32", "2026-11-12 14:32:05" or, counted back from `last`, "2 hours"
+// (seconds, minutes, days, weeks). `end` asks for the end of that day or minute. Throws
+// std::runtime_error for another form.
+moment read_time(const std::string& text, moment last, bool end = false);
+
+// Leaves the entries that are asked for.
+void select(collected& all, const selection& wanted);
+
+// Fits the columns to the terminal; writes them in full to anything else.
+void print_table(const collected& all);
+void print_issues(const collected& all);
+
+// The columns by their names, without the empty ones.
+nlohmann::ordered_json row_json(const collected& all, const entry& e);
+nlohmann::ordered_json issue_json(const issue& one);
+
+// One line, without control characters, invalid UTF-8 and "<", which would end a script element.
+std::string json_line(const nlohmann::ordered_json& value);
+
+// "3" and "crashlog_2_ANR_… [eventfile is cut]".
+std::string number_of(const entry& e);
+std::string folder_of(const entry& e);
+std::string damage_of(const entry& e);
+
+}  // namespace look
