@@ -103,9 +103,9 @@ std::string without_numbers(std::string_view text) {
     std::string result;
     for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
-        const bool starts_word = i == 0 || !is_word(text[i - 1]);
-        const size_t end = starts_word ? text.find(c, i + 1) : text.npos;
-        if ((c == '\'' || c == '"') && end != text.npos) {
+        const bool is_quote = (c == '\'' || c == '"') && (i == 0 || !is_word(text[i - 1]));
+        const size_t end = is_quote ? text.find(c, i + 1) : text.npos;
+        if (end != text.npos) {
             result.append(2, c);
             i = end;
         } else if (is_digit(c) || c == '@') {
@@ -235,6 +235,19 @@ bool is_java_frame(std::string_view line) {
     return (line.starts_with('\t') || line.starts_with(' ')) && trimmed(line).starts_with("at ");
 }
 
+// Numbers of lambdas and anonymous classes change with the code around them.
+std::string without_indexes(std::string_view method) {
+    std::string result;
+    for (size_t i = 0; i < method.size(); ++i) {
+        while (i + 1 < method.size() && method[i] == '$' && is_digit(method[i + 1])) {
+            result += '$';
+            i = std::min(method.find_first_not_of("0123456789", i + 1), method.size());
+        }
+        result += i < method.size() ? std::string(1, method[i]) : "";
+    }
+    return result;
+}
+
 // "com.example.Main.run" of "\tat com.example.Main.run(Main.java:7)"; nothing when only the runtime
 // or generated code is named so.
 std::string own_method(std::string_view line) {
@@ -245,7 +258,7 @@ std::string own_method(std::string_view line) {
     const std::string_view name = all.substr(0, all.find('('));
     const auto begins = [=](std::string_view start) { return name.starts_with(start); };
     const bool is_generated = name.find("$$") != name.npos || name.find("$r8$") != name.npos;
-    return is_generated || std::ranges::any_of(kRuntime, begins) ? "" : without_numbers(name);
+    return is_generated || std::ranges::any_of(kRuntime, begins) ? "" : without_indexes(name);
 }
 
 std::vector<std::string> own_methods(const std::vector<std::string>& lines) {
@@ -397,7 +410,7 @@ std::string first_method(const stack_part& part) {
     }
     for (const std::string& line : part.lines) {
         if (is_java_frame(line)) {
-            return without_numbers(between(line, "at ", "("));
+            return without_indexes(between(line, "at ", "("));
         }
     }
     return joined(frame_keys(part.lines), 1);
@@ -490,7 +503,7 @@ std::string part_text(const stack_part& part, size_t max_lines) {
         text += part.lines[i] + "\n";
     }
     const size_t rest = part.lines.size() - shown + part.left_out;
-    return rest == 0 ? text : text + "  [" + std::to_string(rest) + " more lines]\n";
+    return rest == 0 ? text : text + "  [more lines: " + std::to_string(rest) + "]\n";
 }
 
 std::string all_parts(const crash& from, size_t cause_lines, size_t other_lines) {
@@ -551,7 +564,7 @@ std::string stack_text(const crash& from, size_t max_bytes) {
         }
     }
     const size_t others = from.stack.size() - 1;
-    const std::string mark = "[" + std::to_string(others) + " more parts of the stack]\n";
+    const std::string mark = "[more parts: " + std::to_string(others) + "]\n";
     return (others == 0 ? "" : mark) + part_text(from.stack[from.cause], 8);
 }
 
