@@ -19,6 +19,8 @@ namespace {
 
 constexpr moment kMonth = 31 * kDay;
 constexpr off_t kBlockBytes = 32 << 10;
+constexpr size_t kLineBytes = 8 << 10;  // more than logcat writes in one
+constexpr int kEndlessBytes = 16 << 20;
 constexpr size_t kStampBytes = sizeof("12-31 23:59:59.999") - 1;
 
 struct stamp {
@@ -170,7 +172,7 @@ void add_lines(const log_file& file, const log_block& block, moment begin, momen
         const moment own = clock.time(line);
         time = own == 0 ? time : own;
         if (time >= begin && time < end) {
-            lines.add(time, std::string{file.channel, ' '}.append(line));
+            lines.add(time, std::string{file.channel, ' '}.append(line.substr(0, kLineBytes)));
         }
     }
     if (block.bytes > kMaxBytes && time >= begin && time < end) {
@@ -236,6 +238,7 @@ std::vector<log_file> open_log(const fs::path& dir, const std::string& name, cha
             } else if (files.back().last = last_time(files.back()); files.back().last == 0) {
                 damage += file + " holds no lines; ";
             }
+            damage += files.back().is_endless ? file + " has a line without end; " : "";
         }
     }
     if (!files.empty() && highest >= static_cast<int>(files.size())) {
@@ -246,29 +249,31 @@ std::vector<log_file> open_log(const fs::path& dir, const std::string& name, cha
 }
 
 void index_log(log_file& file) {
-    constexpr size_t kReadBytes = 1 << 20;
+    constexpr int kReadBytes = 1 << 20;
     const android::base::unique_fd fd = open_file(file.path);
     std::string buffer(kReadBytes, '\0');
     clock_of clock(file);
     off_t at = 0;
-    bool is_inside = false;  // a line longer than the buffer
+    int reads_inside = 0;  // of a line longer than the buffer
     ssize_t size = 0;
     file.is_indexed = true;
-    while (fd.ok() && (size = pread(fd.get(), buffer.data(), buffer.size(), at)) > 0) {
+    while (fd.ok() && !file.is_endless &&
+           (size = pread(fd.get(), buffer.data(), buffer.size(), at)) > 0) {
         std::string_view rest(buffer.data(), size);
         while (!rest.empty()) {
             const size_t end = rest.find('\n');
             if (end == rest.npos && rest.data() != buffer.data()) {
                 break;  // read again from its start
             }
-            const moment time = is_inside ? 0 : clock.time(rest);
+            const moment time = reads_inside > 0 ? 0 : clock.time(rest);
             if (time != 0) {
                 add_to_blocks(file.blocks, at + (rest.data() - buffer.data()), time);
             }
-            is_inside = end == rest.npos;
-            rest.remove_prefix(is_inside ? rest.size() : end + 1);
+            reads_inside = end == rest.npos ? reads_inside + 1 : 0;
+            rest.remove_prefix(end == rest.npos ? rest.size() : end + 1);
         }
         at += size - static_cast<ssize_t>(rest.size());
+        file.is_endless = reads_inside >= kEndlessBytes / kReadBytes;
     }
     set_sizes(file.blocks, at);
 }
@@ -277,6 +282,7 @@ std::string lines_around(const std::vector<log_file*>& files, moment time, size_
     const moment begin = time - 10 * kSecond;
     const moment end = time + 11 * kSecond;
     std::multimap<moment, std::string> lines;
+    std::string endless;
     std::map<std::string, const log_file*> owners;  // a log snapshot repeats what the capture holds
     for (log_file* file : files) {
         if (!file->is_indexed) {
@@ -290,6 +296,9 @@ std::string lines_around(const std::vector<log_file*>& files, moment time, size_
         }
         std::multimap<moment, std::string> found;
         nearest.append_to(found);
+        endless += file->is_endless ? "[" + file->path.filename().string() +
+                                          " is read up to a line without end]\n"
+                                    : "";
         for (const auto& [at, line] : found) {
             if (owners.try_emplace(line, file).first->second == file) {
                 lines.emplace(at, line);
@@ -300,7 +309,7 @@ std::string lines_around(const std::vector<log_file*>& files, moment time, size_
     for (const auto& [at, line] : lines) {
         text += line + "\n";
     }
-    return text;
+    return text + endless;
 }
 
 }  // namespace look

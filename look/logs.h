@@ -50,6 +50,7 @@ struct log_file {
     moment last = 0;  // time of the last line that has one
     std::vector<log_block> blocks = {};
     bool is_indexed = false;
+    bool is_endless = false;  // a line has no end; what is behind it is not looked for
 };
 
 // The part of a log in one directory: NAME.log and its rotated files, oldest first.

@@ -139,6 +139,7 @@ void print_rows(const std::vector<column>& columns, const std::vector<row>& rows
             const std::string pad(widths[i] - std::min(widths[i], width), ' ');
             line += (i == 0 ? pad + cell : "  " + cell + (i + 1 < cells.size() ? pad : ""));
         }
+        line.resize(line.find_last_not_of(' ') + 1);
         std::cout << (terminal == 0 ? line : cut(line, terminal)) << '\n';
     };
     print(titles);
@@ -204,8 +205,9 @@ std::string damage_of(const entry& e) {
 }
 
 std::string folder_of(const entry& e) {
-    const std::string name = e.is_gone ? "gone" : e.name;
-    return name + (e.damage.empty() ? "" : " [" + damage_of(e) + "]");
+    const std::string twin = e.twin == 0 ? "" : " [same crash as " + std::to_string(e.twin) + "]";
+    const std::string damage = e.damage.empty() ? "" : " [" + damage_of(e) + "]";
+    return (e.is_gone ? "gone" : e.name) + twin + damage;
 }
 
 void print_table(const collected& all) {
