@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "look/files.h"
@@ -20,7 +19,6 @@ namespace {
 using look::collected;
 using look::entry;
 using look::part;
-using nlohmann::ordered_json;
 
 constexpr size_t kPartBytes = 256 << 10;
 
@@ -185,21 +183,14 @@ void print_parts(const std::vector<part>& parts) {
 
 void print_event(collected& all, const entry& e, bool as_json) {
     const std::vector<part> parts = all.describe(e, kPartBytes);
-    ordered_json cells = look::row_json(all, e);
     if (as_json) {
-        cells["parts"] = ordered_json::array();
-        for (const auto& [title, text] : parts) {
-            cells["parts"].push_back({look::printable(title), look::printable(text)});
-        }
-        std::cout << look::json_line(cells) << '\n';
+        std::cout << look::row_line(all, e, parts) << '\n';
         return;
     }
-    for (const auto& [key, value] : cells.items()) {
-        std::string title = key;
+    for (const auto& [name, text] : look::fields_of(all, e)) {
+        std::string title = name;
         std::ranges::transform(title, title.begin(), toupper);
-        std::cout << title << ": "
-                  << (value.is_string() ? look::printable(value.get<std::string>(), "") : "yes")
-                  << '\n';
+        std::cout << title << ": " << text << '\n';
     }
     print_parts(parts);
 }
@@ -230,12 +221,12 @@ void print_log(collected& all, const std::string& at) {
 void print_json(const collected& all, bool issues) {
     if (issues) {
         for (const look::issue& one : all.issues) {
-            std::cout << look::json_line(look::issue_json(one)) << '\n';
+            std::cout << look::issue_line(one) << '\n';
         }
         return;
     }
     for (const entry& e : all.entries) {
-        std::cout << look::json_line(look::row_json(all, e)) << '\n';
+        std::cout << look::row_line(all, e) << '\n';
     }
 }
 

@@ -5,8 +5,8 @@
 
 #include "look/collected.h"
 
-// The page for a browser: one file, look/page.html with its style and script, and the data at its
-// end in two script elements.
+// What was collected as JSON, and the page for a browser: one file, look/page.html with its style
+// and script, and the data at its end in two script elements.
 //
 // <script type="application/json" id="rows"> holds one object:
 //
@@ -36,5 +36,10 @@ namespace look {
 
 // Throws std::runtime_error when the file cannot be written.
 void write_page(collected& all, const std::string& file);
+
+// Objects of a line each: a row, without "t", "e" and "stack", with its parts as "parts" when there
+// are any; and an issue, with "first" and "last" as text.
+std::string row_line(const collected& all, const entry& e, const std::vector<part>& parts = {});
+std::string issue_line(const issue& one);
 
 }  // namespace look

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <charconv>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <numeric>
 #include <stdexcept>
 
@@ -17,8 +16,6 @@
 namespace look {
 
 namespace {
-
-using nlohmann::ordered_json;
 
 constexpr size_t kCellBytes = 512;
 
@@ -150,10 +147,18 @@ std::string cell(const std::string& text) {
     return printable(text.substr(0, kCellBytes), "");
 }
 
-void put(ordered_json& object, const char* key, const std::string& text) {
-    if (!text.empty()) {
-        object[key] = printable(text.substr(0, kCellBytes));
-    }
+std::string number_of(int number) {
+    return number == 0 ? "" : std::to_string(number);
+}
+
+std::string damage_of(const entry& e) {
+    return e.damage.substr(0, e.damage.size() - std::min<size_t>(2, e.damage.size()));
+}
+
+std::string folder_of(const entry& e) {
+    const std::string twin = e.twin == 0 ? "" : " [same crash as " + std::to_string(e.twin) + "]";
+    const std::string damage = e.damage.empty() ? "" : " [" + damage_of(e) + "]";
+    return (e.is_gone ? "gone" : e.name) + twin + damage;
 }
 
 }  // namespace
@@ -196,20 +201,6 @@ void select(collected& all, const selection& wanted) {
     }
 }
 
-std::string number_of(const entry& e) {
-    return e.number == 0 ? "" : std::to_string(e.number);
-}
-
-std::string damage_of(const entry& e) {
-    return e.damage.substr(0, e.damage.size() - std::min<size_t>(2, e.damage.size()));
-}
-
-std::string folder_of(const entry& e) {
-    const std::string twin = e.twin == 0 ? "" : " [same crash as " + std::to_string(e.twin) + "]";
-    const std::string damage = e.damage.empty() ? "" : " [" + damage_of(e) + "]";
-    return (e.is_gone ? "gone" : e.name) + twin + damage;
-}
-
 void print_table(const collected& all) {
     std::vector<column> columns = {{"N", 8, 8},      {"TIME", 19, 19},    {"CATEGORY", 8, 7},
                                    {"TYPE", 16, 12}, {"PACKAGE", 32, 12}, {"LINE", 64, 20},
@@ -220,7 +211,7 @@ void print_table(const collected& all) {
     }
     std::vector<row> rows;
     for (const entry& e : all.entries) {
-        const std::string number = number_of(e);
+        const std::string number = number_of(e.number);
         row cells = {number.empty() ? "-" : number,
                      format_moment(e.time),
                      e.category,
@@ -252,47 +243,20 @@ void print_issues(const collected& all) {
     print_rows(columns, rows);
 }
 
-ordered_json row_json(const collected& all, const entry& e) {
-    ordered_json row = ordered_json::object();
-    put(row, "n", number_of(e));
-    put(row, "phone", all.phones[e.phone].name);
-    put(row, "build", e.build);
-    put(row, "time", e.time == 0 ? "" : format_moment(e.time));
-    put(row, "category", e.category);
-    put(row, "type", e.type);
-    put(row, "package", e.package);
-    put(row, "line", e.line);
-    put(row, "folder", e.name);
-    if (e.is_gone) {
-        row["gone"] = true;
+std::vector<std::pair<const char*, std::string>> fields_of(const collected& all, const entry& e) {
+    std::vector<std::pair<const char*, std::string>> fields = {
+        {"n", number_of(e.number)}, {"phone", all.phones[e.phone].name},
+        {"build", e.build},         {"time", e.time == 0 ? "" : format_moment(e.time)},
+        {"category", e.category},   {"type", e.type},
+        {"package", e.package},     {"line", e.line},
+        {"folder", e.name},         {"gone", e.is_gone ? "true" : ""},
+        {"damage", damage_of(e)},   {"issue", e.issue},
+        {"twin", number_of(e.twin)}};
+    std::erase_if(fields, [](const auto& field) { return field.second.empty(); });
+    for (auto& [name, text] : fields) {
+        text = cell(text);
     }
-    put(row, "damage", damage_of(e));
-    put(row, "issue", e.issue);
-    put(row, "twin", e.twin == 0 ? "" : std::to_string(e.twin));
-    return row;
-}
-
-ordered_json issue_json(const issue& one) {
-    ordered_json row = {{"id", one.id}, {"count", one.count}, {"phones", one.phones}};
-    put(row, "first", one.first == 0 ? "" : format_moment(one.first));
-    put(row, "last", one.last == 0 ? "" : format_moment(one.last));
-    put(row, "first_build", one.first_build);
-    put(row, "last_build", one.last_build);
-    put(row, "type", one.type);
-    put(row, "package", one.package);
-    put(row, "line", one.line);
-    if (one.is_new) {
-        row["new"] = true;
-    }
-    return row;
-}
-
-std::string json_line(const ordered_json& value) {
-    std::string result;
-    for (const char c : value.dump(-1, ' ', false, ordered_json::error_handler_t::replace)) {
-        c == '<' ? result += "\\u003c" : result += c;
-    }
-    return result;
+    return fields;
 }
 
 }  // namespace look

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "look/collected.h"
@@ -31,16 +31,7 @@ void select(collected& all, const selection& wanted);
 void print_table(const collected& all);
 void print_issues(const collected& all);
 
-// The columns by their names, without the empty ones.
-nlohmann::ordered_json row_json(const collected& all, const entry& e);
-nlohmann::ordered_json issue_json(const issue& one);
-
-// One line, without control characters, invalid UTF-8 and "<", which would end a script element.
-std::string json_line(const nlohmann::ordered_json& value);
-
-// "3" and "crashlog_2_ANR_… [eventfile is cut]".
-std::string number_of(const entry& e);
-std::string folder_of(const entry& e);
-std::string damage_of(const entry& e);
+// The columns of an entry by their names in JSON, in order and printable, without the empty ones.
+std::vector<std::pair<const char*, std::string>> fields_of(const collected& all, const entry& e);
 
 }  // namespace look
