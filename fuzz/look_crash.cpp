@@ -2,11 +2,10 @@
 
 // Crash files, as whoever looks at what was collected reads them.
 
-#include "look/crash.h"
-
 #include <cstdlib>
 
 #include "fuzz/input.h"
+#include "look/crash.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -262,8 +262,8 @@ void reader::mark_gone() {
         }
     }
     for (entry& e : entries_) {
-        if (e.phone == place_ && !e.name.empty() && e.folder.empty() &&
-            !fields_of(e.name, 4).empty()) {
+        if (e.phone == place_ && e.folder.empty() && !fields_of(e.name, 4).empty() &&
+            time_in(e.name) != 0) {
             const auto kept = lowest.find(prefix_of(e));
             e.is_gone = kept != lowest.end() && count_of(e) < kept->second;
             e.damage += e.is_gone ? "" : "its folder is not in this copy; ";

@@ -225,7 +225,8 @@ void read_native(crash& result, std::string_view text) {
     }
     const std::vector<std::string> keys = frame_keys(result.stack[0].lines);
     result.signature = joined(keys);
-    result.title = reason_of(thread) + (keys.empty() ? "" : ", in " + keys[0]);
+    const std::string reason = reason_of(thread);
+    result.title = reason + (reason.empty() || keys.empty() ? "" : ", in " + keys[0]);
 }
 
 // --- Exceptions

@@ -99,7 +99,7 @@ void write_page(collected& all, const std::string& file) {
     // The more events, the less of each, so that a browser opens any page at once.
     constexpr size_t kPageBytes = 32 << 20;
     constexpr size_t kMaxBytes = 64 << 10;
-    constexpr size_t kParts = 4;
+    constexpr size_t kParts = 6;
     const size_t share = std::min(kPageBytes / kParts / (all.entries.size() + 1), kMaxBytes);
     std::ofstream out(file, std::ios::binary);
     out << kPage << "<script type=\"application/json\" id=\"rows\">" << line_of(data_json(all))

@@ -95,7 +95,7 @@ std::string symbols::ask(const fs::path& library, const std::string& address) {
     free(line);
     if (!lines[0].empty() && lines[0] != "??") {
         known->second = " (" + lines[0] + ")";
-        known->second += lines[1].starts_with("??") ? "" : " " + lines[1];
+        known->second += lines[1].starts_with("??") ? "" : " (" + lines[1] + ")";
     }
     return known->second;
 }
