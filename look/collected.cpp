@@ -22,15 +22,11 @@ namespace {
 constexpr size_t kReportBytes = 16 << 10;
 constexpr size_t kCrashBytes = 16 << 20;
 constexpr size_t kHistoryBytes = 64 << 20;
-constexpr int kMaxEntries = 100'000;
+constexpr size_t kMaxEntries = 100'000;
 constexpr size_t kWordBytes = 512;
 
 // The directory of each category's event folders.
-struct category {
-    const char* name;
-    const char* dir;
-};
-constexpr category kCategories[] = {{"CRASH", "crashlog"}, {"CUSTOM", "zqeventlog"}};
+const std::map<std::string, std::string> kDirs = {{"CRASH", "crashlog"}, {"CUSTOM", "zqeventlog"}};
 
 // Throws when the directory is there and cannot be listed: whole categories would be missing
 // without a word.
@@ -75,8 +71,7 @@ fs::path crash_file(const fs::path& folder) {
     return folder / "crash file";
 }
 
-// --- Events
-// ------------------------------------------------------------------------------------------
+// --- Events ------------------------------------------------------------------------------------
 
 void read_crash_file(entry& event, symbols& names) {
     const std::string text = read_head(crash_file(event.folder), kCrashBytes, event.damage);
@@ -119,43 +114,15 @@ void read_folder(entry& event, const fs::path& parent, symbols& names) {
     read_crash_file(event, names);
 }
 
-// Reads one phone's directories into the entries of all.
-class reader {
-  public:
-    reader(phone& from, size_t place, symbols& names, std::vector<entry>& entries)
-        : phone_(from), place_(place), names_(names), entries_(entries) {}
-
-    void read() {
-        read_history();
-        read_event_folders();
-        mark_gone();
-        read_captures();
-    }
-
-  private:
-    entry& add(const std::string& category, moment time, const std::string& name = "") {
-        entry& made = entries_.emplace_back();
-        made.phone = place_;
-        made.number = ++last_number_;
-        made.time = time;
-        made.category = category;
-        made.name = name;
-        return made;
-    }
-
-    void read_history();
-    void read_history_line(std::string_view line);
-    void read_event_folders();
-    void mark_gone();
-    void read_captures();
-    void read_capture(const fs::path& path, moment set_start);
-
-    phone& phone_;
-    size_t place_;
-    symbols& names_;
-    std::vector<entry>& entries_;
-    int last_number_ = 0;
-};
+entry& add(std::vector<entry>& rows, const std::string& category, moment time,
+           const std::string& name = "") {
+    entry& made = rows.emplace_back();
+    made.number = static_cast<int>(rows.size());
+    made.time = time;
+    made.category = category;
+    made.name = name;
+    return made;
+}
 
 // "CRASH   2026-01-01/00:09:30 ANR /data/logs/crashlog/crashlog_5_ANR_2026-01-01-00-09-30".
 struct history_line {
@@ -182,101 +149,95 @@ history_line read_line_at(std::string_view line, size_t at) {
     return {};
 }
 
-void reader::read_history_line(std::string_view line) {
-    constexpr size_t kMaxBytes = 4096;
-    line = line.substr(0, kMaxBytes);
+// Appends one entry, and before it those of lines that were cut.
+void read_history_line(std::vector<entry>& rows, const fs::path& logs, std::string_view line,
+                       symbols& names) {
     history_line found;
     for (size_t at = line.size(); at-- > 0 && found.time == 0;) {
         found = read_line_at(line, at);
     }
     if (found.time == 0) {
-        entry& event = add("?", entries_.empty() ? 0 : entries_.back().time);
+        entry& event = add(rows, "?", rows.empty() ? 0 : rows.back().time);
         event.line = line;
         event.damage = "its line is cut; ";
         return;
     }
     if (!found.before.empty()) {
-        read_history_line(found.before);
+        read_history_line(rows, logs, found.before, names);
     }
-    entry& event = add(std::string(found.category), found.time);
+    entry& event = add(rows, std::string(found.category), found.time);
     event.type = found.rest;
     const size_t path = found.rest.find(" /");
     if (path != found.rest.npos && event.category != "REBOOT") {
         event.type = found.rest.substr(0, path);
         event.name = fs::path(found.rest).filename();
-        const bool is_crash = event.category == kCategories[0].name;
-        read_folder(event, phone_.logs / kCategories[is_crash ? 0 : 1].dir, names_);
+        read_folder(event, logs / kDirs.at(event.category), names);
     }
 }
 
-void reader::read_history() {
-    const fs::path path = phone_.logs / "history.event";
+void read_history(std::vector<entry>& rows, const fs::path& logs, symbols& names) {
+    constexpr size_t kLineBytes = 4096;
     std::string damage;  // captures and folders may have come without a history
-    const std::string text = read_head(path, kHistoryBytes, damage);
+    const std::string text = read_head(logs / "history.event", kHistoryBytes, damage);
     if (!damage.empty() && !damage.starts_with("no ")) {
-        throw std::runtime_error(path.string() + " cannot be read");
+        throw std::runtime_error((logs / "history.event").string() + " cannot be read");
     }
     for (std::string_view rest = text; !rest.empty();) {
-        const std::string_view line = take_line(rest);
-        if (last_number_ >= kMaxEntries) {
-            add("?", entries_.back().time).damage =
+        const std::string_view line = take_line(rest).substr(0, kLineBytes);
+        if (rows.size() >= kMaxEntries) {
+            add(rows, "?", rows.back().time).damage =
                 "the history is too long, its rest is left out; ";
             return;
         }
         if (!line.empty()) {
-            read_history_line(line);
+            read_history_line(rows, logs, line, names);
         }
     }
 }
 
 // Adds the events that have lost their line in the history.
-void reader::read_event_folders() {
+void read_event_folders(std::vector<entry>& rows, const fs::path& logs, symbols& names) {
     std::set<std::string> known;
-    for (const entry& event : entries_) {
-        known.insert(event.phone == place_ ? event.name : "");
+    for (const entry& event : rows) {
+        known.insert(event.name);
     }
-    for (const auto& [category, dir] : kCategories) {
-        for (const fs::path& path : list(phone_.logs / dir)) {
+    for (const auto& [category, dir] : kDirs) {
+        for (const fs::path& path : list(logs / dir)) {
             const std::string name = path.filename();
             if (!known.contains(name)) {
-                entry& event = add(category, time_in(name), name);
+                entry& event = add(rows, category, time_in(name), name);
                 event.damage = "not in the history; ";
-                read_folder(event, phone_.logs / dir, names_);
+                read_folder(event, logs / dir, names);
             }
         }
     }
 }
 
+long count_in(const std::string& name) {
+    return atol(name.c_str() + name.find('_') + 1);
+}
+
 // Retention removes the lowest counts of each prefix. A folder that is missing above them was not
 // pulled.
-void reader::mark_gone() {
+void mark_gone(std::vector<entry>& rows) {
     std::map<std::string, long> lowest;
     const auto prefix_of = [](const entry& e) { return e.name.substr(0, e.name.find('_')); };
-    const auto count_of = [](const entry& e) {
-        return atol(e.name.c_str() + e.name.find('_') + 1);
-    };
-    for (const entry& e : entries_) {
-        if (e.phone == place_ && !e.folder.empty()) {
-            long& count = lowest.try_emplace(prefix_of(e), count_of(e)).first->second;
-            count = std::min(count, count_of(e));
+    for (const entry& e : rows) {
+        if (!e.folder.empty()) {
+            long& count = lowest.try_emplace(prefix_of(e), count_in(e.name)).first->second;
+            count = std::min(count, count_in(e.name));
         }
     }
-    for (entry& e : entries_) {
-        if (e.phone == place_ && e.folder.empty() && !fields_of(e.name, 4).empty() &&
-            time_in(e.name) != 0) {
+    for (entry& e : rows) {
+        if (e.folder.empty() && !fields_of(e.name, 4).empty() && time_in(e.name) != 0) {
             const auto kept = lowest.find(prefix_of(e));
-            e.is_gone = kept != lowest.end() && count_of(e) < kept->second;
+            e.is_gone = kept != lowest.end() && count_in(e.name) < kept->second;
             e.damage += e.is_gone ? "" : "its folder is not in this copy; ";
         }
     }
 }
 
-// --- Captures
-// ----------------------------------------------------------------------------------------
-
-long count_in(const std::string& name) {
-    return atol(name.c_str() + name.find('_') + 1);
-}
+// --- Captures ----------------------------------------------------------------------------------
 
 // Opens the logs of all channels and notes what there is to be seen of them.
 void open_channels(phone& from, capture& about, entry& row, moment set_start) {
@@ -307,49 +268,50 @@ moment first_set_time(std::vector<log_file>& files, size_t from) {
     return first;
 }
 
-void reader::read_capture(const fs::path& path, moment set_start) {
+void read_capture(std::vector<entry>& rows, phone& from, const fs::path& path, moment set_start) {
     const std::string name = path.filename();
     const bool is_packed = name.ends_with(".tar.gz");
     int error = 0;
-    entry& row = add("CAPTURE", time_in(is_packed ? name.substr(0, name.size() - 7) : name), name);
+    entry& row =
+        add(rows, "CAPTURE", time_in(name.substr(0, name.size() - (is_packed ? 7 : 0))), name);
     row.number = 0;
     row.folder = path;
     if (fields_of(name, 3).empty() || row.time == 0) {
         row.damage = "its name is cut; ";
         return;
     }
-    capture about{name, row.time, 0, "", ""};
+    capture about{name, 0, 0, "", ""};
     entries_of(path, error);
     if (is_packed || error != 0) {
+        about.unreadable = "*";
         row.damage = is_packed        ? "it is packed; "
                      : error == ELOOP ? "it is a link; "
                                       : "it cannot be read; ";
-        about.unreadable = "*";
     } else {
-        const size_t before = phone_.files.size();
-        open_channels(phone_, about, row, set_start);
+        const size_t before = from.files.size();
+        open_channels(from, about, row, set_start);
         row.line = "until " + format_moment(row.end);
-        const moment set = row.time < kClockIsSet ? first_set_time(phone_.files, before) : 0;
+        const moment set = row.time < kClockIsSet ? first_set_time(from.files, before) : 0;
         row.damage += set == 0 ? "" : "its clock began in 1970; ";
         row.time = set == 0 ? row.time : set;
     }
     about.begin = row.time;
     about.end = row.end;
-    phone_.captures.push_back(about);
+    from.captures.push_back(about);
 }
 
-void reader::read_captures() {
+void read_captures(std::vector<entry>& rows, phone& from) {
     moment set_start = 0;  // of the capture before, else the first time in the history
-    for (const entry& e : entries_) {
-        const bool is_set = e.phone == place_ && e.time >= kClockIsSet;
-        set_start = is_set && (set_start == 0 || e.time < set_start) ? e.time : set_start;
+    for (const entry& e : rows) {
+        const bool is_first = set_start == 0 || e.time < set_start;
+        set_start = e.time >= kClockIsSet && is_first ? e.time : set_start;
     }
-    std::vector<fs::path> paths = list(phone_.logs / "general_log");
+    std::vector<fs::path> paths = list(from.logs / "general_log");
     std::ranges::stable_sort(paths, {},
                              [](const fs::path& path) { return count_in(path.filename()); });
     for (const fs::path& path : paths) {
-        read_capture(path, set_start);
-        const moment time = entries_.back().time;
+        read_capture(rows, from, path, set_start);
+        const moment time = rows.back().time;
         set_start = time >= kClockIsSet ? time : set_start;
     }
 }
@@ -394,8 +356,7 @@ std::string reasons(const phone& from, moment time, const std::string& lines) {
     return text;
 }
 
-// --- Description
-// -------------------------------------------------------------------------------------
+// --- Description -------------------------------------------------------------------------------
 
 std::string sizes_in(const fs::path& dir) {
     int error = 0;
@@ -444,13 +405,13 @@ std::string summary(const entry& event, const collected& all) {
 bool holds_logs(const fs::path& dir) {
     int error = 0;
     for (const fs::path& path : entries_of(dir, error)) {
-        const std::string name = path.filename();
-        if (name == "history.event" || name == "general_log" || name == kCategories[0].dir ||
-            name == kCategories[1].dir) {
-            return true;
+        for (const char* name : {"history.event", "general_log", "crashlog", "zqeventlog"}) {
+            if (path.filename() == name) {
+                return true;
+            }
         }
     }
-    if (error != 0 && error != ENOENT && error != ELOOP && error != ENOTDIR) {
+    if (error == EACCES) {
         throw std::runtime_error(dir.string() + ": " + strerror(error));
     }
     return false;
@@ -465,51 +426,41 @@ fs::path find_logs(const fs::path& dir) {
     throw std::runtime_error(dir.string() + " holds no history, events or captures");
 }
 
-// The last components of each path, as many as tell it from all others.
-std::vector<std::string> names_of(const std::vector<fs::path>& dirs) {
-    const auto last = [](const fs::path& path, size_t count) {
-        fs::path name;
-        for (auto at = path.end(); at != path.begin() && count > 0; --count) {
-            name = name.empty() ? *--at : *--at / name;
-        }
-        return name.string();
+// The directory's name or, where several have it, the path as it was given.
+std::vector<phone> phones_in(const std::vector<fs::path>& dirs) {
+    std::set<fs::path> known;  // one directory may be given twice
+    std::map<std::string, int> names;
+    std::vector<phone> phones;
+    const auto real = [](const fs::path& dir) {
+        return fs::weakly_canonical(fs::absolute(dir / "."));
     };
-    std::vector<std::string> names(dirs.size());
-    for (size_t i = 0; i < dirs.size(); ++i) {
-        size_t count = 1;
-        const auto is_same = [&](const fs::path& other) {
-            return other != dirs[i] && last(other, count) == last(dirs[i], count);
-        };
-        while (std::ranges::any_of(dirs, is_same)) {
-            ++count;
-        }
-        names[i] = last(dirs[i], count);
-    }
-    return names;
-}
-
-std::vector<fs::path> without_repeats(const std::vector<fs::path>& dirs) {
-    std::vector<fs::path> result;
     for (const fs::path& dir : dirs) {
-        const fs::path canonical = fs::weakly_canonical(dir);
-        const fs::path path = canonical.has_filename() ? canonical : canonical.parent_path();
-        if (std::ranges::find(result, path) == result.end()) {
-            result.push_back(path);
+        if (known.insert(real(dir)).second) {
+            ++names[real(dir).filename()];
+            phones.push_back({dir, find_logs(real(dir))});
         }
     }
-    return result;
+    for (phone& one : phones) {
+        const std::string name = real(one.name).filename();
+        one.name = names[name] == 1 ? name : one.name;
+    }
+    return phones;
 }
 
 }  // namespace
 
 collected::collected(const std::vector<fs::path>& dirs, symbols& names) : names_(names) {
-    const std::vector<fs::path> places = without_repeats(dirs);
-    const std::vector<std::string> phone_names = names_of(places);
-    for (size_t i = 0; i < places.size(); ++i) {
-        phones.push_back({phone_names[i], find_logs(places[i])});
-    }
+    phones = phones_in(dirs);
     for (size_t i = 0; i < phones.size(); ++i) {
-        reader(phones[i], i, names_, entries).read();
+        std::vector<entry> rows;
+        read_history(rows, phones[i].logs, names_);
+        read_event_folders(rows, phones[i].logs, names_);
+        mark_gone(rows);
+        read_captures(rows, phones[i]);
+        for (entry& row : rows) {
+            row.phone = i;
+            entries.push_back(std::move(row));
+        }
     }
     std::ranges::stable_sort(entries, {}, &entry::time);
     issues = group(entries);

@@ -10,8 +10,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <optional>
-#include <set>
 
 #include "look/files.h"
 
@@ -118,26 +116,7 @@ std::string without_numbers(std::string_view text) {
     return result;
 }
 
-// --- Native stacks
-// ---------------------------------------------------------------------------------
-
-// The content of the parentheses that end the text, and the text before them.
-std::optional<std::string_view> take_last_parentheses(std::string_view& text) {
-    text = trimmed(text);
-    if (!text.ends_with(')')) {
-        return {};
-    }
-    int depth = 0;
-    for (size_t at = text.size(); at-- > 1;) {
-        depth += text[at] == ')' ? 1 : text[at] == '(' ? -1 : 0;
-        if (depth == 0 && text[at - 1] == ' ') {
-            const std::string_view inner = text.substr(at + 1, text.size() - at - 2);
-            text = trimmed(text.substr(0, at));
-            return inner;
-        }
-    }
-    return {};
-}
+// --- Native stacks -----------------------------------------------------------------------------
 
 // The function's name without the offset in it and what the linker appends to it.
 std::string_view function_of(const native_frame& frame) {
@@ -190,18 +169,14 @@ std::string joined(const std::vector<std::string>& words, size_t limit = kSignat
 }
 
 // "signal 11 (SIGSEGV), code 1 (SEGV_MAPERR)": the address behind it differs each time.
-std::string signal_line(std::string_view text) {
-    const std::string_view rest = between(text, "\nsignal ", "\n");
-    return rest.empty() ? "" : "signal " + line_of(rest.substr(0, rest.find(", fault addr")));
-}
-
+// The address of a fault differs each time.
 std::string reason_of(std::string_view text) {
-    for (const char* key : {"Abort message: ", "Cause: "}) {
-        if (const auto found = between(text, std::string("\n") + key, "\n"); !found.empty()) {
-            return key + line_of(found);
+    for (const std::string key : {"Abort message: ", "Cause: ", "signal "}) {
+        if (const auto found = between(text, "\n" + key, "\n"); !found.empty()) {
+            return key + line_of(found.substr(0, found.find(", fault addr")));
         }
     }
-    return signal_line(text);
+    return {};
 }
 
 void read_native(crash& result, std::string_view text) {
@@ -229,8 +204,7 @@ void read_native(crash& result, std::string_view text) {
     result.title = reason + (reason.empty() || keys.empty() ? "" : ", in " + keys[0]);
 }
 
-// --- Exceptions
-// --------------------------------------------------------------------------------------
+// --- Exceptions --------------------------------------------------------------------------------
 
 bool is_java_frame(std::string_view line) {
     return (line.starts_with('\t') || line.starts_with(' ')) && trimmed(line).starts_with("at ");
@@ -329,13 +303,7 @@ void read_java(crash& result, std::string_view body) {
     result.signature += methods.empty() ? "" : " in " + joined(methods);
 }
 
-// --- Thread dumps
-// ------------------------------------------------------------------------------------
-
-struct thread {
-    std::string_view title;  // "\"main\" prio=5 tid=1 Blocked"
-    std::string_view text;   // the lines below it
-};
+// --- Thread dumps ------------------------------------------------------------------------------
 
 // The dump of the process: a file holds those of others, too.
 std::string_view dump_of(std::string_view text, int pid) {
@@ -345,43 +313,24 @@ std::string_view dump_of(std::string_view text, int pid) {
     return text.substr(0, text.find("\n----- end "));
 }
 
-std::vector<thread> threads_in(std::string_view dump) {
-    std::vector<thread> threads;
-    bool is_open = false;
+// Without the lines of scheduler and memory, which begin with "|".
+std::vector<stack_part> threads_in(std::string_view dump) {
+    std::vector<stack_part> threads;
+    bool is_inside = false;
     while (!dump.empty()) {
         const std::string_view line = take_line(dump);
         if (line.starts_with('"')) {
-            threads.push_back({line, dump.substr(0, 0)});
+            threads.push_back({line_of(line), {}, 0});
+        } else if (is_inside && line.starts_with(' ') && !trimmed(line).starts_with('|')) {
+            add_line(threads.back(), line);
         }
-        is_open = line.starts_with('"') || (is_open && line.starts_with(' '));
-        if (is_open && !line.starts_with('"')) {
-            const char* begin = threads.back().text.data();
-            threads.back().text = {begin, size_t(line.data() + line.size() - begin)};
-        }
+        is_inside = line.starts_with('"') || (is_inside && line.starts_with(' '));
     }
     return threads;
 }
 
-const thread* find_thread(const std::vector<thread>& threads, const std::string& mark) {
-    const auto found = std::ranges::find_if(
-        threads, [&](const thread& one) { return one.title.find(mark) != one.title.npos; });
-    return found == threads.end() ? nullptr : &*found;
-}
-
-// Without the lines of scheduler and memory, which begin with "|".
-stack_part part_of(const thread& from) {
-    stack_part part{line_of(from.title), {}, 0};
-    for (std::string_view rest = from.text; !rest.empty();) {
-        const std::string_view line = take_line(rest);
-        if (!trimmed(line).starts_with('|')) {
-            add_line(part, line);
-        }
-    }
-    return part;
-}
-
-std::string_view waiting_line(const stack_part& part) {
-    for (const std::string& line : part.lines) {
+std::string_view waiting_line(const stack_part& thread) {
+    for (const std::string& line : thread.lines) {
         if (trimmed(line).starts_with("- waiting to lock ")) {
             return line;
         }
@@ -389,18 +338,23 @@ std::string_view waiting_line(const stack_part& part) {
     return {};
 }
 
-// The blocked thread, and each one that holds the lock that the one before waits for.
-void add_holders(crash& result, const std::vector<thread>& threads, const thread* blocked) {
-    constexpr size_t kMaxHolders = 4;
-    std::set<const thread*> seen;
-    while (blocked != nullptr && result.stack.size() <= kMaxHolders &&
-           seen.insert(blocked).second) {
-        result.stack.push_back(part_of(*blocked));
-        const std::string_view wait = waiting_line(result.stack.back());
-        const int holder = number(between(wait, "held by thread ", "\n"));
-        blocked =
-            holder == 0 ? nullptr : find_thread(threads, " tid=" + std::to_string(holder) + " ");
+// The thread whose line holds `mark`, and each one that holds the lock that the one before waits
+// for.
+std::vector<stack_part> blocked_threads(const std::vector<stack_part>& threads, std::string mark) {
+    constexpr size_t kMaxThreads = 5;
+    std::vector<stack_part> blocked;
+    while (!mark.empty() && blocked.size() < kMaxThreads) {
+        const auto found = std::ranges::find_if(
+            threads, [&](const stack_part& one) { return one.title.find(mark) != one.title.npos; });
+        const auto is_found = [&](const stack_part& one) { return one.title == found->title; };
+        if (found == threads.end() || std::ranges::any_of(blocked, is_found)) {
+            break;
+        }
+        blocked.push_back(*found);
+        const std::string_view holder = between(waiting_line(*found), "held by thread ", " ");
+        mark = holder.empty() ? "" : " tid=" + std::string(holder) + " ";
     }
+    return blocked;
 }
 
 // A frame of its own, else the first of any kind.
@@ -428,12 +382,11 @@ std::string blocked_class(std::string_view subject) {
 }
 
 void read_dump(crash& result, std::string_view text, std::string_view subject) {
-    const std::vector<thread> threads = threads_in(dump_of(text, result.pid));
     const bool is_watchdog = result.process == "system_server" && !subject.empty();
     const std::string_view named = is_watchdog ? between(subject, "(", ")") : "";
     const std::string name = named.empty() ? "main" : line_of(named);
     result.family = is_watchdog ? "watchdog" : "anr";
-    add_holders(result, threads, find_thread(threads, '"' + name + '"'));
+    result.stack = blocked_threads(threads_in(dump_of(text, result.pid)), '"' + name + '"');
     if (is_watchdog) {
         result.signature = blocked_class(subject);
     } else if (!result.stack.empty()) {
@@ -444,8 +397,7 @@ void read_dump(crash& result, std::string_view text, std::string_view subject) {
     }
 }
 
-// --- The file
-// ----------------------------------------------------------------------------------------
+// --- The file ----------------------------------------------------------------------------------
 
 // The lines "Key: value" before the first empty one; nothing when the file begins otherwise.
 std::string_view header_of(std::string_view text) {
@@ -494,8 +446,7 @@ void read_stack(crash& result, std::string_view text, std::string_view header) {
     result.title = result.title.empty() ? first_line(body.empty() ? text : body) : result.title;
 }
 
-// --- The stack as text
-// -------------------------------------------------------------------------------
+// --- The stack as text -------------------------------------------------------------------------
 
 std::string part_text(const stack_part& part, size_t max_lines) {
     std::string text = part.title + "\n";
@@ -519,25 +470,21 @@ std::string all_parts(const crash& from, size_t cause_lines, size_t other_lines)
 
 native_frame read_frame(std::string_view line) {
     line = trimmed(line);
-    if (line.starts_with("native: ")) {
-        line = line.substr(8);
-    }
-    const std::string_view place = between(line, " pc ", "\n");
+    line.remove_prefix(line.starts_with("native: ") ? 8 : 0);
+    const std::string_view place = between(line, " pc ", " (BuildId: ");
     if (!line.starts_with('#') || place.empty()) {
         return {};
     }
-    native_frame frame;
-    frame.address = place.substr(0, place.find_first_not_of("0123456789abcdef"));
-    std::string_view rest = trimmed(place.substr(frame.address.size()));
-    while (const auto inner = take_last_parentheses(rest)) {
-        if (inner->starts_with("BuildId: ")) {
-            frame.build_id = inner->substr(9);
-        } else if (!inner->starts_with("offset 0x") && *inner != "deleted") {
-            frame.symbol = *inner;
-        }
+    const std::string_view address = place.substr(0, place.find_first_not_of("0123456789abcdef"));
+    const std::string_view file = trimmed(place.substr(address.size()));
+    const std::string_view module = file.substr(0, file.find(" ("));
+    std::string_view rest = trimmed(file.substr(module.size()));
+    while (rest.starts_with("(deleted)") || rest.starts_with("(offset 0x")) {
+        rest = trimmed(rest.substr(rest.find(')') == rest.npos ? rest.size() : rest.find(')') + 1));
     }
-    frame.module = rest;
-    return frame;
+    const bool is_named = rest.starts_with('(') && rest.ends_with(')');
+    return {address, module, is_named ? rest.substr(1, rest.size() - 2) : rest.substr(0, 0),
+            between(line, "(BuildId: ", ")")};
 }
 
 crash read_crash(std::string_view text) {

@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 
 #include "look/crash.h"
@@ -76,42 +78,34 @@ void symbols::open(const fs::path& dir) {
     from_ = fdopen(out[0], "r");
 }
 
-// The answer is the function, its place and an empty line.
-std::string symbols::ask(const fs::path& library, const std::string& address) {
-    const std::string question = "\"" + library.string() + "\" 0x" + address + "\n";
+// The answer is the function, its place and an empty line; what is not known begins with "??".
+const symbols::answer& symbols::ask(const fs::path& library, std::string_view address) {
+    const std::string question = "\"" + library.string() + "\" 0x" + std::string(address) + "\n";
     const auto [known, is_new] = known_.try_emplace(question);
-    if (!is_new || question.find('"', 1) != question.rfind('"') ||
-        fputs(question.c_str(), to_) < 0 || fflush(to_) != 0) {
-        return known->second;
-    }
-    std::string lines[2];
-    char* line = nullptr;
-    size_t size = 0;
-    for (size_t i = 0; getline(&line, &size, from_) > 1; ++i) {
-        if (i < 2) {
-            lines[i] = std::string(line, std::string_view(line).find('\n'));
+    const bool is_one =
+        std::ranges::count(question, '"') == 2 && std::ranges::count(question, '\n') == 1;
+    if (is_new && is_one && fputs(question.c_str(), to_) >= 0 && fflush(to_) == 0) {
+        char line[4096];
+        for (size_t i = 0; fgets(line, sizeof(line), from_) != nullptr && *line != '\n'; ++i) {
+            const std::string_view text = std::string_view(line).substr(0, strcspn(line, "\n"));
+            known->second.at(std::min<size_t>(i, 1)) = text.starts_with("??") ? "" : text;
         }
-    }
-    free(line);
-    if (!lines[0].empty() && lines[0] != "??") {
-        known->second = " (" + lines[0] + ")";
-        known->second += lines[1].starts_with("??") ? "" : " (" + lines[1] + ")";
     }
     return known->second;
 }
 
 std::string symbols::name_frames(const std::string& text) {
-    if (libraries_.empty()) {
-        return text;
-    }
     std::string result;
     for (std::string_view rest = text; !rest.empty();) {
         const std::string_view line = take_line(rest);
         const native_frame frame = read_frame(line);
         const auto library = libraries_.find(std::string(frame.build_id));
-        result += line;
+        result.append(line);
         if (frame.symbol.empty() && !frame.build_id.empty() && library != libraries_.end()) {
-            result += ask(library->second, std::string(frame.address));
+            const auto& [name, place] = ask(library->second, frame.address);
+            const size_t at = result.rfind(" (BuildId: ");
+            result += place.empty() ? "" : " " + place;
+            result.insert(at, name.empty() ? "" : " (" + name + ")");
         }
         result += '\n';
     }

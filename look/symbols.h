@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <array>
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace look {
 
@@ -23,10 +26,12 @@ class symbols {
     std::string name_frames(const std::string& text);
 
   private:
-    std::string ask(const std::filesystem::path& library, const std::string& address);
+    using answer = std::array<std::string, 2>;  // function and place
+
+    const answer& ask(const std::filesystem::path& library, std::string_view address);
 
     std::map<std::string, std::filesystem::path> libraries_;  // by BuildId
-    std::map<std::string, std::string> known_;                // by library and address
+    std::map<std::string, answer> known_;                     // by question
     FILE* to_ = nullptr;
     FILE* from_ = nullptr;
     pid_t child_ = 0;

@@ -19,8 +19,7 @@ namespace {
 
 constexpr size_t kCellBytes = 512;
 
-// --- Selection
-// ---------------------------------------------------------------------------------------
+// --- Selection ---------------------------------------------------------------------------------
 
 // 0 when the text has another form.
 moment read_span(const std::string& text) {
@@ -56,8 +55,7 @@ bool holds(const std::string& text, const std::vector<std::string>& words) {
     });
 }
 
-// --- The table
-// ---------------------------------------------------------------------------------------
+// --- The table ---------------------------------------------------------------------------------
 
 struct column {
     const char* title;
