@@ -21,11 +21,9 @@ void mark_twins(const std::vector<entry*>& same) {
     const auto tombstone = std::ranges::find_if(same, is_tombstone);
     const entry* counted = tombstone == same.end() ? same.front() : *tombstone;
     for (entry* e : same) {
-        if (e != counted) {
-            e->twin = counted->number;
-            e->issue = counted->issue;
-            e->issue_text = counted->issue_text;
-        }
+        e->twin = e == counted ? 0 : counted->number;
+        e->issue = counted->issue;
+        e->issue_text = counted->issue_text;
     }
 }
 

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
+#include <map>
 #include <stdexcept>
 
 #include "look/files.h"
@@ -39,123 +41,74 @@ only for events:
   --json            an object a line; with N, with its parts
 )";
 
-struct wish {
-    std::string command;
-    look::selection rows;
-    std::string number, at, symbols, out;
-    std::vector<look::fs::path> dirs;
-    std::string default_dir;
-    bool issues = false, json = false;
-};
-
-std::vector<std::string> words_in(std::string_view text) {
-    std::vector<std::string> words;
-    while (!text.empty()) {
-        const std::string_view word = text.substr(0, text.find(' '));
-        text.remove_prefix(std::min(word.size() + 1, text.size()));
-        words.emplace_back(word);
-    }
-    return words;
-}
-
-void add_words(std::vector<std::string>& words) {
-    const std::vector<std::string> more = words_in(optarg);
-    words.insert(words.end(), more.begin(), more.end());
-}
-
 [[noreturn]] void fail(const std::string& why) {
     throw std::runtime_error(why);
 }
 
-size_t read_count(const std::string& text) {
-    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos) {
-        fail("'" + text + "' is no number");
-    }
-    return std::stoul(text);
-}
+struct wish {
+    std::string command, number;
+    std::vector<look::fs::path> dirs;
+    std::map<std::string, std::string> options;  // by name; "" for one without argument
 
-void read_option(wish& wanted, char option) {
-    switch (option) {
-        case 'l':
-            wanted.rows.last = read_count(optarg);
-            break;
-        case 's':
-            wanted.rows.since = optarg;
-            break;
-        case 'u':
-            wanted.rows.until = optarg;
-            break;
-        case 't':
-            add_words(wanted.rows.types);
-            break;
-        case 'p':
-            add_words(wanted.rows.packages);
-            break;
-        case 'i':
-            add_words(wanted.rows.issues);
-            break;
-        case 'n':
-            wanted.rows.newest_first = true;
-            break;
-        case 'y':
-            wanted.symbols = optarg;
-            break;
-        case 'o':
-            wanted.out = optarg;
-            break;
-        case 'd':
-            wanted.default_dir = optarg;
-            break;
-        case 'I':
-            wanted.issues = true;
-            break;
-        case 'a':
-            wanted.at = optarg;
-            break;
-        case 'j':
-            wanted.json = true;
-            break;
-        default:
-            fail("");
-    }
-}
+    bool has(const std::string& name) const { return options.contains(name); }
+    std::string get(const std::string& name) const { return has(name) ? options.at(name) : ""; }
+};
 
 // "report DIR FILE" and "events N DIR" in either order are older forms.
 void read_word(wish& wanted, const std::string& word, bool is_last) {
     const bool is_number = word.find_first_not_of("0123456789") == word.npos;
-    if (wanted.command == "events" && is_number && wanted.number.empty()) {
+    if (wanted.command.empty()) {
+        wanted.command = word;
+    } else if (wanted.command == "events" && is_number && wanted.number.empty()) {
         wanted.number = word;
     } else if (wanted.command == "report" && is_last && !wanted.dirs.empty() &&
                !look::fs::is_directory(word)) {
-        wanted.out = word;
+        wanted.options["out"] = word;
     } else {
         wanted.dirs.emplace_back(word);
     }
 }
 
 wish read_arguments(int argc, char* argv[]) {
-    static const option kOptions[] = {
-        {"last", required_argument, nullptr, 'l'},    {"since", required_argument, nullptr, 's'},
-        {"until", required_argument, nullptr, 'u'},   {"type", required_argument, nullptr, 't'},
-        {"package", required_argument, nullptr, 'p'}, {"issue", required_argument, nullptr, 'i'},
-        {"newest", no_argument, nullptr, 'n'},        {"symbols", required_argument, nullptr, 'y'},
-        {"out", required_argument, nullptr, 'o'},     {"default", required_argument, nullptr, 'd'},
-        {"issues", no_argument, nullptr, 'I'},        {"at", required_argument, nullptr, 'a'},
-        {"json", no_argument, nullptr, 'j'},          {}};
+    static constexpr const char* kWithText[] = {"last",  "since",   "until", "type", "package",
+                                                "issue", "symbols", "out",   "at",   "default"};
+    static constexpr const char* kWithout[] = {"newest", "issues", "json"};
+    std::vector<option> known;
+    std::ranges::transform(kWithText, std::back_inserter(known), [](auto name) {
+        return option{name, required_argument, nullptr, 0};
+    });
+    std::ranges::transform(kWithout, std::back_inserter(known), [](auto name) {
+        return option{name, no_argument, nullptr, 0};
+    });
+    known.push_back({});
     wish wanted;
-    for (int found = 0; (found = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-        read_option(wanted, static_cast<char>(found));
-    }
-    if (optind < argc) {
-        wanted.command = argv[optind++];
+    int index = 0;
+    for (int found = 0; (found = getopt_long(argc, argv, "", known.data(), &index)) != -1;) {
+        if (found != 0) {
+            fail("");
+        }
+        wanted.options[known[index].name] = optarg == nullptr ? "" : optarg;
     }
     for (; optind < argc; ++optind) {
         read_word(wanted, argv[optind], optind + 1 == argc);
     }
-    if (wanted.dirs.empty() && !wanted.default_dir.empty()) {
-        wanted.dirs.emplace_back(wanted.default_dir);
+    if (wanted.dirs.empty() && wanted.has("default")) {
+        wanted.dirs.emplace_back(wanted.get("default"));
     }
     return wanted;
+}
+
+look::selection selection_of(const wish& wanted) {
+    const std::string last = wanted.get("last");
+    if (last.size() > 9 || last.find_first_not_of("0123456789") != last.npos) {
+        fail("'" + last + "' is no number of rows");
+    }
+    return {.last = last.empty() ? 0 : std::stoul(last),
+            .since = wanted.get("since"),
+            .until = wanted.get("until"),
+            .type = wanted.get("type"),
+            .package = wanted.get("package"),
+            .issue = wanted.get("issue")};
 }
 
 // In a terminal the lines of the event log that say what the platform did to a process stand out.
@@ -199,7 +152,7 @@ void print_events(collected& all, const wish& wanted) {
     bool is_found = false;
     for (const entry& e : all.entries) {
         if (e.number != 0 && std::to_string(e.number) == wanted.number) {
-            print_event(all, e, wanted.json);
+            print_event(all, e, wanted.has("json"));
             is_found = true;
         }
     }
@@ -231,25 +184,31 @@ void print_json(const collected& all, bool issues) {
 }
 
 void run(const wish& wanted) {
-    if ((wanted.command != "events" && wanted.command != "report") || wanted.dirs.empty()) {
+    const bool is_report = wanted.command == "report";
+    if ((wanted.command != "events" && !is_report) || wanted.dirs.empty()) {
         fail("");
     }
     look::symbols names;
-    if (!wanted.symbols.empty()) {
-        names.open(wanted.symbols);
+    if (wanted.has("symbols")) {
+        names.open(wanted.get("symbols"));
     }
     collected all(wanted.dirs, names);
-    look::select(all, wanted.rows);
-    if (wanted.command == "report") {
-        look::write_page(all, wanted.out);
-        std::cout << wanted.out << '\n';
-    } else if (!wanted.number.empty()) {
+    look::select(all, selection_of(wanted));
+    if (is_report) {
+        look::write_page(all, wanted.get("out"));
+        std::cout << wanted.get("out") << '\n';
+        return;
+    }
+    if (wanted.has("newest")) {
+        std::ranges::reverse(all.entries);
+    }
+    if (!wanted.number.empty()) {
         print_events(all, wanted);
-    } else if (!wanted.at.empty()) {
-        print_log(all, wanted.at);
-    } else if (wanted.json) {
-        print_json(all, wanted.issues);
-    } else if (wanted.issues) {
+    } else if (wanted.has("at")) {
+        print_log(all, wanted.get("at"));
+    } else if (wanted.has("json")) {
+        print_json(all, wanted.has("issues"));
+    } else if (wanted.has("issues")) {
         look::print_issues(all);
     } else {
         look::print_table(all);

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <iostream>
 #include <numeric>
+#include <set>
 #include <stdexcept>
 
 #include "look/files.h"
@@ -48,11 +49,16 @@ char lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-bool holds(const std::string& text, const std::vector<std::string>& words) {
+bool holds(const std::string& text, std::string_view words) {
     const auto is_equal = [](char a, char b) { return lower(a) == lower(b); };
-    return std::ranges::all_of(words, [&](const std::string& word) {
-        return !std::ranges::search(text, word, is_equal).empty() || word.empty();
-    });
+    while (!words.empty()) {
+        const std::string_view word = words.substr(0, words.find(' '));
+        words.remove_prefix(std::min(word.size() + 1, words.size()));
+        if (!word.empty() && std::ranges::search(text, word, is_equal).empty()) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // --- The table ---------------------------------------------------------------------------------
@@ -185,17 +191,19 @@ void select(collected& all, const selection& wanted) {
     const moment since = wanted.since.empty() ? 0 : read_time(wanted.since, last);
     const moment until = wanted.until.empty() ? INT64_MAX : read_time(wanted.until, last, true);
     std::erase_if(all.entries, [&](const entry& e) {
-        return std::max(e.time, e.end) < since || e.time > until || !holds(e.type, wanted.types) ||
-               !holds(e.package, wanted.packages) || !holds(e.issue, wanted.issues);
+        return std::max(e.time, e.end) < since || e.time > until || !holds(e.type, wanted.type) ||
+               !holds(e.package, wanted.package) || !holds(e.issue, wanted.issue);
     });
     if (wanted.last > 0 && wanted.last < all.entries.size()) {
         all.entries.erase(all.entries.begin(), all.entries.end() - wanted.last);
     }
-    std::erase_if(all.issues, [&](const issue& one) {
-        return std::ranges::find(all.entries, one.id, &entry::issue) == all.entries.end();
-    });
-    if (wanted.newest_first) {
-        std::ranges::reverse(all.entries);
+    std::set<std::string> new_ones;  // in all rows
+    for (const issue& one : all.issues) {
+        new_ones.insert(one.is_new ? one.id : "");
+    }
+    all.issues = group(all.entries);
+    for (issue& one : all.issues) {
+        one.is_new = new_ones.contains(one.id);
     }
 }
 

@@ -14,9 +14,8 @@ namespace look {
 // What the options ask for. Words of a selection are all to be found, in any case of letters.
 struct selection {
     size_t last = 0;  // the last rows; 0: all
-    std::string since, until;
-    std::vector<std::string> types, packages, issues;
-    bool newest_first = false;
+    std::string since = {}, until = {};
+    std::string type = {}, package = {}, issue = {};
 };
 
 // "2026-11-12", "2026-11-12 14:32", "2026-11-12 14:32:05" or, counted back from `last`, "2 hours"
@@ -24,7 +23,7 @@ struct selection {
 // std::runtime_error for another form.
 moment read_time(const std::string& text, moment last, bool end = false);
 
-// Leaves the entries that are asked for.
+// Leaves the entries that are asked for, and their issues, counted anew.
 void select(collected& all, const selection& wanted);
 
 // Fits the columns to the terminal; writes them in full to anything else.
