@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iomanip>
 #include <map>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 
 #include "look/crash.h"
@@ -360,18 +362,14 @@ std::string reasons(const phone& from, moment time, const std::string& lines) {
 
 std::string sizes_in(const fs::path& dir) {
     int error = 0;
-    std::string list;
+    std::ostringstream list;
     for (const fs::path& path : entries_of(dir, error)) {
         std::error_code code;
-        const fs::file_status status = fs::symlink_status(path, code);
-        const std::string size = fs::is_symlink(status) ? "link"
-                                 : fs::is_regular_file(status)
-                                     ? std::to_string(fs::file_size(path, code))
-                                     : "-";
-        list += std::string(12 - std::min<size_t>(12, size.size()), ' ') + size + "  " +
-                path.filename().string() + "\n";
+        const bool is_file = fs::symlink_status(path, code).type() == fs::file_type::regular;
+        list << std::setw(12) << (is_file ? std::to_string(fs::file_size(path, code)) : "-") << "  "
+             << path.filename().string() << '\n';
     }
-    return list;
+    return list.str();
 }
 
 std::string times(size_t count, const char* what) {
@@ -392,12 +390,12 @@ std::string summary(const entry& event, const collected& all) {
                          " to " + format_moment(same->last));
         add("Equal", event.issue_text);
     }
+    const auto counted = [](const entry& e) { return e.twin == 0 ? e.number : e.twin; };
     for (const entry& other : all.entries) {
-        const bool is_twin = other.phone == event.phone && other.number != event.number &&
-                             event.pid != 0 && other.pid == event.pid &&
-                             (other.twin == event.number || event.twin == other.number ||
-                              (event.twin != 0 && event.twin == other.twin));
-        add("Same crash", is_twin ? std::to_string(other.number) + ", " + other.name : "");
+        const bool is_same = event.pid != 0 && other.pid == event.pid &&
+                             other.phone == event.phone && counted(other) == counted(event) &&
+                             other.number != event.number;
+        add("Same crash", is_same ? std::to_string(other.number) + ", " + other.name : "");
     }
     return text;
 }

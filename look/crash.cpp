@@ -21,37 +21,30 @@ constexpr size_t kFrames = 64;    // of a part of the stack that are kept
 constexpr size_t kSignature = 3;  // frames that tell one crash from another
 constexpr size_t kLineBytes = 1024;
 
-// Code that every app runs through, and that tells nothing about it.
-constexpr std::string_view kRuntime[] = {
-    "java.",   "javax.",   "android.os.", "android.app.", "com.android.internal.",
-    "kotlin.", "kotlinx.", "dalvik.",     "libcore.",     "sun.",
-    "jdk."};
+// Blank-separated names; "*" stands for any end.
+// Code that every app runs through, and that tells nothing about it:
+constexpr std::string_view kRuntime =
+    "java.* javax.* android.os.* android.app.* com.android.internal.* kotlin.* kotlinx.* dalvik.* "
+    "libcore.* sun.* jdk.*";
+// What runs between the function that gives up and the signal:
+constexpr std::string_view kAborters =
+    "abort raise tgkill pthread_kill syscall abort_message __assert* __fortify_fatal* "
+    "__stack_chk_fail __android_log_* __cxa_throw __cxa_rethrow android::base::DefaultAborter* "
+    "android::base::SetAborter* android::base::LogMessage::* art::Runtime::Abort* "
+    "art::Thread::AssertNo* std::terminate* std::__terminate* demangling_terminate_handler* "
+    "scudo::die* scudo::report* scudo::ScopedErrorReport* fdsan_error*";
 
-// Functions between the one that gives up and the signal. "*" stands for any end.
-constexpr std::string_view kAborters[] = {"abort",
-                                          "raise",
-                                          "tgkill",
-                                          "pthread_kill",
-                                          "syscall",
-                                          "abort_message",
-                                          "__assert*",
-                                          "__fortify_fatal*",
-                                          "__stack_chk_fail",
-                                          "__android_log_*",
-                                          "__cxa_throw",
-                                          "__cxa_rethrow",
-                                          "android::base::DefaultAborter*",
-                                          "android::base::SetAborter*",
-                                          "android::base::LogMessage::*",
-                                          "art::Runtime::Abort*",
-                                          "art::Thread::AssertNo*",
-                                          "std::terminate*",
-                                          "std::__terminate*",
-                                          "demangling_terminate_handler*",
-                                          "scudo::die*",
-                                          "scudo::report*",
-                                          "scudo::ScopedErrorReport*",
-                                          "fdsan_error*"};
+bool is_one_of(std::string_view names, std::string_view name) {
+    while (!names.empty()) {
+        const std::string_view form = names.substr(0, names.find(' '));
+        const std::string_view start = form.substr(0, form.find('*'));
+        if (form == name || (start != form && name.starts_with(start))) {
+            return true;
+        }
+        names.remove_prefix(std::min(form.size() + 1, names.size()));
+    }
+    return false;
+}
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
@@ -76,17 +69,6 @@ void add_line(stack_part& part, std::string_view line) {
     } else {
         ++part.left_out;
     }
-}
-
-// Of very many parts the last ones make room: the innermost cause comes at the end.
-void add_part(crash& result, std::string_view title) {
-    constexpr size_t kMaxParts = 64;
-    if (result.stack.size() == kMaxParts) {
-        const stack_part& last = result.stack.back();
-        result.stack[kMaxParts - 2].left_out += last.lines.size() + last.left_out + 1;
-        result.stack.pop_back();
-    }
-    result.stack.push_back({line_of(title), {}, 0});
 }
 
 int number(std::string_view text) {
@@ -128,13 +110,6 @@ std::string_view function_of(const native_frame& frame) {
     return name.substr(0, std::min(name.find(".llvm."), name.find(".cfi")));
 }
 
-bool is_aborter(std::string_view function) {
-    return std::ranges::any_of(kAborters, [&](std::string_view form) {
-        return form.ends_with('*') ? function.starts_with(form.substr(0, form.size() - 1))
-                                   : function == form;
-    });
-}
-
 // The function, else library and offset. An offset in what has no file depends on the load.
 std::string frame_key(const native_frame& frame) {
     if (!frame.symbol.empty()) {
@@ -152,7 +127,7 @@ std::vector<std::string> frame_keys(const std::vector<std::string>& lines) {
     std::vector<std::string> keys;
     for (const std::string& line : lines) {
         const native_frame frame = read_frame(line);
-        const bool is_passed = keys.empty() && is_aborter(function_of(frame));
+        const bool is_passed = keys.empty() && is_one_of(kAborters, function_of(frame));
         if (!frame.address.empty() && !is_passed && keys.size() < kSignature) {
             keys.push_back(frame_key(frame));
         }
@@ -168,7 +143,6 @@ std::string joined(const std::vector<std::string>& words, size_t limit = kSignat
     return text;
 }
 
-// "signal 11 (SIGSEGV), code 1 (SEGV_MAPERR)": the address behind it differs each time.
 // The address of a fault differs each time.
 std::string reason_of(std::string_view text) {
     for (const std::string key : {"Abort message: ", "Cause: ", "signal "}) {
@@ -189,7 +163,7 @@ void read_native(crash& result, std::string_view text) {
     result.process = result.process.empty() ? std::string(name) : result.process;
     const size_t at = thread.find("\nbacktrace:");
     std::string_view rest = at == thread.npos ? "" : thread.substr(at + 1);
-    add_part(result, "pid: " + line_of(who));
+    result.stack.push_back({"pid: " + line_of(who), {}, 0});
     take_line(rest);
     while (!rest.empty()) {
         const std::string_view line = take_line(rest);
@@ -213,12 +187,8 @@ bool is_java_frame(std::string_view line) {
 // Numbers of lambdas and anonymous classes change with the code around them.
 std::string without_indexes(std::string_view method) {
     std::string result;
-    for (size_t i = 0; i < method.size(); ++i) {
-        while (i + 1 < method.size() && method[i] == '$' && is_digit(method[i + 1])) {
-            result += '$';
-            i = std::min(method.find_first_not_of("0123456789", i + 1), method.size());
-        }
-        result += i < method.size() ? std::string(1, method[i]) : "";
+    for (const char c : method) {
+        result += is_digit(c) && result.ends_with('$') ? "" : std::string(1, c);
     }
     return result;
 }
@@ -231,9 +201,8 @@ std::string own_method(std::string_view line) {
     }
     const std::string_view all = trimmed(line).substr(3);
     const std::string_view name = all.substr(0, all.find('('));
-    const auto begins = [=](std::string_view start) { return name.starts_with(start); };
     const bool is_generated = name.find("$$") != name.npos || name.find("$r8$") != name.npos;
-    return is_generated || std::ranges::any_of(kRuntime, begins) ? "" : without_indexes(name);
+    return is_generated || is_one_of(kRuntime, name) ? "" : without_indexes(name);
 }
 
 std::vector<std::string> own_methods(const std::vector<std::string>& lines) {
@@ -277,7 +246,7 @@ std::string_view from_exception(std::string_view body) {
 
 void read_java(crash& result, std::string_view body) {
     result.family = "java";
-    add_part(result, take_line(body));
+    result.stack.push_back({line_of(take_line(body)), {}, 0});
     bool is_message = true;
     while (!body.empty()) {
         const std::string_view line = take_line(body);
@@ -285,7 +254,7 @@ void read_java(crash& result, std::string_view body) {
         const bool is_frame = is_java_frame(line) || words.starts_with("... ");
         const bool is_cause = line.starts_with("Caused by: ");
         if (is_cause || words.starts_with("Suppressed: ") || words.starts_with("Caused by: ")) {
-            add_part(result, line);
+            result.stack.push_back({line_of(line), {}, 0});
             result.cause = is_cause ? result.stack.size() - 1 : result.cause;
             is_message = true;
         } else if (is_frame) {
@@ -517,14 +486,10 @@ std::string stack_text(const crash& from, size_t max_bytes) {
 }
 
 std::string stack_words(const crash& from, size_t max_bytes) {
-    std::string words = from.signature;
-    for (size_t i = 0; i < from.stack.size() && words.size() < max_bytes; ++i) {
-        const stack_part& part = from.stack[(from.cause + i) % from.stack.size()];
-        words += " " + part.title;
-        for (const std::string& line : part.lines) {
-            const native_frame frame = read_frame(line);
-            words += " " + (frame.address.empty() ? std::string(trimmed(line)) : frame_key(frame));
-        }
+    std::string words = from.signature + " ";
+    for (const char c : stack_text(from, max_bytes)) {
+        const bool is_blank = c == ' ' || c == '\t' || c == '\n';
+        words += is_blank && words.ends_with(' ') ? "" : std::string(1, is_blank ? ' ' : c);
     }
     return words.substr(0, max_bytes);
 }

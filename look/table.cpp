@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
+#include <cstring>
 #include <iostream>
+#include <map>
 #include <numeric>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 
 #include "look/files.h"
@@ -22,39 +24,26 @@ constexpr size_t kCellBytes = 512;
 
 // --- Selection ---------------------------------------------------------------------------------
 
-// 0 when the text has another form.
+// "2 hours"; 0 when the text has another form.
 moment read_span(const std::string& text) {
-    struct unit {
-        const char* name;
-        moment span;
-    };
-    constexpr unit kUnits[] = {{" second", kSecond},
-                               {" minute", 60 * kSecond},
-                               {" hour", 3600 * kSecond},
-                               {" day", kDay},
-                               {" week", 7 * kDay}};
-    int64_t count = 0;
-    const char* end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, count);
-    for (const auto& [name, span] : kUnits) {
-        const bool is_unit = rest == std::string(name) || rest == std::string(name) + "s";
-        if (error == std::errc() && is_unit && count > 0 && count < 1'000'000) {
-            return count * span;
-        }
-    }
-    return 0;
+    static const std::map<std::string, moment> kUnits = {{"second", kSecond},
+                                                         {"minute", 60 * kSecond},
+                                                         {"hour", 3600 * kSecond},
+                                                         {"day", kDay},
+                                                         {"week", 7 * kDay}};
+    std::istringstream words(text);
+    int count = 0;
+    std::string name;
+    std::string more;
+    words >> count >> name >> more;
+    const auto unit = kUnits.find(name.substr(0, name.find_last_not_of('s') + 1));
+    return unit == kUnits.end() || !more.empty() ? 0 : std::max(0, count) * unit->second;
 }
 
-char lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool holds(const std::string& text, std::string_view words) {
-    const auto is_equal = [](char a, char b) { return lower(a) == lower(b); };
-    while (!words.empty()) {
-        const std::string_view word = words.substr(0, words.find(' '));
-        words.remove_prefix(std::min(word.size() + 1, words.size()));
-        if (!word.empty() && std::ranges::search(text, word, is_equal).empty()) {
+bool holds(const std::string& text, const std::string& words) {
+    std::istringstream stream(words);
+    for (std::string word; stream >> word;) {
+        if (strcasestr(text.c_str(), word.c_str()) == nullptr) {
             return false;
         }
     }
