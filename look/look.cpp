@@ -72,7 +72,7 @@ void read_word(wish& wanted, const std::string& word, bool is_last) {
 wish read_arguments(int argc, char* argv[]) {
     static constexpr const char* kWithText[] = {"last",  "since",   "until", "type", "package",
                                                 "issue", "symbols", "out",   "at",   "default"};
-    static constexpr const char* kWithout[] = {"newest", "issues", "json"};
+    static constexpr const char* kWithout[] = {"newest", "issues", "json", "help"};
     std::vector<option> known;
     std::ranges::transform(kWithText, std::back_inserter(known), [](auto name) {
         return option{name, required_argument, nullptr, 0};
@@ -185,7 +185,8 @@ void print_json(const collected& all, bool issues) {
 
 void run(const wish& wanted) {
     const bool is_report = wanted.command == "report";
-    if ((wanted.command != "events" && !is_report) || wanted.dirs.empty()) {
+    if ((wanted.command != "events" && !is_report) || wanted.dirs.empty() || wanted.has("help") ||
+        (is_report && !wanted.has("out"))) {
         fail("");
     }
     look::symbols names;

@@ -3,6 +3,7 @@
 #include "look/symbols.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -74,6 +75,7 @@ void symbols::open(const fs::path& dir) {
     if (error != 0) {
         throw std::runtime_error("llvm-symbolizer cannot be started; its Debian package: llvm");
     }
+    signal(SIGPIPE, SIG_IGN);  // should the child end
     to_ = fdopen(in[1], "w");
     from_ = fdopen(out[0], "r");
 }
