@@ -17,8 +17,6 @@
 
 namespace look {
 
-using namespace brevix;
-
 namespace {
 
 constexpr size_t kReportBytes = 16 << 10;

@@ -175,7 +175,8 @@ void read_native(crash& result, std::string_view text) {
     const std::vector<std::string> keys = frame_keys(result.stack[0].lines);
     result.signature = joined(keys);
     const std::string reason = reason_of(thread);
-    result.title = reason + (reason.empty() || keys.empty() ? "" : ", in " + keys[0]);
+    result.title = reason.empty() ? result.stack[0].title : reason;
+    result.title += keys.empty() ? "" : ", in " + keys[0];
 }
 
 // --- Exceptions --------------------------------------------------------------------------------

@@ -8,12 +8,12 @@
 #include <algorithm>
 #include <deque>
 #include <map>
+#include <numeric>
+#include <set>
 
 #include "look/files.h"
 
 namespace look {
-
-using namespace brevix;
 
 namespace {
 
@@ -93,9 +93,12 @@ class clock_of {
     moment day_ = 0;
 };
 
+// A block ends where the clock jumps, so that its times tell what is in it.
 void add_to_blocks(std::vector<log_block>& blocks, off_t at, moment time) {
+    constexpr moment kBack = 60 * kSecond;
+    constexpr moment kAhead = 3600 * kSecond;
     if (blocks.empty() || at - blocks.back().at >= kBlockBytes ||
-        time - blocks.back().last > kDay || blocks.back().first - time > kDay) {
+        time < blocks.back().last - kBack || time > blocks.back().last + kAhead) {
         blocks.push_back({at, 0, time, time});
     }
     blocks.back().first = std::min(blocks.back().first, time);
@@ -139,15 +142,22 @@ class window {
         }
     }
 
-    void append_to(std::multimap<moment, std::string>& lines) const {
+    // Inserts the lines that `is_new`.
+    template <typename Test>
+    void append_to(std::multimap<moment, std::string>& lines, Test is_new) {
         if (is_cut_before_) {
-            lines.emplace(before_.empty() ? middle_ : before_.front().first,
-                          "[more lines before: cut]");
+            before_.emplace_front(before_.empty() ? middle_ : before_.front().first,
+                                  "[more lines before: cut]");
         }
-        lines.insert(before_.begin(), before_.end());
-        lines.insert(behind_.begin(), behind_.end());
         if (is_cut_behind_) {
-            lines.emplace(behind_.back().first, "[more lines behind: cut]");
+            behind_.emplace_back(behind_.back().first, "[more lines behind: cut]");
+        }
+        for (const auto* some : {&before_, &behind_}) {
+            for (const auto& [time, line] : *some) {
+                if (is_new(line)) {
+                    lines.emplace(time, line);
+                }
+            }
         }
     }
 
@@ -282,34 +292,41 @@ std::string lines_around(const std::vector<log_file*>& files, moment time, size_
     const moment begin = time - 10 * kSecond;
     const moment end = time + 11 * kSecond;
     std::multimap<moment, std::string> lines;
-    std::string endless;
+    std::set<std::string> notes;
     std::map<std::string, const log_file*> owners;  // a log snapshot repeats what the capture holds
+    std::map<char, int> place;                      // of the block in its channel, from 1 on
+    std::map<char, int> last;                       // place of the last one with lines
     for (log_file* file : files) {
         if (!file->is_indexed) {
             index_log(*file);
         }
+        const std::string name = file->path.filename();
+        const char channel = file->channel;
         window nearest(time, max_bytes);
         for (const log_block& block : file->blocks) {
+            ++place[channel];
             if (block.first < end && block.last >= begin) {
+                if (last[channel] != 0 && place[channel] > last[channel] + 1 &&
+                    !name.starts_with("pre_")) {
+                    notes.insert(std::string{'[', channel} +
+                                 ": the clock has shown this time more than once]\n");
+                }
+                last[channel] = place[channel];
                 add_lines(*file, block, begin, end, nearest);
             }
         }
-        std::multimap<moment, std::string> found;
-        nearest.append_to(found);
-        endless += file->is_endless ? "[" + file->path.filename().string() +
-                                          " is read up to a line without end]\n"
-                                    : "";
-        for (const auto& [at, line] : found) {
-            if (owners.try_emplace(line, file).first->second == file) {
-                lines.emplace(at, line);
-            }
+        if (file->is_endless) {
+            notes.insert("[" + name + " is read up to a line without end]\n");
         }
+        nearest.append_to(lines, [&](const std::string& line) {
+            return owners.try_emplace(line, file).first->second == file;
+        });
     }
     std::string text;
     for (const auto& [at, line] : lines) {
         text += line + "\n";
     }
-    return text + endless;
+    return std::accumulate(notes.begin(), notes.end(), text);
 }
 
 }  // namespace look

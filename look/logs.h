@@ -33,7 +33,7 @@ struct log_channel {
 constexpr log_channel kChannels[] = {
     {'A', "android"}, {'K', "kernel"}, {'E', "event"}, {'R', "radio"}};
 
-// About 32 KiB of a log that begin at a line with a time, and end where the clock jumps by days.
+// About 32 KiB of a log that begin at a line with a time, and end where the clock jumps.
 struct log_block {
     off_t at;
     off_t bytes;
