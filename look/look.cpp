@@ -56,7 +56,7 @@ struct wish {
 
 // "report DIR FILE" and "events N DIR" in either order are older forms.
 void read_word(wish& wanted, const std::string& word, bool is_last) {
-    const bool is_number = word.find_first_not_of("0123456789") == word.npos;
+    const bool is_number = !word.empty() && word.find_first_not_of("0123456789") == word.npos;
     if (wanted.command.empty()) {
         wanted.command = word;
     } else if (wanted.command == "events" && is_number && wanted.number.empty()) {
@@ -87,7 +87,10 @@ wish read_arguments(int argc, char* argv[]) {
         if (found != 0) {
             fail("");
         }
-        wanted.options[known[index].name] = optarg == nullptr ? "" : optarg;
+        const std::string name = known[index].name;
+        const bool adds = name == "type" || name == "package" || name == "issue";
+        wanted.options[name] =
+            (adds ? wanted.get(name) + " " : "") + (optarg == nullptr ? "" : optarg);
     }
     for (; optind < argc; ++optind) {
         read_word(wanted, argv[optind], optind + 1 == argc);
@@ -162,8 +165,11 @@ void print_events(collected& all, const wish& wanted) {
 }
 
 void print_log(collected& all, const std::string& at) {
-    const look::moment time =
-        look::read_time(at, all.entries.empty() ? 0 : all.entries.back().time);
+    look::moment last = 0;
+    for (const entry& e : all.entries) {
+        last = std::max(last, e.time);
+    }
+    const look::moment time = look::read_time(at, last);
     for (size_t i = 0; i < all.phones.size(); ++i) {
         print_parts({{all.phones[i].name + ", " + look::format_moment(time) +
                           ", 10 seconds before and after (A android, K kernel, E event, R radio)",
