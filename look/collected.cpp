@@ -41,14 +41,11 @@ std::vector<fs::path> list(const fs::path& dir) {
 }
 
 // "crashlog_5_ANR_2026-01-01-00-09-30" in its fields; empty when it has another form.
-std::vector<std::string> fields_of(std::string name, size_t count) {
+std::vector<std::string> fields_of(const std::string& name, size_t count) {
     std::vector<std::string> fields;
-    for (size_t at = 0; at != name.npos && fields.size() <= count; name.erase(0, at + 1)) {
-        at = name.find('_');
-        fields.push_back(name.substr(0, at));
-        if (at == name.npos) {
-            break;
-        }
+    std::istringstream stream(name);
+    for (std::string field; std::getline(stream, field, '_');) {
+        fields.push_back(field);
     }
     const bool has_count = fields.size() == count && !fields[1].empty() &&
                            fields[1].find_first_not_of("0123456789") == name.npos;
@@ -126,37 +123,32 @@ entry& add(std::vector<entry>& rows, const std::string& category, moment time,
 
 // "CRASH   2026-01-01/00:09:30 ANR /data/logs/crashlog/crashlog_5_ANR_2026-01-01-00-09-30".
 struct history_line {
-    std::string_view before, category, rest;  // `before`: a line that was cut
+    std::string before, category, rest;  // `before`: a line that was cut
     moment time = 0;
 };
 
-history_line read_line_at(std::string_view line, size_t at) {
-    for (const std::string_view category : {"REBOOT", "CRASH", "CUSTOM"}) {
-        std::string_view rest = line.substr(at);
-        if (!rest.starts_with(category)) {
-            continue;
-        }
-        rest.remove_prefix(category.size());
-        rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-        const moment time = parse_moment(std::string(rest.substr(0, 19)), "%Y-%m-%d/%H:%M:%S");
-        rest.remove_prefix(std::min<size_t>(rest.size(), 19));
-        rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-        rest = rest.substr(0, rest.find_last_not_of(' ') + 1);
-        if (time != 0 && !rest.empty()) {
-            return {line.substr(0, at), category, rest, time};
+history_line read_line_at(const std::string& line, size_t at) {
+    for (const std::string category : {"REBOOT", "CRASH", "CUSTOM"}) {
+        char date[20] = "";
+        int end = 0;
+        if (line.compare(at, category.size(), category) == 0 &&
+            sscanf(&line[at + category.size()], " %19[-0-9/:] %n", date, &end) == 1) {
+            const std::string rest = line.substr(at + category.size() + end);
+            return {line.substr(0, at), category, rest.substr(0, rest.find_last_not_of(' ') + 1),
+                    parse_moment(date, "%Y-%m-%d/%H:%M:%S")};
         }
     }
     return {};
 }
 
 // Appends one entry, and before it those of lines that were cut.
-void read_history_line(std::vector<entry>& rows, const fs::path& logs, std::string_view line,
+void read_history_line(std::vector<entry>& rows, const fs::path& logs, const std::string& line,
                        symbols& names) {
     history_line found;
-    for (size_t at = line.size(); at-- > 0 && found.time == 0;) {
+    for (size_t at = line.size(); at-- > 0 && (found.time == 0 || found.rest.empty());) {
         found = read_line_at(line, at);
     }
-    if (found.time == 0) {
+    if (found.time == 0 || found.rest.empty()) {
         entry& event = add(rows, "?", rows.empty() ? 0 : rows.back().time);
         event.line = line;
         event.damage = "its line is cut; ";
@@ -165,7 +157,7 @@ void read_history_line(std::vector<entry>& rows, const fs::path& logs, std::stri
     if (!found.before.empty()) {
         read_history_line(rows, logs, found.before, names);
     }
-    entry& event = add(rows, std::string(found.category), found.time);
+    entry& event = add(rows, found.category, found.time);
     event.type = found.rest;
     const size_t path = found.rest.find(" /");
     if (path != found.rest.npos && event.category != "REBOOT") {
@@ -183,7 +175,7 @@ void read_history(std::vector<entry>& rows, const fs::path& logs, symbols& names
         throw std::runtime_error((logs / "history.event").string() + " cannot be read");
     }
     for (std::string_view rest = text; !rest.empty();) {
-        const std::string_view line = take_line(rest).substr(0, kLineBytes);
+        const std::string line(take_line(rest).substr(0, kLineBytes));
         if (rows.size() >= kMaxEntries) {
             add(rows, "?", rows.back().time).damage =
                 "the history is too long, its rest is left out; ";

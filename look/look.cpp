@@ -191,8 +191,9 @@ void print_json(const collected& all, bool issues) {
 
 void run(const wish& wanted) {
     const bool is_report = wanted.command == "report";
-    if ((wanted.command != "events" && !is_report) || wanted.dirs.empty() || wanted.has("help") ||
-        (is_report && !wanted.has("out"))) {
+    const bool is_table = wanted.has("issues") || wanted.has("at") || wanted.has("json");
+    if ((is_report ? is_table || !wanted.has("out") : wanted.command != "events") ||
+        wanted.dirs.empty() || wanted.has("help")) {
         fail("");
     }
     look::symbols names;

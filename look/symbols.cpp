@@ -52,7 +52,8 @@ symbols::~symbols() {
 }
 
 void symbols::open(const fs::path& dir) {
-    for (const auto& file : fs::recursive_directory_iterator(dir)) {
+    constexpr auto kOptions = fs::directory_options::skip_permission_denied;
+    for (const auto& file : fs::recursive_directory_iterator(dir, kOptions)) {
         if (const std::string id = build_id_of(file.path()); !id.empty()) {
             libraries_.emplace(id, file.path());
         }

@@ -225,8 +225,8 @@ void print_table(const collected& all) {
 
 void print_issues(const collected& all) {
     const std::vector<column> columns = {
-        {"ISSUE", 8, 8},  {"COUNT", 6, 5},        {"PHONES", 6, 6},      {"FIRST", 19, 19},
-        {"LAST", 19, 19}, {"FIRST BUILD", 24, 8}, {"LAST BUILD", 24, 8}, {"NEW", 3, 3},
+        {"ISSUE", 8, 8},  {"COUNT", 6, 5},        {"PHONES", 6, 6},      {"FIRST", 19, 11},
+        {"LAST", 19, 11}, {"FIRST BUILD", 24, 8}, {"LAST BUILD", 24, 8}, {"NEW", 3, 3},
         {"TYPE", 16, 9},  {"PACKAGE", 32, 12},    {"LINE", 64, 20}};
     std::vector<row> rows;
     for (const issue& one : all.issues) {
