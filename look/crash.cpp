@@ -8,8 +8,8 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
+#include <cstdlib>
 
 #include "look/files.h"
 
@@ -72,9 +72,7 @@ void add_line(stack_part& part, std::string_view line) {
 }
 
 int number(std::string_view text) {
-    int value = 0;
-    std::from_chars(text.data(), text.data() + text.size(), value);
-    return value;
+    return atoi(std::string(text.substr(0, 9)).c_str());
 }
 
 // Leaves out quoted values, numbers, addresses and object ids, which differ from one occurrence to

@@ -93,25 +93,25 @@ class clock_of {
     moment day_ = 0;
 };
 
+void end_block(std::vector<log_block>& blocks, off_t at) {
+    if (!blocks.empty()) {
+        blocks.back().bytes = at - blocks.back().at;
+    }
+}
+
 // A block ends where the clock jumps, so that its times tell what is in it.
 void add_to_blocks(std::vector<log_block>& blocks, off_t at, moment time) {
     constexpr moment kBack = 60 * kSecond;
     constexpr moment kAhead = 3600 * kSecond;
     if (blocks.empty() || at - blocks.back().at >= kBlockBytes ||
         time < blocks.back().last - kBack || time > blocks.back().last + kAhead) {
+        end_block(blocks, at);
         blocks.push_back({at, 0, time, time});
     }
     blocks.back().first = std::min(blocks.back().first, time);
     blocks.back().last = std::max(blocks.back().last, time);
 }
 
-void set_sizes(std::vector<log_block>& blocks, off_t end) {
-    for (size_t i = 0; i < blocks.size(); ++i) {
-        blocks[i].bytes = (i + 1 < blocks.size() ? blocks[i + 1].at : end) - blocks[i].at;
-    }
-}
-
-// A long line is read to its end, but not kept: its time comes first.
 std::string read_at(const fs::path& path, off_t at, off_t bytes) {
     std::string text(bytes, '\0');
     const android::base::unique_fd fd = open_file(path);
@@ -285,7 +285,7 @@ void index_log(log_file& file) {
         at += size - static_cast<ssize_t>(rest.size());
         file.is_endless = reads_inside >= kEndlessBytes / kReadBytes;
     }
-    set_sizes(file.blocks, at);
+    end_block(file.blocks, at);
 }
 
 std::string lines_around(const std::vector<log_file*>& files, moment time, size_t max_bytes) {

@@ -25,21 +25,8 @@ using look::part;
 constexpr size_t kPartBytes = 256 << 10;
 
 constexpr const char* kUsage =
-    R"(usage: events [OPTION...] [N] [DIR...]
-       report [OPTION...] [--out FILE] [DIR...]
-  --last K          the last K rows
-  --since TIME      rows from that time on
-  --until TIME      rows up to that time: "2026-11-12", "2026-11-12 14:32" or,
-                    before the last row, "2 hours"
-  --type T, --package P, --issue ID
-                    rows with all of these words
-  --newest          newest first
-  --symbols DIR     name native frames by the libraries below DIR
-only for events:
-  --issues          a row an issue, most frequent first
-  --at TIME         the log around that time
-  --json            an object a line; with N, with its parts
-)";
+    "usage: events [OPTION...] [N] [DIR...], report [OPTION...] [--out FILE] [DIR...]\n"
+    "./dev help lists the options\n";
 
 [[noreturn]] void fail(const std::string& why) {
     throw std::runtime_error(why);
