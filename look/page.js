@@ -192,8 +192,9 @@ function describe(row) {
   const lines = (text) => text.split(/^/m).map((line) => make(/^E .*\bam_(anr|crash|proc_died)\b/.test(line) ? "mark" : "span",
     { class: /^[AKER] .{18} +\d+ +\d+ ([EFW])/.exec(line)?.[1] || "" }, line));
   return make("article", { id: "event", tabindex: -1, "aria-labelledby": "title" },
-    make("a", { href: "#", "aria-label": "Close" }, "\u00d7"), make("h2", { id: "title" }, `${row.n} ${owner(row).join(" ")}`),
-    ...[[row.time, row.phone, row.build].filter(Boolean).join(", "), row.line, row.place].map((text) => make("p", {}, text)),
+    make("a", { href: "#", "aria-label": "Close" }, "\u00d7"), make("h2", { id: "title" },
+      [row.n, ...owner(row), phones.length > 1 ? `on ${row.phone}` : ""].join(" ")),
+    ...[`${row.time} ${row.build}`, row.line, row.place].map((text) => make("p", {}, text)),
     issue ? make("p", {}, button("issue", issue.id, `Issue ${issue.id}`), ` came ${counted(issue.count, "time")} on ` +
       `${counted(issue.phones, "phone")}, ${moment(issue.first)} to ${moment(issue.last)}${issue.new ? ", new" : ""}`) : "",
     ...twins.map((one) => make("p", {}, "The same crash as ", make("a", { href: `#${one.index}` }, `${one.n} ${one.type}`))),
