@@ -133,7 +133,7 @@ function outline({ id }) {
 function drawIssues() {
   const columns = ["Issue", "Count", "Phones", "First", "Last", "First build", "Last build", "Type", "Package", "Line", "Over time"];
   $("issues").hidden = !issues.length;
-  drawTable($("table"), columns, issues, (issue) => [make("span", {}, button("issue", issue.id, issue.id), issue.new ? " new" : ""),
+  drawTable($("table"), columns, issues, (issue) => [make("span", {}, button("issue", issue.id, issue.id), issue.new ? make("strong", {}, " new") : ""),
     issue.count.toLocaleString("en"), issue.phones, moment(issue.first), moment(issue.last),
     ...["first_build", "last_build", "type", "package", "line"].map((field) => issue[field] || "-"), outline(issue)]);
 }
