@@ -69,7 +69,7 @@ inline const known_file kKnownFiles[] = {
     {kCapture,                                                       "777", "[0-9]+", 3},
     {kCapture + "/[a-z]+\\.log(\\.[1-3])?",                        "600", "[0-9]{1,4}|[1-6][0-9]{4}"},
     {kCapture + "/filler",                                           "[0-7]+", "[0-9]+", 1},
-    {"/data/logs/dumpsys",                                           "770"},
+    {"/data/logs/dumpsys",                                           "700"},
     {"/data/logs/dumpsys/(ps|iotop|ss_eionptu|lsof|storaged|procrank|netstate)\\.txt", "[0-7]+", "[1-9][0-9]*"},
     {"/data/logs/touch_panel",                                       "770"},
     {"/data/logs/touch_panel/tp_log_[0-9_-]+\\.rep",                 "600"},
