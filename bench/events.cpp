@@ -51,7 +51,7 @@ void measure(const std::string& figure, int work, int kept, size_t at_once, int 
     constexpr int kSeries = 4;
     const auto events = static_cast<double>(rounds * at_once);
     std::fstream notices = open_fifo("/data/brevix/queue.log");  // that the device's am writes
-    inside::write_file(kCrash, std::string(4096, 'x'));
+    device::write_file(kCrash, std::string(4096, 'x'));
     set_property("persist.service.brevix.ev.num", std::to_string(kept));
     for (int series = 0; series < kSeries; ++series) {
         std::list<program> programs;

@@ -18,7 +18,7 @@ void require(bool condition, const std::string& failure) {
 }
 
 void set_property(const std::string& name, const std::string& value) {
-    require(inside::set_property(name, value), "cannot set " + name);
+    require(device::set_property(name, value), "cannot set " + name);
 }
 
 void make_folders(const std::string& root) {
@@ -56,13 +56,13 @@ program::program(const std::string& name, const std::string& command,
     pid_ = brevix::start_shell_group(("exec " + command + " >/dev/null 2>" + log).c_str());
     require(pid_ > 0, "cannot start " + command);
     for (const std::string& text : texts) {
-        require(inside::wait_for_text(log, text), log + " does not get: " + text);
+        require(device::wait_for_text(log, text), log + " does not get: " + text);
     }
 }
 
 program::~program() {
     kill(-pid_, SIGKILL);
-    inside::wait_status(pid_);
+    device::wait_status(pid_);
 }
 
 cpu_millis cpu_of(pid_t pid) {
@@ -70,7 +70,7 @@ cpu_millis cpu_of(pid_t pid) {
     timespec own{};
     require(clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &own) == 0,
             "no CPU time of " + std::to_string(pid));
-    const std::string stat = inside::read_file(inside::proc(pid, "stat"));
+    const std::string stat = device::read_file(device::proc(pid, "stat"));
     unsigned long user = 0;
     unsigned long system = 0;
     // From the name's end on: the state, ten numbers, the own times.

@@ -15,9 +15,9 @@ namespace {
 // --- Switch --------------------------------------------------------------------------------------
 
 bool is_waitprop_asleep() {
-    const std::vector<pid_t> pids = inside::processes_named("waitprop");
+    const std::vector<pid_t> pids = device::processes_named("waitprop");
     return !pids.empty() &&
-           inside::proc_field(inside::proc(pids[0], "status"), "State").starts_with("S");
+           device::proc_field(device::proc(pids[0], "status"), "State").starts_with("S");
 }
 
 // The script starts a waitprop after each change. Waits until it sleeps, so that its start counts
@@ -41,7 +41,7 @@ double switch_on_and_off(const std::string& property, int channels, std::istream
     wait_for_waitprop();
     set_property(property, "0");
     for (const pid_t pid : pids) {
-        require(inside::wait_for_end(pid), "a capture does not end");
+        require(device::wait_for_end(pid), "a capture does not end");
     }
     return millis;
 }
@@ -62,7 +62,7 @@ double measure_start(const char* side, const char* const argv[], const std::stri
     });
     print_sample("armed-own", 100, side, cpu_of(pid).own);
     kill(pid, SIGKILL);
-    inside::wait_status(pid);
+    device::wait_status(pid);
     return millis;
 }
 
@@ -71,8 +71,8 @@ double measure_start(const char* side, const char* const argv[], const std::stri
 // Voluntary context switches of all threads.
 long wakeups(pid_t pid) {
     long sum = 0;
-    for (const std::string& task : inside::names_in(inside::proc(pid, "task"))) {
-        sum += inside::proc_number(inside::proc(pid, "task/" + task + "/status"),
+    for (const std::string& task : device::names_in(device::proc(pid, "task"))) {
+        sum += device::proc_number(device::proc(pid, "task/" + task + "/status"),
                                    "voluntary_ctxt_switches");
     }
     return sum;
@@ -127,6 +127,6 @@ void measure_idle(int seconds) {
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     print_sample("wakeups", seconds, "daemon", wakeups(daemon.pid()) - daemon_before);
     print_sample("wakeups", seconds, "inotifywait", wakeups(watcher.pid()) - watcher_before);
-    print_sample("memory", seconds, "daemon", inside::private_kbytes(daemon.pid()));
-    print_sample("memory", seconds, "inotifywait", inside::private_kbytes(watcher.pid()));
+    print_sample("memory", seconds, "daemon", device::private_kbytes(daemon.pid()));
+    print_sample("memory", seconds, "inotifywait", device::private_kbytes(watcher.pid()));
 }

@@ -41,7 +41,7 @@ void measure_count(int folders) {
                      "/usr/bin/head -n -" + std::to_string(folders) + " >/data/old")}});
     const std::string last = "crashlog_" + std::to_string(folders - 1) + "_";
     require(
-        inside::read_file("/data/last").starts_with(last) && inside::read_file("/data/old").empty(),
+        device::read_file("/data/last").starts_with(last) && device::read_file("/data/old").empty(),
         "the shell line is wrong");
     require(ZQGetFileCount(dir) == folders, "folders were removed");
 }
@@ -51,7 +51,7 @@ void measure_size(int files) {
     constexpr int kFilesOfCapture = 20;
     const std::string dir = "/data/size_" + std::to_string(files);
     for (int i = 0; i < files; ++i) {
-        inside::write_file(dir + "/ZQLog_" + std::to_string(i / kFilesOfCapture) +
+        device::write_file(dir + "/ZQLog_" + std::to_string(i / kFilesOfCapture) +
                                "_2026-11-21-09-30-05/android.log." +
                                std::to_string(i % kFilesOfCapture),
                            "x");

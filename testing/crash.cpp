@@ -191,7 +191,7 @@ std::string deliver_real_crash() {
         report_fd = report;
         fault();
     }
-    const int status = inside::wait_status(pid);
+    const int status = device::wait_status(pid);
     if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGSEGV) {
         throw std::runtime_error("the crashing process did not crash");
     }
@@ -199,7 +199,7 @@ std::string deliver_real_crash() {
     // The protobuf companion, cut to its timestamp: field 4, a string.
     const std::string stamp = timestamp();
     deliver(name + ".pb", std::string("\x22") + static_cast<char>(stamp.size()) + stamp);
-    return deliver(name, inside::read_file("/proc/self/fd/" + std::to_string(report)));
+    return deliver(name, device::read_file("/proc/self/fd/" + std::to_string(report)));
 }
 
 // --- Kinds ---------------------------------------------------------------------------------------
@@ -268,9 +268,9 @@ std::optional<collected_event> event_of(const fs::path& delivered) {
 std::string describe_switches(const collected_event& event) {
     std::string text = std::string("category ") + event.category;
     for (const std::string& name : {kDetection, event_settings.at(event.category).prop}) {
-        text.append(", ").append(name).append("=").append(inside::property(name, ""));
+        text.append(", ").append(name).append("=").append(device::property(name, ""));
     }
-    return text + ", limit " + inside::property("persist.service.brevix.ev.num", "10");
+    return text + ", limit " + device::property("persist.service.brevix.ev.num", "10");
 }
 
 // Returns the first history line past `known_lines` for the event, as "TYPE FOLDER".
@@ -279,7 +279,7 @@ std::optional<std::string> find_noted(const collected_event& event, size_t known
     const customize_settings& settings = event_settings.at(event.category);
     const std::string noted =
         event.type + " " + kBaseLogDir + settings.log_dir + "/" + name_prefix(event, settings);
-    const std::vector<std::string> lines = inside::read_lines(kHistory);
+    const std::vector<std::string> lines = device::read_lines(kHistory);
     for (size_t i = known_lines; i < lines.size(); ++i) {
         if (!lines[i].starts_with(event.category) || lines[i].size() < kTypeColumn) {
             continue;
@@ -301,18 +301,18 @@ std::string wait_for_outcome(const fs::path& delivered, size_t known_lines) {
     if (!event) {
         return "no event: a file of this name is none: " + delivered.filename().string();
     }
-    if (inside::property(kDetection) != "1" ||
-        inside::property(event_settings.at(event->category).prop) != "1") {
+    if (device::property(kDetection) != "1" ||
+        device::property(event_settings.at(event->category).prop) != "1") {
         return "no event: detection is off (" + describe_switches(*event) + ")";
     }
     std::optional<std::string> noted;
-    if (!inside::wait_until(fs::path(kHistory).parent_path(), [&] {
+    if (!device::wait_until(fs::path(kHistory).parent_path(), [&] {
             noted = find_noted(*event, known_lines);
             return noted.has_value();
         })) {
         throw std::runtime_error("no event within 60 seconds (" + describe_switches(*event) +
                                  ", daemon " +
-                                 inside::property("init.svc.zq_brevix", "not started") + ")");
+                                 device::property("init.svc.zq_brevix", "not started") + ")");
     }
     return *noted;
 }
@@ -338,10 +338,10 @@ int main(int argc, char* argv[]) {
     }
     try {
         // A switch is logged before it is obeyed: a file that comes in between is no event.
-        for (const pid_t daemon : inside::processes_named("zq_brevix")) {
-            static_cast<void>(is_to_wait && inside::wait_until_idle(daemon));
+        for (const pid_t daemon : device::processes_named("zq_brevix")) {
+            static_cast<void>(is_to_wait && device::wait_until_idle(daemon));
         }
-        const size_t known_lines = inside::read_lines(kHistory).size();
+        const size_t known_lines = device::read_lines(kHistory).size();
         const std::string delivered = deliver_kind(words, content);
         if (delivered.empty()) {
             std::cerr << kUsage << "\n";

@@ -3,7 +3,7 @@
 // Looks into the virtual device from a program inside it.
 #include "testing/device.h"
 
-namespace inside {
+namespace device {
 
 std::string read_file(const std::string& path) {
     const std::ifstream in(path, std::ios::binary);
@@ -189,4 +189,4 @@ outcome run(const std::string& shell_line) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file("/data/output")};
 }
 
-}  // namespace inside
+}  // namespace device

@@ -28,7 +28,7 @@
 #include <string>
 #include <vector>
 
-namespace inside {
+namespace device {
 
 namespace fs = std::filesystem;
 
@@ -113,4 +113,4 @@ struct outcome {
 // call this.
 outcome run(const std::string& shell_line);
 
-}  // namespace inside
+}  // namespace device

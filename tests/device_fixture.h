@@ -10,7 +10,7 @@
 
 namespace fixture {
 
-using namespace inside;
+using namespace device;
 
 // GoogleTest knows no place of an exception: adds the case and where it begins.
 struct exception_place : testing::EmptyTestEventListener {

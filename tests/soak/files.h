@@ -17,10 +17,10 @@ inline constexpr const char* kStaging = "/data/brevix/eventTemp/";
 
 // Returns the lines of output. Throws std::runtime_error unless the exit status is 0.
 inline std::vector<std::string> run(const std::string& shell_line) {
-    if (const inside::outcome result = inside::run(shell_line); result.exit_status != 0) {
+    if (const device::outcome result = device::run(shell_line); result.exit_status != 0) {
         throw std::runtime_error("failed: " + shell_line + "\n" + result.output);
     }
-    return inside::read_lines("/data/output");
+    return device::read_lines("/data/output");
 }
 
 // Adds a fault that names the first line of `found` that is not the one of `expected`, if any.
@@ -104,15 +104,15 @@ inline void check_known(std::vector<std::string>& faults) {
 // `crash_files` are the copies in the folders of all collected events, in the order of the history.
 // Of each prefix exactly the last ten events are kept. Which ones are still staged is up to the
 // app. All are complete.
-inline void check_events(const std::vector<inside::fs::path>& crash_files,
+inline void check_events(const std::vector<device::fs::path>& crash_files,
                          std::vector<std::string>& faults) {
     std::vector<std::string> expected;
     std::map<std::string, int> of_prefix;
-    std::for_each(crash_files.rbegin(), crash_files.rend(), [&](const inside::fs::path& file) {
+    std::for_each(crash_files.rbegin(), crash_files.rend(), [&](const device::fs::path& file) {
         const std::string kept = file.parent_path();
         const std::string staged = kStaging + file.parent_path().filename().string();
         for (const std::string& folder : {kept, staged}) {
-            if (folder == staged ? inside::fs::exists(staged)
+            if (folder == staged ? device::fs::exists(staged)
                                  : ++of_prefix[kept.substr(0, kept.find('_'))] <= 10) {
                 expected.insert(expected.end(), {folder, folder + "/eventfile",
                                                  folder + "/" + file.filename().string()});

@@ -74,7 +74,7 @@ class ledger {
     }
 
     // The copies of crash files in the folders of collected events, in the order of the notices.
-    const std::vector<inside::fs::path>& crash_files() const { return crash_files_; }
+    const std::vector<device::fs::path>& crash_files() const { return crash_files_; }
 
     // Settled events that had to be collected.
     size_t certain() const { return certain_; }
@@ -117,7 +117,7 @@ class ledger {
                               line);
         }
         const std::vector<std::string> fields = android::base::Split(line, "|");
-        crash_files_.push_back(inside::fs::path(fields[3]) / fields[0]);
+        crash_files_.push_back(device::fs::path(fields[3]) / fields[0]);
         history_.push_back(one.category + " " + one.type + " " + fields[3]);
     }
 
@@ -125,7 +125,7 @@ class ledger {
     std::deque<delivery> outstanding_;
     std::map<std::string, int> next_count_;  // by delivery::folder
     size_t certain_ = 0;
-    std::vector<inside::fs::path> crash_files_;
+    std::vector<device::fs::path> crash_files_;
     std::vector<std::string> history_ = {"REBOOT UNKNOWN "};  // as it must be; one daemon start
     std::vector<std::string> faults_;
 };

@@ -138,9 +138,9 @@ class session {
     // --- From rest to rest ---
 
     void boot() {
-        inside::write_program("/system/bin/am", kWitness);
+        device::write_program("/system/bin/am", kWitness);
         fs::permissions("/data/notices", fs::perms(0666));
-        inside::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
+        device::write_file("/vendor/audiohal/dump/record.pcm", std::string(1 << 20, 'p'));
         // The upgrade check, at the daemon's first start, sets some properties, too. Files are
         // small so that all that rotates does.
         run(R"sh(set -e
@@ -152,7 +152,7 @@ class session {
             setprop persist.service.brevix.gl.num 3
             setprop sys.tcpdump.size 1,3
             setprop sys.tcpdump.file soak)sh");
-        steering_.daemon = inside::processes_named("zq_brevix").at(0);
+        steering_.daemon = device::processes_named("zq_brevix").at(0);
     }
 
     void play(const action& one) {
@@ -165,7 +165,7 @@ class session {
     void stop_capture() {
         steering_.switch_to(kCaptureSwitch, false);
         steering_.expect("the captures' end",
-                         [] { return inside::processes_named("logcat").empty(); });
+                         [] { return device::processes_named("logcat").empty(); });
     }
 
     // Nothing under way, detection on, capture off.
@@ -181,16 +181,16 @@ class session {
 
     // Processes of the device, and threads and descriptors of the daemon, a line each.
     std::vector<std::string> figures() const {
-        return run("cd " + inside::proc(steering_.daemon, "") +
+        return run("cd " + device::proc(steering_.daemon, "") +
                    " || exit 1; ps -A -o NAME >/data/ps; sort /data/ps; ls task | wc -l; "
                    "/usr/bin/readlink fd/* | sort");
     }
 
     void check() {
-        inside::wait_until("/data/logs", [&] { return figures() == first_; });
+        device::wait_until("/data/logs", [&] { return figures() == first_; });
         compare("processes, threads and descriptors", figures(), first_, faults_);
         const long kbytes =
-            inside::proc_number(inside::proc(steering_.daemon, "smaps_rollup"), "Anonymous");
+            device::proc_number(device::proc(steering_.daemon, "smaps_rollup"), "Anonymous");
         first_kbytes_ = first_kbytes_ == 0 ? kbytes : first_kbytes_;  // once it is warm
         if (kbytes > first_kbytes_ + kGrowthKbytes) {
             faults_.push_back("anonymous memory has grown to " + std::to_string(kbytes) + " kB");

@@ -47,7 +47,7 @@ class steering {
     // Waits until `condition` for as long as events are collected meanwhile. It is asked at each
     // log line, and each second.
     void expect(const std::string& what, const std::function<bool()>& condition) {
-        for (size_t before = events.read(); !inside::wait_until(kLogFolder, condition);) {
+        for (size_t before = events.read(); !device::wait_until(kLogFolder, condition);) {
             if (events.read() == before) {
                 throw std::runtime_error("waited in vain for " + what);
             }
@@ -104,7 +104,7 @@ class steering {
                 events.doubt(category.name);
             }
         }
-        if (!inside::set_property(property, value)) {
+        if (!device::set_property(property, value)) {
             throw std::runtime_error("cannot set " + property);
         }
     }
@@ -126,7 +126,7 @@ class steering {
         }
         if (property == kDetectionSwitch) {
             expect(on ? "the watches" : "the watcher's end", [&] {
-                const size_t threads = inside::names_in(inside::proc(daemon, "task")).size();
+                const size_t threads = device::names_in(device::proc(daemon, "task")).size();
                 return watches().size() == (on ? 2 : 0) && (on || threads == kOtherThreads);
             });
         }
@@ -154,7 +154,7 @@ class steering {
     }
 
     void try_out(const crash_kind& kind, bool on) {
-        const bool is_obeyed = inside::wait_until(kLogFolder, [&] {
+        const bool is_obeyed = device::wait_until(kLogFolder, [&] {
             settle();
             const size_t before = events.read();
             deliver(kind, "org.example");
@@ -170,11 +170,11 @@ class steering {
     // fdinfo of an inotify instance has a line "inotify wd:1 ino:2b1f ..." per watch.
     std::vector<std::string> watches() const {
         return run("for folder in /data/system/dropbox /data/tombstones; do cat " +
-                   inside::proc(daemon, "fdinfo/*") +
+                   device::proc(daemon, "fdinfo/*") +
                    " | grep \" ino:$(printf %x $(stat -c %i $folder)) \"; done; true");
     }
 
-    android::base::unique_fd inotify_ = inside::open_inotify();
+    android::base::unique_fd inotify_ = device::open_inotify();
     log_reader log_{LOG_ID_MAIN, inotify_.get()};
     std::map<std::string, size_t> lines_;  // times logged
     // By switch: whether the daemon obeys a "1".
