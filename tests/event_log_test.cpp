@@ -284,12 +284,18 @@ TEST_F(Events, WithoutInotifyOrAThreadDetectionStaysOff) {
         if (pid == 0) {
             inotify_fails = true;
             event_detecting("", true);
+            while (log_lines::count("inotify_init failed") == 0) {
+                sched_yield();
+            }
             event_detecting("", false);
             pause();
         }
         EXPECT_TRUE(wait_for_text(log_lines::kFile, ": exit\n"));
         kill(pid, SIGKILL);
-        EXPECT_THAT(log.lines(), Contains(StartsWith("E ZQ_EVENT_LOG: inotify_init failed. ")));
+        EXPECT_THAT(log.lines(),
+                    ElementsAre("I ZQ_EVENT_LOG: start detecting",
+                                StartsWith("E ZQ_EVENT_LOG: inotify_init failed. "),
+                                "I ZQ_EVENT_LOG: stop detecting", "I ZQ_EVENT_LOG: exit"));
     }
     const log_lines log;
     let_threads_fail();

@@ -204,7 +204,7 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
                                  : "";
     run("chown -R system:system /data");
     kill(daemon_.pid, SIGKILL);
-    daemon_.start_again_after_its_end("umask 077; exec " + user + "zq_brevix");
+    daemon_.start_again_after_its_end("umask 077; trap '' CHLD; exec " + user + "zq_brevix");
     wait_until_armed(2);
     for (size_t i = 1; i <= 10; ++i) {
         kill(daemon_.pid, SIGSTOP);
@@ -278,6 +278,9 @@ TEST_F(Watcher, AnUnmountedDirectoryIsLoggedAndWatchedAtTheNextSwitchOn) {
     ASSERT_TRUE(wait_for_log("/data/tombstones has been snooped", 4));
     write_file(kTombstones + "tombstone_01", "");
     ASSERT_TRUE(wait_for_notices(3));
+    fs::remove_all(kTombstones);
+    ASSERT_TRUE(wait_for_log("/data/tombstoneshas been deleted"));
+    EXPECT_FALSE(fs::exists(kDropbox)) << "what was not watched is not made";
 }
 
 // The app may remove staged folders at any time, also between the listing and the stat of them.
