@@ -8,8 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <iterator>
-#include <map>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "look/files.h"
@@ -32,13 +31,9 @@ constexpr const char* kUsage =
     throw std::runtime_error(why);
 }
 
-struct wish {
+struct wish : look::options {
     std::string command, number;
     std::vector<look::fs::path> dirs;
-    std::map<std::string, std::string> options;  // by name; "" for one without argument
-
-    bool has(const std::string& name) const { return options.contains(name); }
-    std::string get(const std::string& name) const { return has(name) ? options.at(name) : ""; }
 };
 
 // "report DIR FILE" and "events N DIR" in either order are older forms.
@@ -50,23 +45,21 @@ void read_word(wish& wanted, const std::string& word, bool is_last) {
         wanted.number = word;
     } else if (wanted.command == "report" && is_last && !wanted.dirs.empty() &&
                !look::fs::is_directory(word)) {
-        wanted.options["out"] = word;
+        wanted.given["out"] = word;
     } else {
         wanted.dirs.emplace_back(word);
     }
 }
 
 wish read_arguments(int argc, char* argv[]) {
-    static constexpr const char* kWithText[] = {"last",  "since",   "until", "type", "package",
-                                                "issue", "symbols", "out",   "at",   "default"};
-    static constexpr const char* kWithout[] = {"newest", "issues", "json", "help"};
     std::vector<option> known;
-    std::ranges::transform(kWithText, std::back_inserter(known), [](auto name) {
-        return option{name, required_argument, nullptr, 0};
-    });
-    std::ranges::transform(kWithout, std::back_inserter(known), [](auto name) {
-        return option{name, no_argument, nullptr, 0};
-    });
+    for (const char* name : {"last", "since", "until", "type", "package", "issue", "symbols", "out",
+                             "at", "default"}) {
+        known.push_back({name, required_argument, nullptr, 0});
+    }
+    for (const char* name : {"newest", "issues", "json", "help"}) {
+        known.push_back({name, no_argument, nullptr, 0});
+    }
     known.push_back({});
     wish wanted;
     int index = 0;
@@ -76,7 +69,7 @@ wish read_arguments(int argc, char* argv[]) {
         }
         const std::string name = known[index].name;
         const bool adds = name == "type" || name == "package" || name == "issue";
-        wanted.options[name] =
+        wanted.given[name] =
             (adds ? wanted.get(name) + " " : "") + (optarg == nullptr ? "" : optarg);
     }
     for (; optind < argc; ++optind) {
@@ -86,19 +79,6 @@ wish read_arguments(int argc, char* argv[]) {
         wanted.dirs.emplace_back(wanted.get("default"));
     }
     return wanted;
-}
-
-look::selection selection_of(const wish& wanted) {
-    const std::string last = wanted.get("last");
-    if (last.size() > 9 || last.find_first_not_of("0123456789") != last.npos) {
-        fail("'" + last + "' is no number of rows");
-    }
-    return {.last = last.empty() ? 0 : std::stoul(last),
-            .since = wanted.get("since"),
-            .until = wanted.get("until"),
-            .type = wanted.get("type"),
-            .package = wanted.get("package"),
-            .issue = wanted.get("issue")};
 }
 
 // In a terminal the lines of the event log that say what the platform did to a process stand out.
@@ -126,16 +106,14 @@ void print_parts(const std::vector<part>& parts) {
 
 void print_event(collected& all, const entry& e, bool as_json) {
     const std::vector<part> parts = all.describe(e, kPartBytes);
+    nlohmann::ordered_json row = look::row_of(all, e);
     if (as_json) {
-        std::cout << look::row_line(all, e, parts) << '\n';
-        return;
+        row["parts"] = look::parts_json(parts);
+        std::cout << look::line_of(row) << '\n';
+    } else {
+        look::print_fields(row);
+        print_parts(parts);
     }
-    for (const auto& [name, text] : look::fields_of(all, e)) {
-        std::string title = name;
-        std::ranges::transform(title, title.begin(), toupper);
-        std::cout << title << ": " << text << '\n';
-    }
-    print_parts(parts);
 }
 
 void print_events(collected& all, const wish& wanted) {
@@ -152,11 +130,7 @@ void print_events(collected& all, const wish& wanted) {
 }
 
 void print_log(collected& all, const std::string& at) {
-    look::moment last = 0;
-    for (const entry& e : all.entries) {
-        last = std::max(last, e.time);
-    }
-    const look::moment time = look::read_time(at, last);
+    const look::moment time = look::read_time(at, all);
     for (size_t i = 0; i < all.phones.size(); ++i) {
         print_parts({{all.phones[i].name + ", " + look::format_moment(time) +
                           ", 10 seconds before and after (A android, K kernel, E event, R radio)",
@@ -165,14 +139,12 @@ void print_log(collected& all, const std::string& at) {
 }
 
 void print_json(const collected& all, bool issues) {
+    const auto print = [](const auto& row) { std::cout << look::line_of(row) << '\n'; };
     if (issues) {
-        for (const look::issue& one : all.issues) {
-            std::cout << look::issue_line(one) << '\n';
-        }
-        return;
-    }
-    for (const entry& e : all.entries) {
-        std::cout << look::row_line(all, e) << '\n';
+        std::ranges::for_each(all.issues, print, [](const auto& one) { return look::row_of(one); });
+    } else {
+        std::ranges::for_each(all.entries, print,
+                              [&](const entry& e) { return look::row_of(all, e); });
     }
 }
 
@@ -188,7 +160,7 @@ void run(const wish& wanted) {
         names.open(wanted.get("symbols"));
     }
     collected all(wanted.dirs, names);
-    look::select(all, selection_of(wanted));
+    look::select(all, wanted);
     if (is_report) {
         look::write_page(all, wanted.get("out"));
         std::cout << wanted.get("out") << '\n';

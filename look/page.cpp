@@ -17,56 +17,6 @@ namespace {
 
 using nlohmann::ordered_json;
 
-constexpr size_t kTextBytes = 512;
-
-// "<" is escaped: "</script>" in a string would end the page's script element.
-std::string line_of(const ordered_json& value) {
-    std::string result;
-    for (const char c : value.dump(-1, ' ', false, ordered_json::error_handler_t::replace)) {
-        c == '<' ? result += "\\u003c" : result += c;
-    }
-    return result;
-}
-
-ordered_json parts_json(const std::vector<part>& parts) {
-    ordered_json list = ordered_json::array();
-    for (const auto& [title, text] : parts) {
-        list.push_back({printable(title, ""), printable(text)});
-    }
-    return list;
-}
-
-ordered_json row_json(const collected& all, const entry& e) {
-    ordered_json row = ordered_json::object();
-    for (const auto& [name, text] : fields_of(all, e)) {
-        row[name] = text;
-    }
-    if (e.is_gone) {
-        row["gone"] = true;
-    }
-    return row;
-}
-
-ordered_json issue_json(const issue& one) {
-    ordered_json object = {{"id", one.id}, {"count", one.count}, {"phones", one.phones}};
-    const auto add = [&](const char* name, const ordered_json& value, bool is_there) {
-        if (is_there) {
-            object[name] = value;
-        }
-    };
-    add("first", one.first, one.first != 0);
-    add("last", one.last, one.last != 0);
-    for (const auto& [name, text] : {std::pair("first_build", one.first_build),
-                                     {"last_build", one.last_build},
-                                     {"type", one.type},
-                                     {"package", one.package},
-                                     {"line", one.line}}) {
-        add(name, printable(text.substr(0, kTextBytes), ""), !text.empty());
-    }
-    add("new", true, one.is_new);
-    return object;
-}
-
 ordered_json data_json(const collected& all) {
     ordered_json data = {{"phones", ordered_json::array()},
                          {"rows", ordered_json::array()},
@@ -75,20 +25,12 @@ ordered_json data_json(const collected& all) {
         data["phones"].push_back(printable(one.name, ""));
     }
     for (const entry& e : all.entries) {
-        ordered_json row = row_json(all, e);
-        row["t"] = e.time;
-        row["e"] = e.end;
-        row["stack"] = printable(e.words, "");
-        const auto is_empty = [](const ordered_json& value) { return value == 0 || value == ""; };
-        for (const char* name : {"t", "e", "stack"}) {
-            if (is_empty(row[name])) {
-                row.erase(name);
-            }
-        }
-        data["rows"].push_back(std::move(row));
+        data["rows"].push_back(row_of(all, e));
+        data["rows"].back().update(compact({{"t", e.time}, {"e", e.end}, {"stack", e.words}}));
     }
     for (const issue& one : all.issues) {
-        data["issues"].push_back(issue_json(one));
+        data["issues"].push_back(row_of(one));
+        data["issues"].back().update(compact({{"first", one.first}, {"last", one.last}}));
     }
     return data;
 }
@@ -113,22 +55,12 @@ void write_page(collected& all, const std::string& file) {
     }
 }
 
-std::string row_line(const collected& all, const entry& e, const std::vector<part>& parts) {
-    ordered_json row = row_json(all, e);
-    if (!parts.empty()) {
-        row["parts"] = parts_json(parts);
+ordered_json parts_json(const std::vector<part>& parts) {
+    ordered_json list = ordered_json::array();
+    for (const auto& [title, text] : parts) {
+        list.push_back({printable(title, ""), printable(text)});
     }
-    return line_of(row);
-}
-
-std::string issue_line(const issue& one) {
-    ordered_json object = issue_json(one);
-    for (const char* name : {"first", "last"}) {
-        if (object.contains(name)) {
-            object[name] = format_moment(object[name]);
-        }
-    }
-    return line_of(object);
+    return list;
 }
 
 }  // namespace look

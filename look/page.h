@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <vector>
 
 #include "look/collected.h"
 
@@ -37,9 +39,7 @@ namespace look {
 // Throws std::runtime_error when the file cannot be written.
 void write_page(collected& all, const std::string& file);
 
-// Objects of a line each: a row, without "t", "e" and "stack", with its parts as "parts" when there
-// are any; and an issue, with "first" and "last" as text.
-std::string row_line(const collected& all, const entry& e, const std::vector<part>& parts = {});
-std::string issue_line(const issue& one);
+// An event's parts as a line of "details" holds them.
+nlohmann::ordered_json parts_json(const std::vector<part>& parts);
 
 }  // namespace look

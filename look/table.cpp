@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <numeric>
 #include <set>
 #include <sstream>
@@ -19,6 +20,8 @@
 namespace look {
 
 namespace {
+
+using nlohmann::ordered_json;
 
 constexpr size_t kCellBytes = 512;
 
@@ -53,12 +56,30 @@ bool holds(const std::string& text, const std::string& words) {
 // --- The table ---------------------------------------------------------------------------------
 
 struct column {
-    const char* title;
+    const char* name;  // in JSON
     size_t max_width;  // what a wider cell has beyond shifts the cells behind it
     size_t min_width;  // what a narrow terminal leaves of it
 };
 
 using row = std::vector<std::string>;
+
+// "FIRST BUILD" of "first_build".
+std::string title_of(std::string name) {
+    std::ranges::transform(name, name.begin(), [](char c) { return c == '_' ? ' ' : toupper(c); });
+    return name;
+}
+
+std::string text_of(const ordered_json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+row cells_of(const std::vector<column>& columns, const ordered_json& object) {
+    row cells;
+    for (const column& one : columns) {
+        cells.push_back(object.contains(one.name) ? text_of(object[one.name]) : "");
+    }
+    return cells;
+}
 
 size_t width_of(std::string_view text) {
     return std::ranges::count_if(text, [](char c) { return (c & 0xC0) != 0x80; });
@@ -91,7 +112,7 @@ size_t terminal_width() {
 std::vector<size_t> widths_of(const std::vector<column>& columns, const std::vector<row>& rows) {
     std::vector<size_t> widths;
     for (size_t i = 0; i < columns.size(); ++i) {
-        size_t widest = width_of(columns[i].title);
+        size_t widest = width_of(columns[i].name);
         for (const row& cells : rows) {
             widest = std::max(widest, width_of(cells[i]));
         }
@@ -119,7 +140,7 @@ void print_rows(const std::vector<column>& columns, const std::vector<row>& rows
     }
     row titles;
     for (const column& one : columns) {
-        titles.emplace_back(one.title);
+        titles.push_back(title_of(one.name));
     }
     const auto print = [&](const row& cells) {
         std::string line;
@@ -136,27 +157,33 @@ void print_rows(const std::vector<column>& columns, const std::vector<row>& rows
     std::ranges::for_each(rows, print);
 }
 
-std::string cell(const std::string& text) {
-    return printable(text.substr(0, kCellBytes), "");
-}
-
 std::string number_of(int number) {
     return number == 0 ? "" : std::to_string(number);
 }
 
-std::string damage_of(const entry& e) {
-    return e.damage.substr(0, e.damage.size() - std::min<size_t>(2, e.damage.size()));
+std::string time_of(moment time) {
+    return time == 0 ? "" : format_moment(time);
 }
 
-std::string folder_of(const entry& e) {
-    const std::string twin = e.twin == 0 ? "" : " [same crash as " + std::to_string(e.twin) + "]";
-    const std::string damage = e.damage.empty() ? "" : " [" + damage_of(e) + "]";
-    return (e.is_gone ? "gone" : e.name) + twin + damage;
+// With marks in brackets.
+std::string folder_of(const ordered_json& object) {
+    std::string text = object.contains("gone") ? "gone" : object.value("folder", "");
+    for (const auto& [name, what] : {std::pair("twin", "same crash as "), {"damage", ""}}) {
+        text += object.contains(name) ? " [" + (what + object.value(name, "")) + "]" : "";
+    }
+    return text;
+}
+
+size_t read_count(const std::string& text) {
+    if (text.size() > 9 || text.find_first_not_of("0123456789") != text.npos) {
+        throw std::runtime_error("'" + text + "' is no number of rows");
+    }
+    return text.empty() ? 0 : std::stoul(text);
 }
 
 }  // namespace
 
-moment read_time(const std::string& text, moment last, bool end) {
+moment read_time(const std::string& text, const collected& all, bool end) {
     struct form {
         const char* format;
         moment span;
@@ -169,22 +196,24 @@ moment read_time(const std::string& text, moment last, bool end) {
         }
     }
     if (const moment span = read_span(text); span != 0) {
-        return last - span;
+        return (all.entries.empty() ? 0 : all.entries.back().time) - span;
     }
     throw std::runtime_error("'" + text +
                              "' is no time; \"2026-11-12\", \"2026-11-12 14:32\", \"2 hours\" are");
 }
 
-void select(collected& all, const selection& wanted) {
-    const moment last = all.entries.empty() ? 0 : all.entries.back().time;
-    const moment since = wanted.since.empty() ? 0 : read_time(wanted.since, last);
-    const moment until = wanted.until.empty() ? INT64_MAX : read_time(wanted.until, last, true);
+void select(collected& all, const options& wanted) {
+    const auto has = [&](const char* name) { return wanted.has(name); };
+    const moment since = has("since") ? read_time(wanted.get("since"), all) : 0;
+    const moment until = has("until") ? read_time(wanted.get("until"), all, true) : INT64_MAX;
+    const size_t last = read_count(wanted.get("last"));
     std::erase_if(all.entries, [&](const entry& e) {
-        return std::max(e.time, e.end) < since || e.time > until || !holds(e.type, wanted.type) ||
-               !holds(e.package, wanted.package) || !holds(e.issue, wanted.issue);
+        return std::max(e.time, e.end) < since || e.time > until ||
+               !holds(e.type, wanted.get("type")) || !holds(e.package, wanted.get("package")) ||
+               !holds(e.issue, wanted.get("issue"));
     });
-    if (wanted.last > 0 && wanted.last < all.entries.size()) {
-        all.entries.erase(all.entries.begin(), all.entries.end() - wanted.last);
+    if (last > 0 && last < all.entries.size()) {
+        all.entries.erase(all.entries.begin(), all.entries.end() - last);
     }
     std::set<std::string> new_ones;  // in all rows
     for (const issue& one : all.issues) {
@@ -196,62 +225,95 @@ void select(collected& all, const selection& wanted) {
     }
 }
 
+ordered_json compact(const fields& all) {
+    ordered_json some = ordered_json::object();
+    for (const auto& [name, value] : all) {
+        if (value.is_string() && value != "") {
+            some[name] = printable(text_of(value).substr(0, kCellBytes), "");
+        } else if (!value.is_string() && value != 0 && value != false) {
+            some[name] = value;
+        }
+    }
+    return some;
+}
+
+ordered_json row_of(const collected& all, const entry& e) {
+    return compact({{"n", number_of(e.number)},
+                    {"phone", all.phones[e.phone].name},
+                    {"build", e.build},
+                    {"time", time_of(e.time)},
+                    {"category", e.category},
+                    {"type", e.type},
+                    {"package", e.package},
+                    {"line", e.line},
+                    {"folder", e.name},
+                    {"gone", e.is_gone},
+                    {"damage", e.damage.substr(0, e.damage.rfind("; "))},
+                    {"issue", e.issue},
+                    {"twin", number_of(e.twin)}});
+}
+
+ordered_json row_of(const issue& one) {
+    return compact({{"id", one.id},
+                    {"count", one.count},
+                    {"phones", one.phones},
+                    {"first", time_of(one.first)},
+                    {"last", time_of(one.last)},
+                    {"first_build", one.first_build},
+                    {"last_build", one.last_build},
+                    {"type", one.type},
+                    {"package", one.package},
+                    {"line", one.line},
+                    {"new", one.is_new}});
+}
+
+std::string line_of(const ordered_json& value) {
+    std::string result;
+    for (const char c : value.dump(-1, ' ', false, ordered_json::error_handler_t::replace)) {
+        c == '<' ? result += "\\u003c" : result += c;
+    }
+    return result;
+}
+
+void print_fields(const ordered_json& object) {
+    for (const auto& [name, value] : object.items()) {
+        std::cout << title_of(name) << ": " << text_of(value) << '\n';
+    }
+}
+
 void print_table(const collected& all) {
-    std::vector<column> columns = {{"N", 8, 8},      {"TIME", 19, 19},    {"CATEGORY", 8, 7},
-                                   {"TYPE", 16, 12}, {"PACKAGE", 32, 12}, {"LINE", 64, 20},
-                                   {"ISSUE", 8, 8},  {"FOLDER", 64, 4}};
-    const bool are_several = all.phones.size() > 1;
-    if (are_several) {
-        columns.insert(columns.begin() + 1, {{"PHONE", 16, 8}, {"BUILD", 24, 8}});
+    std::vector<column> columns = {{"n", 8, 8},      {"time", 19, 19},    {"category", 8, 7},
+                                   {"type", 16, 12}, {"package", 32, 12}, {"line", 64, 20},
+                                   {"issue", 8, 8},  {"folder", 64, 4}};
+    if (all.phones.size() > 1) {
+        columns.insert(columns.begin() + 1, {{"phone", 16, 8}, {"build", 24, 8}});
     }
     std::vector<row> rows;
     for (const entry& e : all.entries) {
-        const std::string number = number_of(e.number);
-        row cells = {number.empty() ? "-" : number,
-                     format_moment(e.time),
-                     e.category,
-                     cell(e.type),
-                     cell(e.package),
-                     cell(e.line),
-                     e.issue,
-                     cell(folder_of(e))};
-        if (are_several) {
-            cells.insert(cells.begin() + 1, {cell(all.phones[e.phone].name), cell(e.build)});
-        }
-        rows.push_back(std::move(cells));
+        ordered_json object = row_of(all, e);
+        object.update({{"n", object.value("n", "-")},
+                       {"time", format_moment(e.time)},
+                       {"folder", folder_of(object)}});
+        rows.push_back(cells_of(columns, object));
     }
     print_rows(columns, rows);
 }
 
 void print_issues(const collected& all) {
     const std::vector<column> columns = {
-        {"ISSUE", 8, 8},  {"COUNT", 6, 5},        {"PHONES", 6, 6},      {"FIRST", 19, 11},
-        {"LAST", 19, 11}, {"FIRST BUILD", 24, 8}, {"LAST BUILD", 24, 8}, {"NEW", 3, 3},
-        {"TYPE", 16, 9},  {"PACKAGE", 32, 12},    {"LINE", 64, 20}};
+        {"issue", 8, 8},  {"count", 6, 5},        {"phones", 6, 6},      {"first", 19, 11},
+        {"last", 19, 11}, {"first_build", 24, 8}, {"last_build", 24, 8}, {"new", 3, 3},
+        {"type", 16, 9},  {"package", 32, 12},    {"line", 64, 20}};
     std::vector<row> rows;
     for (const issue& one : all.issues) {
-        rows.push_back({one.id, std::to_string(one.count), std::to_string(one.phones),
-                        format_moment(one.first), format_moment(one.last), cell(one.first_build),
-                        cell(one.last_build), one.is_new ? "new" : "", cell(one.type),
-                        cell(one.package), cell(one.line)});
+        ordered_json object = row_of(one);
+        object.update({{"issue", one.id},
+                       {"first", format_moment(one.first)},
+                       {"last", format_moment(one.last)},
+                       {"new", one.is_new ? "new" : ""}});
+        rows.push_back(cells_of(columns, object));
     }
     print_rows(columns, rows);
-}
-
-std::vector<std::pair<const char*, std::string>> fields_of(const collected& all, const entry& e) {
-    std::vector<std::pair<const char*, std::string>> fields = {
-        {"n", number_of(e.number)}, {"phone", all.phones[e.phone].name},
-        {"build", e.build},         {"time", e.time == 0 ? "" : format_moment(e.time)},
-        {"category", e.category},   {"type", e.type},
-        {"package", e.package},     {"line", e.line},
-        {"folder", e.name},         {"gone", e.is_gone ? "true" : ""},
-        {"damage", damage_of(e)},   {"issue", e.issue},
-        {"twin", number_of(e.twin)}};
-    std::erase_if(fields, [](const auto& field) { return field.second.empty(); });
-    for (auto& [name, text] : fields) {
-        text = cell(text);
-    }
-    return fields;
 }
 
 }  // namespace look
