@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <numeric>
+#include <optional>
 #include <set>
 
 #include "look/files.h"
@@ -21,48 +23,39 @@ constexpr moment kMonth = 31 * kDay;
 constexpr off_t kBlockBytes = 32 << 10;
 constexpr size_t kLineBytes = 8 << 10;  // more than logcat writes in one
 constexpr int kEndlessBytes = 16 << 20;
-constexpr size_t kStampBytes = sizeof("12-31 23:59:59.999") - 1;
 
 struct stamp {
-    int month = 0, day = 0;
+    std::chrono::month_day date;
     moment time_of_day = 0;
 };
 
-// The digits of "12-31 23:59:59.999" where `form` has 0; false when the text has another form.
-bool read_stamp(std::string_view line, stamp& result) {
+// Reads the digits of "12-31 23:59:59.999" where `kForm` has 0; nothing when the text has another
+// form.
+std::optional<stamp> read_stamp(std::string_view line) {
     constexpr std::string_view kForm = "00-00 00:00:00.000";
-    if (line.size() < kStampBytes) {
-        return false;
-    }
-    int digits[kStampBytes] = {};
-    for (size_t i = 0; i < kStampBytes; ++i) {
-        digits[i] = line[i] - '0';
-        if (kForm[i] == '0' ? digits[i] < 0 || digits[i] > 9 : line[i] != kForm[i]) {
-            return false;
+    unsigned digits[kForm.size()] = {};
+    for (size_t i = 0; i < kForm.size(); ++i) {
+        digits[i] = i < line.size() ? line[i] - '0' : 10;
+        if (kForm[i] == '0' ? digits[i] > 9 : i >= line.size() || line[i] != kForm[i]) {
+            return {};
         }
     }
     const auto two = [&](size_t at) { return digits[at] * 10 + digits[at + 1]; };
-    result = {two(0), two(3),
-              ((two(6) * 60 + two(9)) * 60 + two(12)) * kSecond + digits[15] * 100 + two(16)};
-    return result.month >= 1 && result.month <= 12 && result.day >= 1 && result.day <= 31 &&
-           result.time_of_day < kDay;
+    const moment time =
+        ((two(6) * 60 + two(9)) * 60 + two(12)) * kSecond + digits[15] * 100 + two(16);
+    const std::chrono::month_day date{std::chrono::month(two(0)), std::chrono::day(two(3))};
+    return date.ok() && time < kDay ? std::optional(stamp{date, time}) : std::nullopt;
 }
 
 // Midnight of the first such day that is not older than `origin`.
 moment day_from(const stamp& line, moment origin) {
-    const time_t seconds = origin / kSecond;
-    tm date{};
-    gmtime_r(&seconds, &date);
-    const int year = date.tm_year;
-    moment day = 0;
-    for (int i = 0; i < 2 && (i == 0 || day + line.time_of_day < origin); ++i) {
-        date = {};
-        date.tm_year = year + i;
-        date.tm_mon = line.month - 1;
-        date.tm_mday = line.day;
-        day = timegm(&date) * kSecond;
-    }
-    return day;
+    using namespace std::chrono;
+    const sys_time<milliseconds> begin{milliseconds(origin)};
+    const year first = year_month_day(floor<days>(begin)).year();
+    const bool is_next = sys_days(first / line.date) + milliseconds(line.time_of_day) < begin;
+    return sys_time<milliseconds>(sys_days((first + years(is_next ? 1 : 0)) / line.date))
+        .time_since_epoch()
+        .count();
 }
 
 // Gives the lines of one file their times. Successive lines mostly are of the same day.
@@ -72,32 +65,26 @@ class clock_of {
 
     // 0 for a line without a time.
     moment time(std::string_view line) {
-        stamp found;
-        if (!read_stamp(line, found)) {
+        const std::optional<stamp> found = read_stamp(line);
+        if (!found) {
             return 0;
         }
-        if (found.month != known_.month || found.day != known_.day) {
-            known_ = found;
-            day_ = day_from(found, file_.origin);
+        if (found->date != date_) {
+            date_ = found->date;
+            day_ = day_from(*found, file_.origin);
             const bool is_counted = day_ < file_.origin + kMonth + 2 * kDay;
             if (file_.origin < kClockIsSet && !is_counted && file_.set_origin != 0) {
-                day_ = day_from(found, file_.set_origin);
+                day_ = day_from(*found, file_.set_origin);
             }
         }
-        return day_ + found.time_of_day;
+        return day_ + found->time_of_day;
     }
 
   private:
     const log_file& file_;
-    stamp known_;
+    std::chrono::month_day date_{};
     moment day_ = 0;
 };
-
-void end_block(std::vector<log_block>& blocks, off_t at) {
-    if (!blocks.empty()) {
-        blocks.back().bytes = at - blocks.back().at;
-    }
-}
 
 // A block ends where the clock jumps, so that its times tell what is in it.
 void add_to_blocks(std::vector<log_block>& blocks, off_t at, moment time) {
@@ -105,7 +92,6 @@ void add_to_blocks(std::vector<log_block>& blocks, off_t at, moment time) {
     constexpr moment kAhead = 3600 * kSecond;
     if (blocks.empty() || at - blocks.back().at >= kBlockBytes ||
         time < blocks.back().last - kBack || time > blocks.back().last + kAhead) {
-        end_block(blocks, at);
         blocks.push_back({at, 0, time, time});
     }
     blocks.back().first = std::min(blocks.back().first, time);
@@ -126,34 +112,31 @@ class window {
     window(moment time, size_t max_bytes) : middle_(time + kSecond), max_bytes_(max_bytes / 2) {}
 
     void add(moment time, std::string line) {
-        const size_t bytes = line.size() - 1;  // as in the file: the letter and a blank for "\n"
-        if (time < middle_) {
-            bytes_before_ += bytes;
-            before_.emplace_back(time, std::move(line));
-        } else if (bytes_behind_ < max_bytes_) {
-            bytes_behind_ += bytes;
-            behind_.emplace_back(time, std::move(line));
-        } else {
-            is_cut_behind_ = true;
+        half& to = time < middle_ ? before_ : behind_;
+        if (&to == &behind_ && to.bytes >= max_bytes_) {
+            to.is_cut = true;
+            return;
         }
-        for (; bytes_before_ > max_bytes_; before_.pop_front()) {
-            bytes_before_ -= before_.front().second.size() - 1;
-            is_cut_before_ = true;
+        to.bytes += line.size() - 1;  // as in the file: the letter and a blank for "\n"
+        to.lines.emplace_back(time, std::move(line));
+        for (; before_.bytes > max_bytes_; before_.lines.pop_front()) {
+            before_.bytes -= before_.lines.front().second.size() - 1;
+            before_.is_cut = true;
         }
     }
 
     // Inserts the lines that `is_new`.
     template <typename Test>
     void append_to(std::multimap<moment, std::string>& lines, Test is_new) {
-        if (is_cut_before_) {
-            before_.emplace_front(before_.empty() ? middle_ : before_.front().first,
-                                  "[more lines before: cut]");
+        if (before_.is_cut) {
+            before_.lines.emplace_front(before_.lines.empty() ? middle_ : before_.lines[0].first,
+                                        "[more lines before: cut]");
         }
-        if (is_cut_behind_) {
-            behind_.emplace_back(behind_.back().first, "[more lines behind: cut]");
+        if (behind_.is_cut) {
+            behind_.lines.emplace_back(behind_.lines.back().first, "[more lines behind: cut]");
         }
-        for (const auto* some : {&before_, &behind_}) {
-            for (const auto& [time, line] : *some) {
+        for (const half* some : {&before_, &behind_}) {
+            for (const auto& [time, line] : some->lines) {
                 if (is_new(line)) {
                     lines.emplace(time, line);
                 }
@@ -162,11 +145,15 @@ class window {
     }
 
   private:
+    struct half {
+        std::deque<std::pair<moment, std::string>> lines;
+        size_t bytes = 0;
+        bool is_cut = false;
+    };
+
     moment middle_;
     size_t max_bytes_;
-    std::deque<std::pair<moment, std::string>> before_, behind_;
-    size_t bytes_before_ = 0, bytes_behind_ = 0;
-    bool is_cut_before_ = false, is_cut_behind_ = false;
+    half before_, behind_;
 };
 
 // Adds the lines of one block that are from `begin` up to `end`. A line without a time continues a
@@ -200,9 +187,11 @@ moment last_time(log_file& file) {
     std::string_view rest = tail;
     clock_of clock(file);
     moment time = 0;
-    for (bool is_whole = at == 0; !rest.empty(); is_whole = true) {
-        const moment own = clock.time(is_whole ? rest : rest.substr(0, 0));
-        take_line(rest);
+    if (at > 0) {
+        take_line(rest);  // its start may be missing
+    }
+    for (; !rest.empty(); take_line(rest)) {
+        const moment own = clock.time(rest);
         time = own == 0 ? time : own;
     }
     if (time == 0 && at > 0) {
@@ -280,12 +269,14 @@ void index_log(log_file& file) {
                 add_to_blocks(file.blocks, at + (rest.data() - buffer.data()), time);
             }
             reads_inside = end == rest.npos ? reads_inside + 1 : 0;
-            rest.remove_prefix(end == rest.npos ? rest.size() : end + 1);
+            take_line(rest);
+            if (!file.blocks.empty()) {
+                file.blocks.back().bytes = at + size - rest.size() - file.blocks.back().at;
+            }
         }
         at += size - static_cast<ssize_t>(rest.size());
         file.is_endless = reads_inside >= kEndlessBytes / kReadBytes;
     }
-    end_block(file.blocks, at);
 }
 
 std::string lines_around(const std::vector<log_file*>& files, moment time, size_t max_bytes) {
@@ -294,24 +285,17 @@ std::string lines_around(const std::vector<log_file*>& files, moment time, size_
     std::multimap<moment, std::string> lines;
     std::set<std::string> notes;
     std::map<std::string, const log_file*> owners;  // a log snapshot repeats what the capture holds
-    std::map<char, int> place;                      // of the block in its channel, from 1 on
-    std::map<char, int> last;                       // place of the last one with lines
+    std::map<char, std::string> shown;  // an "x" for each block of the channel with lines
     for (log_file* file : files) {
         if (!file->is_indexed) {
             index_log(*file);
         }
         const std::string name = file->path.filename();
-        const char channel = file->channel;
         window nearest(time, max_bytes);
         for (const log_block& block : file->blocks) {
-            ++place[channel];
-            if (block.first < end && block.last >= begin) {
-                if (last[channel] != 0 && place[channel] > last[channel] + 1 &&
-                    !name.starts_with("pre_")) {
-                    notes.insert(std::string{'[', channel} +
-                                 ": the clock has shown this time more than once]\n");
-                }
-                last[channel] = place[channel];
+            const bool is_near = block.first < end && block.last >= begin;
+            shown[file->channel] += name.starts_with("pre_") ? "" : is_near ? "x" : " ";
+            if (is_near) {
                 add_lines(*file, block, begin, end, nearest);
             }
         }
@@ -321,6 +305,12 @@ std::string lines_around(const std::vector<log_file*>& files, moment time, size_
         nearest.append_to(lines, [&](const std::string& line) {
             return owners.try_emplace(line, file).first->second == file;
         });
+    }
+    for (const auto& [channel, blocks] : shown) {
+        if (blocks.find(' ', blocks.find('x')) < blocks.find_last_not_of(' ') + 1) {
+            notes.insert(std::string{'[', channel} +
+                         ": the clock has shown this time more than once]\n");
+        }
     }
     std::string text;
     for (const auto& [at, line] : lines) {

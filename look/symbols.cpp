@@ -3,8 +3,8 @@
 #include "look/symbols.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,9 +44,8 @@ std::string build_id_of(const fs::path& path) {
 }  // namespace
 
 symbols::~symbols() {
-    if (child_ > 0) {
-        fclose(to_);
-        fclose(from_);
+    if (from_ != nullptr) {
+        fclose(from_);  // the child ends with its input
         waitpid(child_, nullptr, 0);
     }
 }
@@ -58,27 +57,23 @@ void symbols::open(const fs::path& dir) {
             libraries_.emplace(id, file.path());
         }
     }
-    int in[2];
-    int out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
-        throw std::runtime_error("no pipe to llvm-symbolizer");
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        throw std::runtime_error("no socket to llvm-symbolizer");
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     const char* const argv[] = {"llvm-symbolizer", "--no-inlines", nullptr};
     const int error =
         posix_spawnp(&child_, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
+    close(ends[1]);
+    from_ = fdopen(ends[0], "r");
     if (error != 0) {
         throw std::runtime_error("llvm-symbolizer cannot be started; its Debian package: llvm");
     }
-    signal(SIGPIPE, SIG_IGN);  // should the child end
-    to_ = fdopen(in[1], "w");
-    from_ = fdopen(out[0], "r");
 }
 
 // The answer is the function, its place and an empty line; what is not known begins with "??".
@@ -87,7 +82,8 @@ const symbols::answer& symbols::ask(const fs::path& library, std::string_view ad
     const auto [known, is_new] = known_.try_emplace(question);
     const bool is_one =
         std::ranges::count(question, '"') == 2 && std::ranges::count(question, '\n') == 1;
-    if (is_new && is_one && fputs(question.c_str(), to_) >= 0 && fflush(to_) == 0) {
+    if (is_new && is_one &&
+        send(fileno(from_), question.data(), question.size(), MSG_NOSIGNAL) > 0) {
         char line[4096];
         for (size_t i = 0; fgets(line, sizeof(line), from_) != nullptr && *line != '\n'; ++i) {
             const std::string_view text = std::string_view(line).substr(0, strcspn(line, "\n"));

@@ -32,8 +32,7 @@ class symbols {
 
     std::map<std::string, std::filesystem::path> libraries_;  // by BuildId
     std::map<std::string, answer> known_;                     // by question
-    FILE* to_ = nullptr;
-    FILE* from_ = nullptr;
+    FILE* from_ = nullptr;                                    // a socket; questions go there, too
     pid_t child_ = 0;
 };
 
