@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <sstream>
 
 #include "look/files.h"
 
@@ -23,27 +25,23 @@ constexpr size_t kLineBytes = 1024;
 
 // Blank-separated names; "*" stands for any end.
 // Code that every app runs through, and that tells nothing about it:
-constexpr std::string_view kRuntime =
+constexpr const char* kRuntime =
     "java.* javax.* android.os.* android.app.* com.android.internal.* kotlin.* kotlinx.* dalvik.* "
     "libcore.* sun.* jdk.*";
 // What runs between the function that gives up and the signal:
-constexpr std::string_view kAborters =
+constexpr const char* kAborters =
     "abort raise tgkill pthread_kill syscall abort_message __assert* __fortify_fatal* "
     "__stack_chk_fail __android_log_* __cxa_throw __cxa_rethrow android::base::DefaultAborter* "
     "android::base::SetAborter* android::base::LogMessage::* art::Runtime::Abort* "
     "art::Thread::AssertNo* std::terminate* std::__terminate* demangling_terminate_handler* "
     "scudo::die* scudo::report* scudo::ScopedErrorReport* fdsan_error*";
 
-bool is_one_of(std::string_view names, std::string_view name) {
-    while (!names.empty()) {
-        const std::string_view form = names.substr(0, names.find(' '));
-        const std::string_view start = form.substr(0, form.find('*'));
-        if (form == name || (start != form && name.starts_with(start))) {
-            return true;
-        }
-        names.remove_prefix(std::min(form.size() + 1, names.size()));
-    }
-    return false;
+bool is_one_of(const std::string& forms, std::string_view name) {
+    std::istringstream words(forms);
+    return std::any_of(std::istream_iterator<std::string>(words), {}, [&](const std::string& form) {
+        return form.ends_with('*') ? name.starts_with(form.substr(0, form.size() - 1))
+                                   : name == form;
+    });
 }
 
 bool is_digit(char c) {
@@ -69,6 +67,16 @@ void add_line(stack_part& part, std::string_view line) {
     } else {
         ++part.left_out;
     }
+}
+
+std::string part_text(const stack_part& part, size_t max_lines) {
+    std::string text = part.title + "\n";
+    const size_t shown = std::min(max_lines, part.lines.size());
+    for (size_t i = 0; i < shown; ++i) {
+        text += part.lines[i] + "\n";
+    }
+    const size_t rest = part.lines.size() - shown + part.left_out;
+    return rest == 0 ? text : text + "  [more lines: " + std::to_string(rest) + "]\n";
 }
 
 int number(std::string_view text) {
@@ -101,10 +109,8 @@ std::string without_numbers(std::string_view text) {
 // The function's name without the offset in it and what the linker appends to it.
 std::string_view function_of(const native_frame& frame) {
     std::string_view name = frame.symbol;
-    const size_t plus = name.rfind('+');
-    if (plus != name.npos && name.find_first_not_of("0123456789", plus + 1) == name.npos) {
-        name = name.substr(0, plus);
-    }
+    const size_t last = name.find_last_not_of("0123456789");
+    name = last != name.npos && name[last] == '+' ? name.substr(0, last) : name;
     return name.substr(0, std::min(name.find(".llvm."), name.find(".cfi")));
 }
 
@@ -133,10 +139,10 @@ std::vector<std::string> frame_keys(const std::vector<std::string>& lines) {
     return keys;
 }
 
-std::string joined(const std::vector<std::string>& words, size_t limit = kSignature) {
+std::string joined(const std::vector<std::string>& words) {
     std::string text;
-    for (size_t i = 0; i < std::min(limit, words.size()); ++i) {
-        text += (i == 0 ? "" : " < ") + words[i];
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : " < ") + word;
     }
     return text;
 }
@@ -159,16 +165,11 @@ void read_native(crash& result, std::string_view text) {
     result.pid = number(who);
     const std::string_view name = between(who, ">>> ", " <<<");
     result.process = result.process.empty() ? std::string(name) : result.process;
-    const size_t at = thread.find("\nbacktrace:");
-    std::string_view rest = at == thread.npos ? "" : thread.substr(at + 1);
+    std::string_view rest = between(thread, "\nbacktrace:", "\n\n");
     result.stack.push_back({"pid: " + line_of(who), {}, 0});
     take_line(rest);
-    while (!rest.empty()) {
-        const std::string_view line = take_line(rest);
-        if (read_frame(line).address.empty()) {
-            break;
-        }
-        add_line(result.stack[0], line);
+    while (!rest.empty() && !read_frame(rest.substr(0, rest.find('\n'))).address.empty()) {
+        add_line(result.stack[0], take_line(rest));
     }
     const std::vector<std::string> keys = frame_keys(result.stack[0].lines);
     result.signature = joined(keys);
@@ -206,8 +207,8 @@ std::string own_method(std::string_view line) {
 
 std::vector<std::string> own_methods(const std::vector<std::string>& lines) {
     std::vector<std::string> methods;
-    for (const std::string& line : lines) {
-        if (std::string method = own_method(line); !method.empty()) {
+    for (size_t i = 0; i < lines.size() && methods.size() < kSignature; ++i) {
+        if (std::string method = own_method(lines[i]); !method.empty()) {
             methods.push_back(std::move(method));
         }
     }
@@ -224,9 +225,8 @@ std::string exception_class(std::string_view title) {
 // "java.lang.Error: why" and "com.example.Boom$Fatal".
 bool names_class(std::string_view line) {
     const std::string name = exception_class(line);
-    return name.find('.') != name.npos && std::ranges::all_of(name, [](char c) {
-               return is_word(c) || c == '.' || c == '$' || c == '_';
-           });
+    const auto is_part = [](char c) { return is_word(c) || c == '.' || c == '$' || c == '_'; };
+    return name.find('.') != name.npos && std::ranges::all_of(name, is_part);
 }
 
 // The place of the exception whose first frame comes next: its message may have several lines.
@@ -250,13 +250,11 @@ void read_java(crash& result, std::string_view body) {
     while (!body.empty()) {
         const std::string_view line = take_line(body);
         const std::string_view words = trimmed(line);
-        const bool is_frame = is_java_frame(line) || words.starts_with("... ");
-        const bool is_cause = line.starts_with("Caused by: ");
-        if (is_cause || words.starts_with("Suppressed: ") || words.starts_with("Caused by: ")) {
+        if (words.starts_with("Suppressed: ") || words.starts_with("Caused by: ")) {
+            result.cause = line.starts_with("Caused by: ") ? result.stack.size() : result.cause;
             result.stack.push_back({line_of(line), {}, 0});
-            result.cause = is_cause ? result.stack.size() - 1 : result.cause;
             is_message = true;
-        } else if (is_frame) {
+        } else if (is_java_frame(line) || words.starts_with("... ")) {
             add_line(result.stack.back(), line);
             is_message = false;
         } else if (!is_message) {
@@ -297,13 +295,9 @@ std::vector<stack_part> threads_in(std::string_view dump) {
     return threads;
 }
 
-std::string_view waiting_line(const stack_part& thread) {
-    for (const std::string& line : thread.lines) {
-        if (trimmed(line).starts_with("- waiting to lock ")) {
-            return line;
-        }
-    }
-    return {};
+// "<0x0d15ea5e> (a com.example.Lock) held by thread 17"
+std::string awaited_lock(const stack_part& thread) {
+    return std::string(between(part_text(thread, kFrames), "\n  - waiting to lock ", "\n"));
 }
 
 // The thread whose line holds `mark`, and each one that holds the lock that the one before waits
@@ -319,7 +313,8 @@ std::vector<stack_part> blocked_threads(const std::vector<stack_part>& threads, 
             break;
         }
         blocked.push_back(*found);
-        const std::string_view holder = between(waiting_line(*found), "held by thread ", " ");
+        const std::string lock = awaited_lock(*found);
+        const std::string_view holder = between(lock, "held by thread ", " ");
         mark = holder.empty() ? "" : " tid=" + std::string(holder) + " ";
     }
     return blocked;
@@ -327,16 +322,15 @@ std::vector<stack_part> blocked_threads(const std::vector<stack_part>& threads, 
 
 // A frame of its own, else the first of any kind.
 std::string first_method(const stack_part& part) {
-    const std::vector<std::string> methods = own_methods(part.lines);
-    if (!methods.empty()) {
-        return methods[0];
+    if (const auto own = own_methods(part.lines); !own.empty()) {
+        return own[0];
     }
-    for (const std::string& line : part.lines) {
-        if (is_java_frame(line)) {
-            return without_indexes(between(line, "at ", "("));
-        }
+    const auto frame = std::ranges::find_if(part.lines, is_java_frame);
+    if (frame != part.lines.end()) {
+        return without_indexes(between(*frame, "at ", "("));
     }
-    return joined(frame_keys(part.lines), 1);
+    const std::vector<std::string> keys = frame_keys(part.lines);
+    return keys.empty() ? "" : keys[0];
 }
 
 // "Blocked in monitor com.example.Lock on foreground thread (fg)" is about a class, "Blocked in
@@ -358,9 +352,10 @@ void read_dump(crash& result, std::string_view text, std::string_view subject) {
     if (is_watchdog) {
         result.signature = blocked_class(subject);
     } else if (!result.stack.empty()) {
-        const std::string_view lock = between(waiting_line(result.stack[0]), "(a ", ")");
+        const std::string lock = awaited_lock(result.stack[0]);
+        const std::string_view kind = between(lock, "(a ", ")");
         result.signature = first_method(result.stack[0]);
-        result.signature += lock.empty() ? "" : " waits for " + std::string(lock);
+        result.signature += kind.empty() ? "" : " waits for " + std::string(kind);
         result.signature += result.stack.size() < 2 ? "" : " in " + first_method(result.stack[1]);
     }
 }
@@ -415,16 +410,6 @@ void read_stack(crash& result, std::string_view text, std::string_view header) {
 }
 
 // --- The stack as text -------------------------------------------------------------------------
-
-std::string part_text(const stack_part& part, size_t max_lines) {
-    std::string text = part.title + "\n";
-    const size_t shown = std::min(max_lines, part.lines.size());
-    for (size_t i = 0; i < shown; ++i) {
-        text += part.lines[i] + "\n";
-    }
-    const size_t rest = part.lines.size() - shown + part.left_out;
-    return rest == 0 ? text : text + "  [more lines: " + std::to_string(rest) + "]\n";
-}
 
 std::string all_parts(const crash& from, size_t cause_lines, size_t other_lines) {
     std::string text;
