@@ -5,10 +5,13 @@
 #include "look/collected.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <iomanip>
+#include <iterator>
 #include <map>
 #include <set>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 
@@ -32,12 +35,16 @@ const std::map<std::string, std::string> kDirs = {{"CRASH", "crashlog"}, {"CUSTO
 // without a word.
 std::vector<fs::path> list(const fs::path& dir) {
     int error = 0;
-    const std::vector<fs::path> paths = entries_of(dir, error);
+    const std::vector<fs::path> paths = entries_of(dir, &error);
     if (error != 0 && error != ENOENT) {
         throw std::runtime_error(dir.string() + ": " +
                                  (error == ELOOP ? "links are not followed" : strerror(error)));
     }
     return paths;
+}
+
+moment time_in(const std::string& name) {
+    return parse_moment(name.substr(name.rfind('_') + 1), "%Y-%m-%d-%H-%M-%S");
 }
 
 // "crashlog_5_ANR_2026-01-01-00-09-30" in its fields; empty when it has another form.
@@ -47,18 +54,13 @@ std::vector<std::string> fields_of(const std::string& name, size_t count) {
     for (std::string field; std::getline(stream, field, '_');) {
         fields.push_back(field);
     }
-    const bool has_count = fields.size() == count && !fields[1].empty() &&
-                           fields[1].find_first_not_of("0123456789") == name.npos;
-    return has_count ? fields : std::vector<std::string>();
-}
-
-moment time_in(const std::string& name) {
-    return parse_moment(name.substr(name.rfind('_') + 1), "%Y-%m-%d-%H-%M-%S");
+    const bool is_whole = fields.size() == count && !fields[1].empty() && time_in(name) != 0 &&
+                          fields[1].find_first_not_of("0123456789") == name.npos;
+    return is_whole ? fields : std::vector<std::string>();
 }
 
 fs::path crash_file(const fs::path& folder) {
-    int error = 0;
-    for (const fs::path& path : entries_of(folder, error)) {
+    for (const fs::path& path : entries_of(folder)) {
         const std::string name = path.filename();
         if (name.find('@') != name.npos || name.starts_with("tombstone") ||
             name.starts_with("ZQEvent_")) {
@@ -86,7 +88,7 @@ void read_crash_file(entry& event, symbols& names) {
 // Fills in what the name of the event's folder says and what the folder holds.
 void read_folder(entry& event, const fs::path& parent, symbols& names) {
     const std::vector<std::string> fields = fields_of(event.name, 4);
-    if (fields.empty() || time_in(event.name) == 0) {
+    if (fields.empty()) {
         event.damage += "its folder's name is cut; ";
         return;
     }
@@ -94,7 +96,7 @@ void read_folder(entry& event, const fs::path& parent, symbols& names) {
     event.package = event.category == "CUSTOM" ? fields[0] : "";
     const fs::path folder = parent / event.name;
     int error = 0;
-    entries_of(folder, error);
+    entries_of(folder, &error);
     if (error == ENOENT) {
         return;
     }
@@ -123,19 +125,22 @@ entry& add(std::vector<entry>& rows, const std::string& category, moment time,
 
 // "CRASH   2026-01-01/00:09:30 ANR /data/logs/crashlog/crashlog_5_ANR_2026-01-01-00-09-30".
 struct history_line {
-    std::string before, category, rest;  // `before`: a line that was cut
+    std::string category, rest;
     moment time = 0;
 };
 
-history_line read_line_at(const std::string& line, size_t at) {
-    for (const std::string category : {"REBOOT", "CRASH", "CUSTOM"}) {
+// Without category when no whole line begins there.
+history_line read_line(const std::string& line, size_t at) {
+    const char* text = &line[at];
+    for (const std::string_view category : {"REBOOT", "CRASH", "CUSTOM"}) {
         char date[20] = "";
-        int end = 0;
-        if (line.compare(at, category.size(), category) == 0 &&
-            sscanf(&line[at + category.size()], " %19[-0-9/:] %n", date, &end) == 1) {
-            const std::string rest = line.substr(at + category.size() + end);
-            return {line.substr(0, at), category, rest.substr(0, rest.find_last_not_of(' ') + 1),
-                    parse_moment(date, "%Y-%m-%d/%H:%M:%S")};
+        int size = 0;
+        if (strncmp(text, category.data(), category.size()) == 0 &&
+            sscanf(text + category.size(), " %19[-0-9/:] %n", date, &size) == 1) {
+            std::string rest = line.substr(at + category.size() + size);
+            rest.resize(rest.find_last_not_of(' ') + 1);
+            const moment time = parse_moment(date, "%Y-%m-%d/%H:%M:%S");
+            return {rest.empty() || time == 0 ? "" : std::string(category), rest, time};
         }
     }
     return {};
@@ -145,17 +150,18 @@ history_line read_line_at(const std::string& line, size_t at) {
 void read_history_line(std::vector<entry>& rows, const fs::path& logs, const std::string& line,
                        symbols& names) {
     history_line found;
-    for (size_t at = line.size(); at-- > 0 && (found.time == 0 || found.rest.empty());) {
-        found = read_line_at(line, at);
+    size_t at = line.size();
+    while (at > 0 && found.category.empty()) {
+        found = read_line(line, --at);
     }
-    if (found.time == 0 || found.rest.empty()) {
+    if (found.category.empty()) {
         entry& event = add(rows, "?", rows.empty() ? 0 : rows.back().time);
         event.line = line;
         event.damage = "its line is cut; ";
         return;
     }
-    if (!found.before.empty()) {
-        read_history_line(rows, logs, found.before, names);
+    if (at > 0) {
+        read_history_line(rows, logs, line.substr(0, at), names);
     }
     entry& event = add(rows, found.category, found.time);
     event.type = found.rest;
@@ -216,14 +222,13 @@ void mark_gone(std::vector<entry>& rows) {
     const auto prefix_of = [](const entry& e) { return e.name.substr(0, e.name.find('_')); };
     for (const entry& e : rows) {
         if (!e.folder.empty()) {
-            long& count = lowest.try_emplace(prefix_of(e), count_in(e.name)).first->second;
+            long& count = lowest.try_emplace(prefix_of(e), LONG_MAX).first->second;
             count = std::min(count, count_in(e.name));
         }
     }
     for (entry& e : rows) {
-        if (e.folder.empty() && !fields_of(e.name, 4).empty() && time_in(e.name) != 0) {
-            const auto kept = lowest.find(prefix_of(e));
-            e.is_gone = kept != lowest.end() && count_in(e.name) < kept->second;
+        if (e.folder.empty() && !fields_of(e.name, 4).empty()) {
+            e.is_gone = lowest.contains(prefix_of(e)) && count_in(e.name) < lowest[prefix_of(e)];
             e.damage += e.is_gone ? "" : "its folder is not in this copy; ";
         }
     }
@@ -233,59 +238,65 @@ void mark_gone(std::vector<entry>& rows) {
 
 // Opens the logs of all channels and notes what there is to be seen of them.
 void open_channels(phone& from, capture& about, entry& row, moment set_start) {
-    for (const log_channel& channel : kChannels) {
+    for (const auto& [letter, name] : kChannels) {
         std::string damage;
-        for (log_file& file :
-             open_log(row.folder, channel.name, channel.letter, row.time, set_start, damage)) {
-            about.letters += channel.letter;
+        for (log_file& file : open_log(row.folder, name, letter, row.time, set_start, damage)) {
+            about.letters += letter;
             row.end = std::max(row.end, file.last);
             from.files.push_back(std::move(file));
         }
-        about.unreadable +=
-            damage.find("cannot be read") == damage.npos ? "" : std::string(1, channel.letter);
+        if (damage.find("cannot be read") != damage.npos) {
+            about.unreadable += letter;
+        }
         row.damage += damage;
     }
 }
 
-// When the clock was set. The row is where its lines are, not in 1970.
-moment first_set_time(std::vector<log_file>& files, size_t from) {
-    moment first = 0;
-    for (size_t i = from; i < files.size(); ++i) {
-        index_log(files[i]);
-        for (const log_block& block : files[i].blocks) {
-            const bool is_set = block.first >= kClockIsSet;
-            first = is_set && (first == 0 || block.first < first) ? block.first : first;
+// When the clock was set; 0 when it never was. The row is where its lines are, not in 1970.
+moment first_set_time(std::span<log_file> files) {
+    moment first = LLONG_MAX;
+    for (log_file& file : files) {
+        index_log(file);
+        for (const log_block& block : file.blocks) {
+            first = block.first >= kClockIsSet ? std::min(first, block.first) : first;
         }
     }
-    return first;
+    return first == LLONG_MAX ? 0 : first;
+}
+
+// Fills in what the logs of a capture say.
+void read_logs(phone& from, capture& about, entry& row, moment set_start) {
+    const size_t before = from.files.size();
+    open_channels(from, about, row, set_start);
+    row.line = "until " + format_moment(row.end);
+    if (row.time < kClockIsSet) {
+        if (const moment set = first_set_time(std::span(from.files).subspan(before)); set != 0) {
+            row.time = set;
+            row.damage += "its clock began in 1970; ";
+        }
+    }
 }
 
 void read_capture(std::vector<entry>& rows, phone& from, const fs::path& path, moment set_start) {
     const std::string name = path.filename();
-    const bool is_packed = name.ends_with(".tar.gz");
-    int error = 0;
-    entry& row =
-        add(rows, "CAPTURE", time_in(name.substr(0, name.size() - (is_packed ? 7 : 0))), name);
+    const std::string stem = name.substr(0, name.find(".tar.gz"));
+    entry& row = add(rows, "CAPTURE", time_in(stem), name);
     row.number = 0;
     row.folder = path;
-    if (fields_of(name, 3).empty() || row.time == 0) {
+    if (fields_of(stem, 3).empty()) {
         row.damage = "its name is cut; ";
         return;
     }
-    capture about{name, 0, 0, "", ""};
-    entries_of(path, error);
-    if (is_packed || error != 0) {
-        about.unreadable = "*";
-        row.damage = is_packed        ? "it is packed; "
-                     : error == ELOOP ? "it is a link; "
-                                      : "it cannot be read; ";
+    capture about{name, 0, 0, "", "*"};
+    int error = 0;
+    entries_of(path, &error);
+    if (stem != name) {
+        row.damage = "it is packed; ";
+    } else if (error != 0) {
+        row.damage = error == ELOOP ? "it is a link; " : "it cannot be read; ";
     } else {
-        const size_t before = from.files.size();
-        open_channels(from, about, row, set_start);
-        row.line = "until " + format_moment(row.end);
-        const moment set = row.time < kClockIsSet ? first_set_time(from.files, before) : 0;
-        row.damage += set == 0 ? "" : "its clock began in 1970; ";
-        row.time = set == 0 ? row.time : set;
+        about.unreadable = "";
+        read_logs(from, about, row, set_start);
     }
     about.begin = row.time;
     about.end = row.end;
@@ -351,9 +362,8 @@ std::string reasons(const phone& from, moment time, const std::string& lines) {
 // --- Description -------------------------------------------------------------------------------
 
 std::string sizes_in(const fs::path& dir) {
-    int error = 0;
     std::ostringstream list;
-    for (const fs::path& path : entries_of(dir, error)) {
+    for (const fs::path& path : entries_of(dir)) {
         std::error_code code;
         const bool is_file = fs::symlink_status(path, code).type() == fs::file_type::regular;
         list << std::setw(12) << (is_file ? std::to_string(fs::file_size(path, code)) : "-") << "  "
@@ -391,18 +401,15 @@ std::string summary(const entry& event, const collected& all) {
 }
 
 bool holds_logs(const fs::path& dir) {
+    static const std::set<fs::path> kNames = {"history.event", "general_log", "crashlog",
+                                              "zqeventlog"};
     int error = 0;
-    for (const fs::path& path : entries_of(dir, error)) {
-        for (const char* name : {"history.event", "general_log", "crashlog", "zqeventlog"}) {
-            if (path.filename() == name) {
-                return true;
-            }
-        }
-    }
+    const std::vector<fs::path> paths = entries_of(dir, &error);
     if (error == EACCES) {
         throw std::runtime_error(dir.string() + ": " + strerror(error));
     }
-    return false;
+    return std::ranges::any_of(
+        paths, [](const fs::path& path) { return kNames.contains(path.filename()); });
 }
 
 fs::path find_logs(const fs::path& dir) {
@@ -462,16 +469,12 @@ std::string collected::log_at(size_t place, moment time, const fs::path& folder,
     std::string damage;
     std::vector<log_file> snapshot;
     std::vector<log_file*> files;
-    for (const log_channel& channel : kChannels) {
-        for (log_file& file : open_log(folder, std::string("pre_") + channel.name, channel.letter,
-                                       time, 0, damage)) {
-            snapshot.push_back(std::move(file));
-        }
+    for (const auto& [letter, name] : kChannels) {
+        std::ranges::move(open_log(folder, std::string("pre_") + name, letter, time, 0, damage),
+                          std::back_inserter(snapshot));
     }
-    for (std::vector<log_file>* some : {&from.files, &snapshot}) {
-        for (log_file& file : *some) {
-            files.push_back(&file);
-        }
+    for (std::span<log_file> some : {std::span(from.files), std::span(snapshot)}) {
+        std::ranges::transform(some, std::back_inserter(files), [](log_file& f) { return &f; });
     }
     const std::string lines = lines_around(files, time, max_bytes);
     return lines + (damage.empty() ? "" : "[" + damage.substr(0, damage.size() - 2) + "]\n") +
@@ -482,19 +485,17 @@ std::vector<part> collected::describe(const entry& event, size_t max_bytes) {
     std::string damage;  // is in the entry already
     std::vector<part> parts;
     const auto add = [&](const std::string& title, const std::string& text) {
-        if (!text.empty()) {
-            parts.emplace_back(title, shortened(text, max_bytes));
-        }
+        parts.emplace_back(title, shortened(text, max_bytes));
     };
-    const fs::path crash = event.folder.empty() ? "" : crash_file(event.folder);
     add("Summary", summary(event, *this));
-    if (!event.folder.empty()) {
+    const fs::path crash = event.folder.empty() ? "" : crash_file(event.folder);
+    if (!crash.empty()) {
         const std::string text = names_.name_frames(read_head(crash, kCrashBytes, damage));
         parts.emplace_back("Stack", stack_text(read_crash(text), max_bytes));
     }
     parts.emplace_back("Log, 10 seconds before and after (A android, K kernel, E event, R radio)",
                        log_at(event.phone, event.time, event.folder, max_bytes));
-    if (!event.folder.empty()) {
+    if (!crash.empty()) {
         add("Files", sizes_in(event.folder));
         add("Head of " + crash.filename().string(), read_head(crash, max_bytes, damage));
         add("Report", read_head(event.folder / "eventfile", max_bytes, damage));

@@ -86,19 +86,19 @@ std::string damage_of(const std::string& name, int error) {
     return is_none ? "no " + name + "; " : name + " cannot be read; ";
 }
 
-std::vector<fs::path> entries_of(const fs::path& dir, int& error) {
+std::vector<fs::path> entries_of(const fs::path& dir, int* error) {
     std::error_code code;
-    const fs::file_status status = fs::symlink_status(dir, code);
-    error = fs::is_symlink(status) ? ELOOP : code.value();
-    if (error != 0) {
-        return {};
-    }
     std::vector<fs::path> paths;
-    for (fs::directory_iterator at(dir, code), end; !code && at != end; at.increment(code)) {
-        paths.push_back(at->path());
+    const bool is_link = fs::is_symlink(dir, code);
+    if (!code && !is_link) {
+        for (fs::directory_iterator at(dir, code), end; !code && at != end; at.increment(code)) {
+            paths.push_back(at->path());
+        }
     }
-    error = code.value();
-    std::sort(paths.begin(), paths.end());
+    if (error != nullptr) {
+        *error = is_link ? ELOOP : code.value();
+    }
+    std::ranges::sort(paths);
     return paths;
 }
 

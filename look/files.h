@@ -34,8 +34,8 @@ android::base::unique_fd open_file(const fs::path& path);
 // "no NAME; " or "NAME cannot be read; ".
 std::string damage_of(const std::string& name, int error);
 
-// The names in a directory, sorted, and `error`, an errno: 0 when it could be listed.
-std::vector<fs::path> entries_of(const fs::path& dir, int& error);
+// The paths in a directory, sorted. `error`: an errno, 0 when it could be listed.
+std::vector<fs::path> entries_of(const fs::path& dir, int* error = nullptr);
 
 // Returns the first bytes of a file, unpacked when it is packed. Appends to `damage` what is wrong
 // with it, each followed by "; ".

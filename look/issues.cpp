@@ -56,37 +56,37 @@ std::string newest_build(const std::vector<entry>& entries) {
     return builds.size() > 1 ? newest : "";
 }
 
-void count(issue& one, const entry& e) {
-    ++one.count;
-    one.first = one.first == 0 ? e.time : one.first;
-    one.last = e.time;
-    if (!e.build.empty()) {
-        one.first_build = one.first_build.empty() ? e.build : one.first_build;
-        one.last_build = e.build;
+issue issue_of(const std::vector<const entry*>& events) {
+    std::set<size_t> phones;
+    const entry& last = *events.back();
+    issue one{.id = last.issue, .type = last.type, .package = last.package, .line = last.line};
+    for (const entry* e : events) {
+        phones.insert(e->phone);
+        one.first = one.first == 0 ? e->time : one.first;
+        one.first_build = one.first_build.empty() ? e->build : one.first_build;
+        one.last_build = e->build.empty() ? one.last_build : e->build;
     }
-    one.type = e.type;
-    one.package = e.package;
-    one.line = e.line;
+    one.last = last.time;
+    one.count = events.size();
+    one.phones = phones.size();
+    return one;
 }
 
 }  // namespace
 
 std::vector<issue> group(std::vector<entry>& entries) {
     find_twins(entries);
-    std::map<std::string, issue> found;
-    std::map<std::string, std::set<size_t>> phones;
+    const std::string newest = newest_build(entries);
+    std::map<std::string, std::vector<const entry*>> found;
     for (const entry& e : entries) {
         if (!e.issue.empty() && e.twin == 0) {
-            count(found.try_emplace(e.issue, issue{e.issue}).first->second, e);
-            phones[e.issue].insert(e.phone);
+            found[e.issue].push_back(&e);
         }
     }
-    const std::string newest = newest_build(entries);
     std::vector<issue> issues;
-    for (auto& [id, one] : found) {
-        one.phones = phones[id].size();
+    for (const auto& [id, events] : found) {
+        issue& one = issues.emplace_back(issue_of(events));
         one.is_new = !newest.empty() && one.first_build == newest;
-        issues.push_back(std::move(one));
     }
     std::ranges::stable_sort(issues, std::greater(), &issue::count);
     return issues;

@@ -221,10 +221,9 @@ std::string format_moment(moment time) {
 
 std::vector<log_file> open_log(const fs::path& dir, const std::string& name, char channel,
                                moment start, moment set_start, std::string& damage) {
-    int error = 0;
     int highest = 0;
     std::vector<log_file> files;
-    std::vector<fs::path> paths = entries_of(dir, error);
+    std::vector<fs::path> paths = entries_of(dir);
     std::reverse(paths.begin(), paths.end());  // the highest number is the oldest
     for (const fs::path& path : paths) {
         const std::string file = path.filename();

@@ -99,10 +99,10 @@ std::string cut(const std::string& text, size_t width) {
 // Columns of the terminal; 0 for anything else, whose lines stay whole.
 size_t terminal_width() {
     winsize size{};
+    const char* columns = getenv("COLUMNS");
     if (isatty(STDOUT_FILENO) == 0) {
         return 0;
     }
-    const char* columns = getenv("COLUMNS");
     if (columns != nullptr && atoi(columns) > 0) {
         return atoi(columns);
     }
@@ -184,13 +184,9 @@ size_t read_count(const std::string& text) {
 }  // namespace
 
 moment read_time(const std::string& text, const collected& all, bool end) {
-    struct form {
-        const char* format;
-        moment span;
-    };
-    constexpr form kForms[] = {
-        {"%Y-%m-%d", kDay}, {"%Y-%m-%d %H:%M", 60 * kSecond}, {"%Y-%m-%d %H:%M:%S", kSecond}};
-    for (const auto& [format, span] : kForms) {
+    for (const auto& [format, span] : {std::pair("%Y-%m-%d", kDay),
+                                       {"%Y-%m-%d %H:%M", 60 * kSecond},
+                                       {"%Y-%m-%d %H:%M:%S", kSecond}}) {
         if (const moment time = parse_moment(text, format); time != 0) {
             return end ? time + span - 1 : time;
         }
