@@ -52,10 +52,11 @@ moment day_from(const stamp& line, moment origin) {
     using namespace std::chrono;
     const sys_time<milliseconds> begin{milliseconds(origin)};
     const year first = year_month_day(floor<days>(begin)).year();
-    const bool is_next = sys_days(first / line.date) + milliseconds(line.time_of_day) < begin;
-    return sys_time<milliseconds>(sys_days((first + years(is_next ? 1 : 0)) / line.date))
-        .time_since_epoch()
-        .count();
+    sys_time<milliseconds> day = sys_days(first / line.date);
+    if (day + milliseconds(line.time_of_day) < begin) {
+        day = sys_days((first + years(1)) / line.date);
+    }
+    return day.time_since_epoch().count();
 }
 
 // Gives the lines of one file their times. Successive lines mostly are of the same day.

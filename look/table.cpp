@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -73,14 +74,6 @@ std::string text_of(const ordered_json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-row cells_of(const std::vector<column>& columns, const ordered_json& object) {
-    row cells;
-    for (const column& one : columns) {
-        cells.push_back(object.contains(one.name) ? text_of(object[one.name]) : "");
-    }
-    return cells;
-}
-
 size_t width_of(std::string_view text) {
     return std::ranges::count_if(text, [](char c) { return (c & 0xC0) != 0x80; });
 }
@@ -112,7 +105,7 @@ size_t terminal_width() {
 std::vector<size_t> widths_of(const std::vector<column>& columns, const std::vector<row>& rows) {
     std::vector<size_t> widths;
     for (size_t i = 0; i < columns.size(); ++i) {
-        size_t widest = width_of(columns[i].name);
+        size_t widest = 0;
         for (const row& cells : rows) {
             widest = std::max(widest, width_of(cells[i]));
         }
@@ -132,15 +125,20 @@ void fit(std::vector<size_t>& widths, const std::vector<column>& columns, size_t
     }
 }
 
-void print_rows(const std::vector<column>& columns, const std::vector<row>& rows) {
+// `object_of` gives the fields of a row.
+void print_rows(const std::vector<column>& columns, const auto& all, auto object_of) {
+    std::vector<row> rows(1 + all.size());
+    std::ranges::transform(columns, std::back_inserter(rows[0]), title_of, &column::name);
+    for (size_t i = 0; i < all.size(); ++i) {
+        const ordered_json object = object_of(all[i]);
+        for (const column& one : columns) {
+            rows[i + 1].push_back(object.contains(one.name) ? text_of(object[one.name]) : "");
+        }
+    }
     std::vector<size_t> widths = widths_of(columns, rows);
     const size_t terminal = terminal_width();
     if (terminal != 0) {
         fit(widths, columns, terminal);
-    }
-    row titles;
-    for (const column& one : columns) {
-        titles.push_back(title_of(one.name));
     }
     const auto print = [&](const row& cells) {
         std::string line;
@@ -153,7 +151,6 @@ void print_rows(const std::vector<column>& columns, const std::vector<row>& rows
         line.resize(line.find_last_not_of(' ') + 1);
         std::cout << (terminal == 0 ? line : cut(line, terminal)) << '\n';
     };
-    print(titles);
     std::ranges::for_each(rows, print);
 }
 
@@ -284,15 +281,13 @@ void print_table(const collected& all) {
     if (all.phones.size() > 1) {
         columns.insert(columns.begin() + 1, {{"phone", 16, 8}, {"build", 24, 8}});
     }
-    std::vector<row> rows;
-    for (const entry& e : all.entries) {
+    print_rows(columns, all.entries, [&](const entry& e) {
         ordered_json object = row_of(all, e);
         object.update({{"n", object.value("n", "-")},
                        {"time", format_moment(e.time)},
                        {"folder", folder_of(object)}});
-        rows.push_back(cells_of(columns, object));
-    }
-    print_rows(columns, rows);
+        return object;
+    });
 }
 
 void print_issues(const collected& all) {
@@ -300,16 +295,14 @@ void print_issues(const collected& all) {
         {"issue", 8, 8},  {"count", 6, 5},        {"phones", 6, 6},      {"first", 19, 11},
         {"last", 19, 11}, {"first_build", 24, 8}, {"last_build", 24, 8}, {"new", 3, 3},
         {"type", 16, 9},  {"package", 32, 12},    {"line", 64, 20}};
-    std::vector<row> rows;
-    for (const issue& one : all.issues) {
+    print_rows(columns, all.issues, [](const issue& one) {
         ordered_json object = row_of(one);
         object.update({{"issue", one.id},
                        {"first", format_moment(one.first)},
                        {"last", format_moment(one.last)},
                        {"new", one.is_new ? "new" : ""}});
-        rows.push_back(cells_of(columns, object));
-    }
-    print_rows(columns, rows);
+        return object;
+    });
 }
 
 }  // namespace look
