@@ -105,16 +105,16 @@ TEST_F(Folder, IsMadeWithItsLastComponentOpenAndAComposedNameCut) {
 }
 
 TEST_F(Folder, IsRemovedBelowTheCountKeptAndWithAMalformedName) {
-    for (const char* name :
-         {"ZQLog_0_a", "ZQLog_1_b/deep", "ZQLog_9_c", "ZQLog_bad", "ZQLog_-5_t", "other"}) {
+    for (const char* name : {"ZQLog_0_a", "ZQLog_1_b/deep", "ZQLog_9_c", "ZQLog_bad", "ZQLog_-5_t",
+                             "ZQLogs_0_t", "other"}) {
         fs::create_directories(dir_ + name);
     }
     EXPECT_FALSE(ZQRemoveOldFile(dir_, "ZQLog_", 3, -7, true, false));
     EXPECT_THAT(names_in(dir_),
-                UnorderedElementsAre("ZQLog_0_a", "ZQLog_1_b", "ZQLog_9_c", "other"));
+                UnorderedElementsAre("ZQLog_0_a", "ZQLog_1_b", "ZQLog_9_c", "ZQLogs_0_t", "other"));
     EXPECT_FALSE(ZQRemoveOldFile(dir_, "ZQLog_", 3, 2, true, false));
-    EXPECT_THAT(names_in(dir_), UnorderedElementsAre("ZQLog_9_c", "other"));
-    EXPECT_FALSE(ZQRemoveOldFile(dir_, "", 3, 0, true, false));
+    EXPECT_THAT(names_in(dir_), UnorderedElementsAre("ZQLog_9_c", "ZQLogs_0_t", "other"));
+    EXPECT_FALSE(ZQRemoveOldFile(dir_, "", 3, 1, true, false));
     EXPECT_THAT(names_in(dir_), ElementsAre("ZQLog_9_c"));
 }
 

@@ -406,6 +406,10 @@ TEST_F(Watcher, SigtermForTheProcessEndsItWhicheverThreadTakesIt) {
     wait_until_armed(3);
     tgkill(daemon_.pid, watcher_thread(), SIGTERM);
     EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
+    wait_until_armed(4);
+    switch_detection(false);
+    kill(daemon_.pid, SIGTERM);
+    EXPECT_EQ(daemon_.start_again_after_its_end(), SIGTERM);
 }
 
 // --- Faults --------------------------------------------------------------------------------------
