@@ -160,10 +160,15 @@ std::string output_name(const char* suffix) {
     return "tp_log_" + format_time("%Y-%m-%d_%H-%M-%S", local_time(time(nullptr))) + suffix;
 }
 
-// chown -R may enter a directory that has just been swapped for a link.
-bool has_directory() {
+// chown -R may enter a directory that has just been swapped for a link. A folder that cannot be
+// listed may hold one.
+bool may_hold_directory() {
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(kOutputDir, error)) {
+    const fs::directory_iterator entries(kOutputDir, error);
+    if (error) {
+        return true;
+    }
+    for (const fs::directory_entry& entry : entries) {
         if (entry.symlink_status(error).type() == fs::file_type::directory) {
             LOG(INFO) << "TouchPanel Error: " << entry.path().string() << " is a directory";
             return true;
@@ -177,7 +182,7 @@ void hand_over() {
     LOG(INFO) << kCommand << "\n";
     const ignored_terminal_signals ignored;
     // The command's trailing slash follows a link that replaced the folder meanwhile.
-    if (open_folder() < 0 || has_directory() || run_shell(kCommand) != 0) {
+    if (open_folder() < 0 || may_hold_directory() || run_shell(kCommand) != 0) {
         LOG(INFO) << "TouchPanel Error";
     }
     property_set("sys.brevix.touchpanel.fetch", "0");
