@@ -105,6 +105,7 @@ const std::string kNoTarget =
 class TouchPanel : public Test {
   protected:
     void SetUp() override {
+        umask(0);
         fs::remove_all("/data/logs");
         fs::create_directories(kOutputDir);
         write_file(kOwners, "");
@@ -112,9 +113,10 @@ class TouchPanel : public Test {
         write_file(kReplayData, "never changes");
         write_file(kDiffMode, "");
         write_file(kDiffData, kDiffs);
-        // Ctrl-C meanwhile, which also goes to the tool.
-        write_program("/system/bin/chown",
-                      "kill -INT $PPID; test -e /data/owners && echo $* >/data/owners");
+        // Ctrl-C and Ctrl-\ meanwhile, which also go to the tool.
+        write_program(
+            "/system/bin/chown",
+            "kill -INT $PPID; kill -QUIT $PPID; test -e /data/owners && echo $* >/data/owners");
         write_file(kRequest, "1");
     }
 
@@ -174,6 +176,11 @@ TEST_F(TouchPanel, EachControllerIsCapturedOrItsFailureLogged) {
         fs::create_directories(kOutputDir);
         EXPECT_EQ(output(".txt"), c.text);
         EXPECT_EQ(output(".rep"), c.captures == 2 ? "" : "none");
+        if (c.captures == 2) {
+            const std::vector<std::string> files = names_in(kOutputDir);
+            EXPECT_EQ(mode_of(kOutputDir + files.at(0)), 0644);
+            EXPECT_EQ(mode_of(kOutputDir + files.at(1)), 0666);
+        }
         EXPECT_EQ(fs::exists(kOwners) ? read_file(kOwners) : "",
                   c.missing.empty() ? "-R system:system /data/logs/touch_panel/\n" : "");
     }
@@ -241,6 +248,9 @@ TEST_F(TouchPanel, EveryChangeOfTheNodeIsASnapshot) {
     EXPECT_THAT(dump("62"), HasSubstr(kTimeIsOver));
     driver.join();
     EXPECT_EQ(output(".rep"), expected);
+    signal(SIGALRM, [](int) {});
+    ualarm(100000, 100000);
+    EXPECT_THAT(dump("62"), HasSubstr("TouchPanel polling!! break poll\n" + kHandOver));
 }
 
 TEST_F(TouchPanel, WithoutAControllerNothingIsTouched) {

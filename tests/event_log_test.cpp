@@ -55,6 +55,7 @@ class Events : public Test {
 // --- History -------------------------------------------------------------------------------------
 
 TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
+    umask(0);
     fs::create_directories("/data/e");
     write_history_event("REBOOT", "KERNELPANIC ", nullptr, nullptr, kSomeTime);
     write_history_event("CRASH", "ANR", "/data/e", "", kSomeTime);
@@ -72,6 +73,10 @@ TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
                                                   "TYPE=ANR\n_END\n" +
                                                   "EVENT=LONGCATEGORY\nDATE=2026-11-05/09:00:00\n" +
                                                   device + "TYPE=Freeze\nNAME=com.example\n_END\n");
+
+    for (const std::string path : {kHistory.c_str(), "/data/e/eventfile"}) {
+        EXPECT_EQ(mode_of(path), 0664) << path;
+    }
 
     // The report is longer than the FIFO holds, so it ends after its reader has looked at the
     // history.
@@ -134,7 +139,9 @@ TEST_F(Events, BaseLogDumpEndsWhatHangsAfterTenPasses) {
     EXPECT_EQ(log_lines::count("dump base log not done"), 10U);
     EXPECT_EQ(log_lines::count("log done 0"), 1U) << "one collected by an earlier pass is not done";
     EXPECT_EQ(log_lines::count("log done 1"), 0U) << "a killed one is not done";
-    EXPECT_EQ(log_lines::count("still have some work not done yet, skip"), 1U);
+    EXPECT_THAT(log.lines(),
+                Contains("W ZQ_UTIL: dump base log still have some work not done yet, skip"));
+    EXPECT_EQ(log.lines().back(), "I ZQ_UTIL: dump base log finished");
     while (waitpid(-1, nullptr, 0) > 0) {
     }
     EXPECT_THAT(processes_named("sleep"), IsEmpty()) << "timeout ends its command at SIGTERM alone";
@@ -172,16 +179,26 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
     };
     const std::string dir = "/data/logs/zqeventlog/";
     std::vector<Matcher<std::string>> folders;
+    const log_lines log;
     for (const auto& [name, folder] : cases) {
-        const log_lines log;
+        write_file(kDropbox + name, "");
         EXPECT_EQ(collect("CUSTOM", name), collect_result::done);
         if (!folder.empty()) {
             folders.push_back(AllOf(StartsWith(folder), SizeIs(folder.size() + 19)));  // the time
         }
-        EXPECT_EQ(log_lines::count("filename format incorrectly"), folder.empty() ? 1U : 0U)
-            << name;
         EXPECT_THAT(names_in(dir), UnorderedElementsAreArray(folders)) << name;
     }
+    std::vector<std::string> lines = log.lines();
+    EXPECT_THAT(
+        lines,
+        Contains("I ZQ_EVENT_LOG: parse info from file pkg: com.example.app, eventname: Freeze")
+            .Times(2));
+    std::erase_if(lines, [](auto& line) { return line[0] != 'E'; });
+    const std::string fields = "E ZQ_EVENT_LOG: parse info from filename split size incorrectly";
+    const std::string refused = "E ZQ_EVENT_LOG: filename format incorrectly";
+    EXPECT_THAT(lines, ElementsAre(fields, refused, fields, refused,
+                                   "E ZQ_EVENT_LOG: parse info from filename prefix incorrectly",
+                                   refused, fields, refused));
 }
 
 TEST_F(Events, TheLimitHoldsForFoldersOfAPrefixAndForStagedOnes) {
@@ -224,6 +241,7 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
     write_file("/data/logs/wdt_1.txt", "no");
     write_file("/data/logs/x_wdt_.log", "no");
     fs::create_directories("/data/logs/wdt_dir.log");
+    const log_lines log;
     EXPECT_EQ(collect("UIWDT", name), collect_result::done);
 
     const std::string folder = kCrashlog + names_in(kCrashlog).at(0);
@@ -241,10 +259,23 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
                     "com\\.velmora\\.brevix/\\.logoutput\\.QueueTaskService --es name null "
                     "--es type UIWDT --es path " +
                     folder + " --es time " + kTime + " --user 0")));
+    std::vector<std::string> lines = log.lines();
+    std::erase_if(lines,
+                  [](const std::string& line) { return line.find(" not done ") != line.npos; });
+    const std::string done = "I ZQ_UTIL: dump base log done ";
+    const std::string tag = "I ZQ_UTIL: tag: ";
+    EXPECT_THAT(
+        lines,
+        ElementsAre("I ZQ_UTIL: new count: 0", "I ZQ_EVENT_LOG: Dump for system wdt",
+                    StartsWith(tag + "android, pid: "), StartsWith(tag + "events, pid: "),
+                    StartsWith(tag + "radio, pid: "), StartsWith(tag + "kernel, pid: "), done + "0",
+                    done + "1", done + "2", done + "3", "I ZQ_UTIL: dump base log finished",
+                    "I ZQ_EVENT_LOG: notify eventreport am " + read_lines(kNotices).at(0)));
 }
 
 TEST_F(Events, OnlySystemServerCrashesGetASnapshotAndAllAreStagedBeforeTheNotice) {
     write_program("/system/bin/am", "ls /data/brevix/eventTemp >/data/staged");
+    const log_lines log;
     for (const char* name : {"data_app_crash@1", "system_server_crash@2"}) {
         move_into_dropbox(name);
         EXPECT_EQ(collect("JAVACRASH", name), collect_result::done);
@@ -253,6 +284,7 @@ TEST_F(Events, OnlySystemServerCrashesGetASnapshotAndAllAreStagedBeforeTheNotice
     const std::vector<std::string> folders = names_in(kCrashlog);
     EXPECT_THAT(names_in(kCrashlog + folders.at(0)), ElementsAre("data_app_crash@1", "eventfile"));
     EXPECT_THAT(names_in(kCrashlog + folders.at(1)), SizeIs(6));
+    EXPECT_THAT(log.lines(), Contains("I ZQ_EVENT_LOG: Dump for system crash").Times(1));
 }
 
 TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
@@ -272,6 +304,8 @@ TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
     ASSERT_TRUE(mount_memory(folder));
     EXPECT_EQ(collect("JAVACRASH", gone), collect_result::done);
     EXPECT_EQ(log.lines().back(), "E ZQ_EVENT_LOG: remove old file failed!");
+    EXPECT_THAT(log.lines(),
+                Contains(MatchesRegex("E ZQ_UTIL: remove failed: " + folder + "error: [a-z]+:16")));
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));
 }
 
@@ -313,6 +347,7 @@ TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     set_property("ro.debuggable", "1");
     set_property("persist.service.brevix.ev.num", "12");
     fs::create_directories("/data/e");
+    const log_lines log;
     // In a process of its own, because observer threads never end.
     const pid_t pid = fork();
     if (pid == 0) {
@@ -330,6 +365,8 @@ TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     EXPECT_THAT(read_lines(kHistory).at(0), MatchesRegex("REBOOT  .{19} KERNELPANIC     "));
     EXPECT_THAT(read_file("/data/e/eventfile"),
                 AllOf(HasSubstr("BOARD=board\n"), HasSubstr("DEBUGGABLE=1\n")));
+    EXPECT_THAT(log.lines(), ElementsAre("I ZQ_EVENT_LOG: panic mode: 1",
+                                         "W ZQ_EVENT_LOG: reboot because of kernel panic !!!"));
 }
 
 }  // namespace

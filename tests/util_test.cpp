@@ -48,6 +48,7 @@ TEST(Times, FollowTheZoneThatIsSet) {
 
 TEST(Retention, NextCountFollowsTheHighest) {
     make_dirs("/data/e/", {"ZQLog_x_1", "ZQLog_-5_t", "other_9_t"});
+    const log_lines log;
     EXPECT_EQ(ZQGetNewLogCount("/data/e/", "ZQLog_", 3), 0);
     make_dirs("/data/e/", {"ZQLog_0_x", "ZQLog_5_y"});
     write_file("/data/e/ZQLog_5_z", "");
@@ -58,6 +59,9 @@ TEST(Retention, NextCountFollowsTheHighest) {
     EXPECT_EQ(ZQGetNewLogCount("/data/e/", "long_", 3), 0);
     EXPECT_THROW(ZQGetNewLogCount("/data/none/", "", 3), fs::filesystem_error);
     EXPECT_EQ(ZQGetFileCount("/data/e"), 8);
+    const std::string count = "I ZQ_UTIL: new count: ";
+    EXPECT_THAT(log.lines(), ElementsAre(count + "0", count + "6", count + "10",
+                                         count + "-2147483648", count + "0"));
 }
 
 // tmpfs lists entries in the order of their creation, or in reverse: the bad name is in the middle.
@@ -123,6 +127,7 @@ TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
         {"aging build by number", {{"1_t", kCeiling}, {"2_t", kCeiling}}, {"1_t", "2_t"}, "1"},
         {"no aging build", {{"1_t", kCeiling}, {"2_t", kCeiling}}, {"2_t"}, "TRUE"},
     };
+    const log_lines log;
     for (const auto& c : cases) {
         const std::string base = std::string("/data/") + c.what + "/";
         for (const auto& [name, bytes] : c.before) {
@@ -143,6 +148,10 @@ TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
     fs::create_symlink("gone", "/data/the highest/ZQLog_4_t");
     EXPECT_EQ(ZQRemoveFileWithCheckSize("/data/the highest/", 99, "ZQLog_", 3), 0);
     EXPECT_THAT(names_in("/data/the highest"), ElementsAre("ZQLog_5_t", "unrelated"));
+    const std::string tag = "I ZQ_UTIL: ";
+    EXPECT_THAT(log.lines(), IsSupersetOf({tag + "directory= ZQLog_2_t, size= 1000",
+                                           tag + "sum size=1000, total size=2147483649",
+                                           tag + "at least we keep 1 folder"}));
 }
 
 // --- Children and copies -------------------------------------------------------------------------
@@ -174,8 +183,10 @@ TEST(Children, StartWithTheSignalsOfTheParentsStartAndNoDescriptorOfIt) {
     EXPECT_THAT(proc_field("/data/status", "SigIgn"), is_only_pipe);
     {
         const ignored_terminal_signals ignored;
+        EXPECT_THAT(proc_field("/proc/self/status", "SigIgn"), EndsWith("0001006"));
         wait_status(start_shell_group("cat /proc/self/status >/data/status"));
     }
+    EXPECT_THAT(proc_field("/proc/self/status", "SigIgn"), is_only_pipe);
     EXPECT_THAT(proc_field("/data/status", "SigIgn"), is_only_pipe);
     EXPECT_THAT(read_file("/data/fds"),
                 AllOf(HasSubstr("/data/fds"), Not(HasSubstr("/data/held"))));
@@ -204,15 +215,22 @@ TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
     }
     EXPECT_EQ(wait_status(pid) & 0x7f, SIGABRT);
     EXPECT_EQ(run_shell("exit 7"), 7 << 8);
-    run_shell("echo $0 >/data/ran");
-    EXPECT_EQ(read_file("/data/ran"), "sh\n");
+    // What a terminal's Ctrl-C goes to: the process group.
+    const std::string show = "echo $0 $(cut -d ' ' -f 5 /proc/self/stat)";
+    run_shell((show + " >/data/ran").c_str());
+    execute_cmd((show + " >>/data/ran").c_str());
+    EXPECT_THAT(read_lines("/data/ran"), Each("sh " + std::to_string(getpgrp())));
     // Without a shell nothing is started, and so nothing is waited for.
     const pid_t stranger = start("exit 3");
     ASSERT_TRUE(wait_for_end(stranger));
     fs::remove("/system/bin/sh");
+    const log_lines log;
     EXPECT_EQ(run_shell("true"), -1);
     execute_cmd("true");
     ZQCopyFolder("/a", "/b");
+    EXPECT_THAT(log.lines(),
+                ElementsAre("E ZQ_UTIL: fail to run true, error: No such file or directory",
+                            "W ZQ_UTIL: fail to dump true"));
     EXPECT_EQ(wait_status(stranger), 3 << 8);
 }
 
@@ -254,6 +272,7 @@ TEST(Upgrade, MovesOldDefaultsAlone) {
         {"01", "2", "01", "2", "(unset)"},  {"07", "2", "7", "2", "(unset)"},
         {"-3x", "2", "-3", "2", "(unset)"},
     };
+    const log_lines log;
     for (const auto& [version, size, version_after, size_after, rotate_after] : cases) {
         set_property("persist.service.brevix.version", version);
         set_property("persist.sys.apklogfs.size", size);
@@ -264,6 +283,10 @@ TEST(Upgrade, MovesOldDefaultsAlone) {
         EXPECT_EQ(property("persist.sys.apklogfs.rotate_kbytes"), rotate_after) << version;
     }
     EXPECT_EQ(property("persist.sys.kmsglogfs.rotate_kbytes"), "6000");
+    const std::string from_0 = "I ZQ_UPGRADE: upgrade from 0 to 1";
+    EXPECT_THAT(log.lines(),
+                ElementsAre(from_0, from_0, from_0, "I ZQ_UPGRADE: upgrade from 07 to 1",
+                            "I ZQ_UPGRADE: upgrade from -3x to 1"));
     set_property("persist.service.brevix.version", "new");
     EXPECT_THROW(ZQCheckUpgrade(), std::invalid_argument);
 }
