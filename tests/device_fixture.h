@@ -34,6 +34,7 @@ const std::string kCrashlog = "/data/logs/crashlog/";
 const std::string kHistory = "/data/logs/history.event";
 const std::string kNotices = "/data/brevix/queue.log";
 const std::string kTime = "20..-..-..-..-..-..";  // regular expression of a file name's time
+constexpr const char* kZone = "TEST-9:30";        // where local time differs from UTC
 // Regular expression of an empty SigBlk in /proc: bionic keeps the signal of its timers blocked.
 const std::string kNoneBlocked = "0{8}[08]0{7}";
 
@@ -42,6 +43,13 @@ inline void make_event_folders() {
          {"/data/system/dropbox", "/data/tombstones", "/data/brevix", "/data/logs"}) {
         fs::create_directories(dir);
     }
+}
+
+// Whether `text` begins with the local time of a moment ago, in this format of strptime(3).
+inline bool is_now(const std::string& text, const char* format) {
+    tm local{};
+    return strptime(text.c_str(), format, &local) != nullptr &&
+           std::abs(mktime(&local) - time(nullptr)) < 60;
 }
 
 // As the platform does: writes under another name and renames, so no reader sees a partial file.

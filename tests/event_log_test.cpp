@@ -36,6 +36,7 @@ using namespace testing;
 
 const std::string kStaging = "/data/brevix/eventTemp/";
 
+constexpr const char* kDateFormat = "%Y-%m-%d/%H:%M:%S";
 const tm kSomeTime{0, 0, 9, 5, 10, 126, 0, 0, 0, 0, nullptr};  // 2026-11-05 09:00:00
 
 // Until only `count` children of the test still run.
@@ -46,6 +47,7 @@ void wait_for_ends_but(size_t count) {
 class Events : public Test {
   protected:
     void SetUp() override {
+        setenv("TZ", kZone, 1);
         make_event_folders();
         event_num_limit = 10;
         while_asleep = [] { wait_for_ends_but(0); };
@@ -95,7 +97,9 @@ TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
     fs::remove(kHistory);
     mkfifo(kHistory.c_str(), 0600);
     const log_lines log;
-    write_history_event("CRASH", "ANR", nullptr, nullptr, kSomeTime);
+    fs::remove("/data/e/eventfile");
+    write_history_event("CRASH", "ANR", "/data/e", "", kSomeTime);
+    EXPECT_FALSE(fs::exists("/data/e/eventfile"));
     EXPECT_THAT(log.lines(),
                 ElementsAre("E ZQ_EVENT_LOG: open to write history event failed " + kHistory));
 }
@@ -172,6 +176,7 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
         {"ZQEvent__e", "_0_e_"},
         {"ZQEvent_p_" + std::string(40, 'e'), "p_0_" + std::string(31, 'e') + "_"},
         {"ZQEvent_p_\xc3\xa4", "p_1_\xc3\xa4_"},
+        {"ZQEvent_" + std::string(160, 'p') + "_e", std::string(160, 'p') + "_0_e_"},
         {"ZQEvent_com_example_Freeze", ""},
         {"ZQEvent_com@_Freeze", ""},
         {"x_ZQEvent_a_b", ""},
@@ -193,6 +198,8 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
         lines,
         Contains("I ZQ_EVENT_LOG: parse info from file pkg: com.example.app, eventname: Freeze")
             .Times(2));
+    const std::string notice = "I ZQ_EVENT_LOG: notify eventreport ";
+    EXPECT_THAT(lines, Contains(AllOf(StartsWith(notice), SizeIs(notice.size() + 511)))) << "cut";
     std::erase_if(lines, [](auto& line) { return line[0] != 'E'; });
     const std::string fields = "E ZQ_EVENT_LOG: parse info from filename split size incorrectly";
     const std::string refused = "E ZQ_EVENT_LOG: filename format incorrectly";
@@ -247,8 +254,8 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
     const std::string folder = kCrashlog + names_in(kCrashlog).at(0);
     const auto files =
         ElementsAre("eventfile", "pre_android.log", "pre_event.log", "pre_kernel.log",
-                    "pre_radio.log", MatchesRegex("sf_2001-09-..-..-46-40.log"), "state", name,
-                    "transaction_log", "transactions", "wdt_1.log.gz");
+                    "pre_radio.log", "sf_2001-09-09-11-16-40.log", "state", name, "transaction_log",
+                    "transactions", "wdt_1.log.gz");
     EXPECT_THAT(names_in(folder), files);
     EXPECT_THAT(names_in(kStaging + fs::path(folder).filename().string()), files);
     EXPECT_EQ(read_file(folder + "/" + name), "blocked");
@@ -258,7 +265,9 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
                     "startservice -a com\\.velmora\\.brevix\\.action\\.EVENT -n "
                     "com\\.velmora\\.brevix/\\.logoutput\\.QueueTaskService --es name null "
                     "--es type UIWDT --es path " +
-                    folder + " --es time " + kTime + " --user 0")));
+                    folder + " --es time " + folder.substr(folder.size() - 19) + " --user 0")));
+    EXPECT_TRUE(is_now(folder.substr(folder.size() - 19), kFileTimeFormat));
+    EXPECT_TRUE(is_now(read_lines(kHistory).at(0).substr(8), kDateFormat));
     std::vector<std::string> lines = log.lines();
     std::erase_if(lines,
                   [](const std::string& line) { return line.find(" not done ") != line.npos; });
@@ -344,6 +353,9 @@ TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     write_file("/data/config/console-ramoops-0-tmp", "panic");
     set_property("ro.boot.panicmode", "1");
     set_property("ro.product.name", "board");
+    set_property("ro.build.display.id", "release");
+    set_property("ro.build.fingerprint", "print");
+    set_property("ro.boot.verifiedbootstate", "green");
     set_property("ro.debuggable", "1");
     set_property("persist.service.brevix.ev.num", "12");
     fs::create_directories("/data/e");
@@ -363,8 +375,11 @@ TEST_F(Events, StartUpNotesTheRebootAndSavesTheConsoleLog) {
     EXPECT_EQ(read_file(saved), "panic");
     EXPECT_EQ(mode_of(saved), 0777);
     EXPECT_THAT(read_lines(kHistory).at(0), MatchesRegex("REBOOT  .{19} KERNELPANIC     "));
+    EXPECT_TRUE(is_now(read_lines(kHistory).at(0).substr(8), kDateFormat));
+    EXPECT_TRUE(is_now(saved.substr(saved.size() - 19), kFileTimeFormat));
     EXPECT_THAT(read_file("/data/e/eventfile"),
-                AllOf(HasSubstr("BOARD=board\n"), HasSubstr("DEBUGGABLE=1\n")));
+                HasSubstr("\nBOARD=board\nSWVersion=release\nFINGERPRINT=print\n"
+                          "VERIFIED_BOOT_STATE=green\nDEBUGGABLE=1\n"));
     EXPECT_THAT(log.lines(), ElementsAre("I ZQ_EVENT_LOG: panic mode: 1",
                                          "W ZQ_EVENT_LOG: reboot because of kernel panic !!!"));
 }
