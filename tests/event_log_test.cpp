@@ -94,14 +94,17 @@ TEST_F(Events, HistoryAndReportHaveTheirFrozenForm) {
     app.join();
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));
 
+    const log_lines log;
+    write_history_event("CRASH", "ANR", "/none", "", kSomeTime);
+    EXPECT_THAT(read_lines(kHistory), SizeIs(2));
     fs::remove(kHistory);
     mkfifo(kHistory.c_str(), 0600);
-    const log_lines log;
     fs::remove("/data/e/eventfile");
     write_history_event("CRASH", "ANR", "/data/e", "", kSomeTime);
     EXPECT_FALSE(fs::exists("/data/e/eventfile"));
     EXPECT_THAT(log.lines(),
-                ElementsAre("E ZQ_EVENT_LOG: open to write history event failed " + kHistory));
+                ElementsAre("E ZQ_EVENT_LOG: open to write eventfile failed /none/eventfile",
+                            "E ZQ_EVENT_LOG: open to write history event failed " + kHistory));
 }
 
 // --- Base log dump -------------------------------------------------------------------------------

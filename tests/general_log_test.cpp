@@ -186,19 +186,25 @@ TEST_F(GeneralLog, TenCapturesAreKeptBelowTheCeiling) {
 }
 
 TEST_F(GeneralLog, AProgramThatCannotBeStartedIsTheChildsMatter) {
-    const char* const argv[] = {"/none", nullptr};
-    const int pid = ZQRecordLog("test", const_cast<char* const*>(argv));
-    if (pid == 0) {
-        _exit(3);
+    write_file("/data/not_executable", "");
+    for (const char* program : {"/none", "/data/not_executable"}) {
+        const char* const argv[] = {program, nullptr};
+        const int pid = ZQRecordLog("test", const_cast<char* const*>(argv));
+        if (pid == 0) {
+            _exit(3);
+        }
+        EXPECT_EQ(wait_status(pid), 3 << 8) << program;
     }
-    EXPECT_EQ(wait_status(pid), 3 << 8);
 }
 
 // The kernel gives the pid of a collected child to another process.
 TEST_F(GeneralLog, AChildThatWasCollectedIsNotSignalled) {
     const char* const argv[] = {"/system/bin/true", nullptr};
+    const char* const running[] = {"/system/bin/sleep", "1000", nullptr};
+    const pid_t kept = start_kept_child("test", running);
     pid_t pid = start_kept_child("test", argv);
     ASSERT_TRUE(wait_for_end(pid));
+    ASSERT_TRUE(wait_for_end(start("exit")));  // of another's
     reap_ended_children();
     clone_args arguments{};
     arguments.exit_signal = SIGCHLD;
@@ -210,6 +216,7 @@ TEST_F(GeneralLog, AChildThatWasCollectedIsNotSignalled) {
     }
     ASSERT_EQ(stranger, pid);
     signal_kept_children(SIGTERM);
+    EXPECT_EQ(wait_status(kept), SIGTERM);
     kill(stranger, SIGKILL);
     EXPECT_EQ(wait_status(stranger), SIGKILL);
 }

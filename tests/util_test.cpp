@@ -128,6 +128,7 @@ TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
         {"no aging build", {{"1_t", kCeiling}, {"2_t", kCeiling}}, {"2_t"}, "TRUE"},
     };
     const log_lines log;
+    const size_t descriptors = names_in("/proc/self/fd").size();
     for (const auto& c : cases) {
         const std::string base = std::string("/data/") + c.what + "/";
         for (const auto& [name, bytes] : c.before) {
@@ -148,6 +149,7 @@ TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
     fs::create_symlink("gone", "/data/the highest/ZQLog_4_t");
     EXPECT_EQ(ZQRemoveFileWithCheckSize("/data/the highest/", 99, "ZQLog_", 3), 0);
     EXPECT_THAT(names_in("/data/the highest"), ElementsAre("ZQLog_5_t", "unrelated"));
+    EXPECT_EQ(names_in("/proc/self/fd").size(), descriptors);
     const std::string tag = "I ZQ_UTIL: ";
     EXPECT_THAT(log.lines(), IsSupersetOf({tag + "directory= ZQLog_2_t, size= 1000",
                                            tag + "sum size=1000, total size=2147483649",
@@ -220,16 +222,17 @@ TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
     run_shell((show + " >/data/ran").c_str());
     execute_cmd((show + " >>/data/ran").c_str());
     EXPECT_THAT(read_lines("/data/ran"), Each("sh " + std::to_string(getpgrp())));
+    const log_lines log;
+    execute_cmd("echo seen >&2; echo not read");
     // Without a shell nothing is started, and so nothing is waited for.
     const pid_t stranger = start("exit 3");
     ASSERT_TRUE(wait_for_end(stranger));
     fs::remove("/system/bin/sh");
-    const log_lines log;
     EXPECT_EQ(run_shell("true"), -1);
     execute_cmd("true");
     ZQCopyFolder("/a", "/b");
     EXPECT_THAT(log.lines(),
-                ElementsAre("E ZQ_UTIL: fail to run true, error: No such file or directory",
+                ElementsAre("seen", "E ZQ_UTIL: fail to run true, error: No such file or directory",
                             "W ZQ_UTIL: fail to dump true"));
     EXPECT_EQ(wait_status(stranger), 3 << 8);
 }

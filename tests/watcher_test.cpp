@@ -196,7 +196,13 @@ TEST_F(Watcher, ASwitchedOffCategoryMakesNoEvents) {
     move_into_dropbox("ZQEvent_p_e@2");
     ASSERT_TRUE(wait_for_notices(1));
     EXPECT_THAT(types_in_history(), ElementsAre("e"));
-    EXPECT_THAT(daemon_.log.lines(), Contains("I ZQ_EVENT_LOG: disable detecting CRASH"));
+    const std::string disabled = "I ZQ_EVENT_LOG: disable detecting CRASH";
+    EXPECT_THAT(daemon_.log.lines(), Contains(disabled));
+    kill(daemon_.pid, SIGKILL);
+    daemon_.start_again_after_its_end();
+    ASSERT_TRUE(wait_for_log("/data/tombstones has been snooped", 2));
+    move_into_dropbox("anr");
+    ASSERT_TRUE(wait_for_log(disabled, 2));
 }
 
 TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
@@ -241,10 +247,13 @@ TEST_F(Watcher, ARemovedDirectoryIsMadeAndWatchedAgain) {
     EXPECT_THAT(names_in(kCrashlog), SizeIs(10)) << "kept unless set otherwise";
     kill(daemon_.pid, SIGSTOP);
     fs::remove_all("/data/system");
+    fs::remove_all(kTombstones);
+    write_file("/data/tombstones", "");
     kill(daemon_.pid, SIGCONT);
     ASSERT_TRUE(wait_for_log(
         "E ZQ_EVENT_LOG: fail to mkdir /data/system/dropbox, error: No such file or directory"));
-    EXPECT_EQ(watches(), 1U);
+    ASSERT_TRUE(wait_for_log("E ZQ_EVENT_LOG: fail to mkdir /data/tombstones, error: File exists"));
+    EXPECT_EQ(watches(), 0U);
 }
 
 TEST_F(Watcher, ADirectoryRemovedBeforeASwitchOffIsWatchedAfterTheNextSwitchOn) {
