@@ -184,6 +184,9 @@ TEST_F(TouchPanel, EachControllerIsCapturedOrItsFailureLogged) {
         EXPECT_EQ(fs::exists(kOwners) ? read_file(kOwners) : "",
                   c.missing.empty() ? "-R system:system /data/logs/touch_panel/\n" : "");
     }
+    const log_lines log;
+    enableReplay("/dev/full");
+    EXPECT_EQ(read_file(log.kFile), "Error: Failed to write content to file: /dev/full\n");
 }
 
 TEST_F(TouchPanel, PlantedLinksAndFifosAreRefused) {

@@ -252,7 +252,7 @@ TEST_F(Daemon, ACaptureIsOpenToAllAndEndsWithItsSwitch) {
     ASSERT_TRUE(flip(true));
     const std::string capture = kGeneral + "/" + names_in(kGeneral).at(0);
     EXPECT_EQ(mode_of(capture), 0777);
-    EXPECT_TRUE(wait_for_text(capture + "/android.log", "ZQLog main start!!"));
+    EXPECT_TRUE(wait_for_text(capture + "/android.log", "I ZQ_BREVIX: ZQLog main start!!"));
     const std::vector<pid_t> children = children_of(daemon_.pid);
     EXPECT_THAT(children, SizeIs(kChannels));
     set_switch(false);

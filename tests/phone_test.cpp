@@ -121,7 +121,7 @@ TEST_F(Folder, IsRemovedBelowTheCountKeptAndWithAMalformedName) {
 TEST_F(Folder, SizeCountsRegularFilesOnceAndThroughLinks) {
     fs::create_directories(dir_ + "d/e");
     std::ofstream(dir_ + "a") << "12345";
-    std::ofstream(dir_ + "d/e/b") << "123";
+    std::ofstream(dir_ + "d/e/.b") << "123";
     fs::create_symlink("a", dir_ + "link");
     fs::create_symlink("nowhere", dir_ + "dangling");
     fs::create_directory_symlink("d", dir_ + "dirlink");

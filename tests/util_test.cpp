@@ -75,7 +75,9 @@ TEST(Retention, ANameThatThrowsEndsTheWalk) {
 TEST(Retention, CompressPacksTheEntriesThatAreKept) {
     write_file("/data/r/ZQLog_3_t/file", "content");
     write_file("/data/r/ZQLog_4_tar/file", "stays");
+    const log_lines log;
     EXPECT_FALSE(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 3, true, true));
+    EXPECT_THAT(log.lines(), ElementsAre(MatchesRegex("I ZQ_UTIL: tar_pid = [0-9]+")));
     EXPECT_THAT(names_in("/data/r"), ElementsAre("ZQLog_3_t.tar.gz", "ZQLog_4_tar"));
     EXPECT_EQ(mode_of("/data/r/ZQLog_3_t.tar.gz"), 0777);
     fs::create_directories("/data/out");
@@ -204,6 +206,7 @@ TEST(Children, AStopRightAfterTheStartEndsTheChild) {
 }
 
 TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
+    const log_lines log;
     const std::string line = "date >/data/ran #";
     execute_cmd((line + std::string(1023 - line.size(), 'x')).c_str());
     EXPECT_TRUE(fs::exists("/data/ran"));
@@ -222,7 +225,6 @@ TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
     run_shell((show + " >/data/ran").c_str());
     execute_cmd((show + " >>/data/ran").c_str());
     EXPECT_THAT(read_lines("/data/ran"), Each("sh " + std::to_string(getpgrp())));
-    const log_lines log;
     execute_cmd("echo seen >&2; echo not read");
     // Without a shell nothing is started, and so nothing is waited for.
     const pid_t stranger = start("exit 3");
@@ -232,7 +234,8 @@ TEST(ShellLines, AreBoundedAndTheirOutputIsNotRead) {
     execute_cmd("true");
     ZQCopyFolder("/a", "/b");
     EXPECT_THAT(log.lines(),
-                ElementsAre("seen", "E ZQ_UTIL: fail to run true, error: No such file or directory",
+                ElementsAre("F ZQ_UTIL: command longer than 1023 bytes", "seen",
+                            "E ZQ_UTIL: fail to run true, error: No such file or directory",
                             "W ZQ_UTIL: fail to dump true"));
     EXPECT_EQ(wait_status(stranger), 3 << 8);
 }
@@ -299,10 +302,11 @@ TEST(Dispatch, ToolsAnswerToTheirArgumentsAndAlwaysEndWithZero) {
     write_program("/system/bin/touch", "echo \"touch $#\" >>/data/ran");
     for (const char* arguments :
          {"unknown", "CMD 'touch x'", "cmdx", "''", "copy_folder", "copy_folder /a", "cmd",
-          "copy_folder /a /b /c", "cmd touch 'a b' c", "cmd 'exit 9'", "cmd 'kill -INT $PPID'"}) {
+          "copy_folder /a /b /c", "cmd touch 'a b' c 4 5 6 7 8 9 10 11 12", "cmd 'exit 9'",
+          "cmd 'kill -INT $PPID'"}) {
         EXPECT_EQ(run(std::string("zq_brevix ") + arguments).exit_status, 0) << arguments;
     }
-    EXPECT_THAT(read_lines("/data/ran"), ElementsAre("cp -r /a /b", "touch 3"));
+    EXPECT_THAT(read_lines("/data/ran"), ElementsAre("cp -r /a /b", "touch 12"));
     EXPECT_THAT(run("zq_brevix cmd 'cat /proc/$$/cmdline;' true").output, HasSubstr("; true "));
     EXPECT_THAT(run("zq_brevix touchpanel x").output, HasSubstr("TouchPanel main end!!"));
     EXPECT_THAT(run("zq_brevix audio_dump x").output, HasSubstr("copy all AudioHalDumpFiles"));

@@ -190,7 +190,7 @@ TEST_F(Watcher, ATombstoneIsAnEventWhenCreatedAndWhenWritten) {
 
 TEST_F(Watcher, ASwitchedOffCategoryMakesNoEvents) {
     set_switch("crashlog.enable", false);
-    ASSERT_TRUE(wait_for_log("persist.service.crashlog.enable changed to 0"));
+    ASSERT_TRUE(wait_for_log("I ZQ_OBSERVER: persist.service.crashlog.enable changed to 0"));
     ASSERT_TRUE(wait_until_idle(daemon_.pid));
     move_into_dropbox("ZQEvent_p_crash@1");  // also of the other category's row
     move_into_dropbox("ZQEvent_p_e@2");
