@@ -83,7 +83,9 @@ class Capture : public Test {
         set_property(kSwitch, "0");
         EXPECT_EQ(wait_status(tool_), 0);
         EXPECT_THAT(other_processes(), IsEmpty());
-        EXPECT_THAT(read_file(kOutput), ContainsRegex("start rec.*stop rec.*exit\n"));
+        EXPECT_THAT(
+            read_file(kOutput),
+            ContainsRegex("I ZQ_TCPDUMP: start rec.*I ZQ_TCPDUMP: stop rec.*I ZQ_TCPDUMP: exit\n"));
     }
 
     // `later` comes while the tool handles `sig`; 0 is none.
