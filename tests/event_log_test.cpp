@@ -120,16 +120,19 @@ TEST_F(Events, BaseLogDumpTakesFourSnapshots) {
         wait_for_ends_but(0);
     };
     const log_lines log;
-    ZQDumpBaseLog("/data/logs");
     const std::string logcat = "10 /system/bin/logcat -f /data/logs/";
-    EXPECT_THAT(
-        read_lines("/data/dumps"),
-        UnorderedElementsAre(logcat + "pre_android.log -b system -b main -b crash -v threadtime -d",
-                             logcat + "pre_event.log -b events -v threadtime -d",
-                             logcat + "pre_kernel.log -b kernel -v threadtime -d",
-                             logcat + "pre_radio.log -b radio -v threadtime -d"));
-    EXPECT_EQ(log_lines::count("dump base log not done"), 1U);
-    EXPECT_EQ(log_lines::count("dump base log done"), 4U);
+    for (const size_t times : {1U, 2U}) {
+        write_file("/data/dumps", "");
+        ZQDumpBaseLog("/data/logs");
+        EXPECT_THAT(read_lines("/data/dumps"),
+                    UnorderedElementsAre(
+                        logcat + "pre_android.log -b system -b main -b crash -v threadtime -d",
+                        logcat + "pre_event.log -b events -v threadtime -d",
+                        logcat + "pre_kernel.log -b kernel -v threadtime -d",
+                        logcat + "pre_radio.log -b radio -v threadtime -d"));
+        EXPECT_EQ(log_lines::count("dump base log not done"), times);
+        EXPECT_EQ(log_lines::count("dump base log done"), 4 * times);
+    }
 }
 
 TEST_F(Events, BaseLogDumpEndsWhatHangsAfterTenPasses) {
@@ -272,24 +275,21 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
     EXPECT_TRUE(is_now(folder.substr(folder.size() - 19), kFileTimeFormat));
     EXPECT_TRUE(is_now(read_lines(kHistory).at(0).substr(8), kDateFormat));
     std::vector<std::string> lines = log.lines();
+    // Which of the passes finds which dump at its end is left to the scheduler.
     std::erase_if(lines,
-                  [](const std::string& line) { return line.find(" not done ") != line.npos; });
-    const std::string done = "I ZQ_UTIL: dump base log done ";
+                  [](const std::string& line) { return line.find("dump base") != line.npos; });
     const std::string tag = "I ZQ_UTIL: tag: ";
-    EXPECT_THAT(
-        lines,
-        ElementsAre("I ZQ_UTIL: new count: 0", "I ZQ_EVENT_LOG: Dump for system wdt",
-                    StartsWith(tag + "android, pid: "), StartsWith(tag + "events, pid: "),
-                    StartsWith(tag + "radio, pid: "), StartsWith(tag + "kernel, pid: "), done + "0",
-                    done + "1", done + "2", done + "3", "I ZQ_UTIL: dump base log finished",
-                    "I ZQ_EVENT_LOG: notify eventreport am " + read_lines(kNotices).at(0)));
+    EXPECT_THAT(lines,
+                ElementsAre("I ZQ_UTIL: new count: 0", "I ZQ_EVENT_LOG: Dump for system wdt",
+                            StartsWith(tag + "android, pid: "), StartsWith(tag + "events, pid: "),
+                            StartsWith(tag + "radio, pid: "), StartsWith(tag + "kernel, pid: "),
+                            "I ZQ_EVENT_LOG: notify eventreport am " + read_lines(kNotices).at(0)));
 }
 
 TEST_F(Events, OnlySystemServerCrashesGetASnapshotAndAllAreStagedBeforeTheNotice) {
     write_program("/system/bin/am", "ls /data/brevix/eventTemp >/data/staged");
     const log_lines log;
-    for (const char* name :
-         {"data_app_crash@1", "system_server_crash@2", "system_server_crash@3"}) {
+    for (const char* name : {"data_app_crash@1", "system_server_crash@2"}) {
         move_into_dropbox(name);
         EXPECT_EQ(collect("JAVACRASH", name), collect_result::done);
         EXPECT_EQ(read_lines("/data/staged"), names_in(kStaging));
@@ -297,8 +297,7 @@ TEST_F(Events, OnlySystemServerCrashesGetASnapshotAndAllAreStagedBeforeTheNotice
     const std::vector<std::string> folders = names_in(kCrashlog);
     EXPECT_THAT(names_in(kCrashlog + folders.at(0)), ElementsAre("data_app_crash@1", "eventfile"));
     EXPECT_THAT(names_in(kCrashlog + folders.at(1)), SizeIs(6));
-    EXPECT_EQ(log_lines::count("not done yet, skip"), 0U);
-    EXPECT_THAT(log.lines(), Contains("I ZQ_EVENT_LOG: Dump for system crash").Times(2));
+    EXPECT_THAT(log.lines(), Contains("I ZQ_EVENT_LOG: Dump for system crash").Times(1));
 }
 
 TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
