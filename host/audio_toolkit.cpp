@@ -57,11 +57,9 @@ unsigned long android::readAudioHalDumpFileContent(char* name, unsigned char** d
         TEMP_FAILURE_RETRY(pread(fd, piece.get(), length, static_cast<off_t>(offset)));
     if (bytes < 0) {
         PLOG(ERROR) << "cannot read dump file " << name;
-    }
-    if (bytes <= 0) {
         return 0;
     }
-    *data = piece.release();
+    *data = piece.release();  // at the end, too, with nothing in it
     return static_cast<unsigned long>(bytes);
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <gmock/gmock.h>
+#include <linux/capability.h>
 
 #include "testing/device.h"
 
@@ -50,6 +51,13 @@ inline bool is_now(const std::string& text, const char* format) {
     tm local{};
     return strptime(text.c_str(), format, &local) != nullptr &&
            std::abs(mktime(&local) - time(nullptr)) < 60;
+}
+
+// From now on permissions hold for root, too.
+inline void drop_capabilities() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[2]{};
+    ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
 }
 
 // As the platform does: writes under another name and renames, so no reader sees a partial file.

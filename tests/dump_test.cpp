@@ -226,6 +226,13 @@ TEST_F(TouchPanel, PlantedLinksAndFifosAreRefused) {
 
     EXPECT_EQ(read_file(secret), "kept");
     EXPECT_THAT(names_in("/data/root"), ElementsAre("secret"));
+
+    fs::remove(dir);
+    fs::create_directory(dir);
+    fs::permissions(dir, fs::perms::owner_write | fs::perms::owner_exec);
+    fs::remove("/dev/__properties__/ro.zq.features");
+    drop_capabilities();
+    EXPECT_EQ(dump("63"), kStart + kUnowned + kEnd) << "what cannot be listed";
     EXPECT_EQ(read_file(kOwners), "");
 }
 

@@ -199,6 +199,10 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
         }
         EXPECT_THAT(names_in(dir), UnorderedElementsAreArray(folders)) << name;
     }
+    run("cat " + dir + "com.example.app_1_*/eventfile >/data/report");
+    EXPECT_THAT(
+        read_file("/data/report"),
+        AllOf(StartsWith("EVENT=CUSTOM\n"), EndsWith("TYPE=Freeze\nNAME=com.example.app\n_END\n")));
     std::vector<std::string> lines = log.lines();
     EXPECT_THAT(
         lines,
@@ -215,23 +219,25 @@ TEST_F(Events, AppEventsAreNamedByTheirFiles) {
 }
 
 TEST_F(Events, TheLimitHoldsForFoldersOfAPrefixAndForStagedOnes) {
-    fs::create_directories(kCrashlog + "crashlog_7_ANR_t");
+    fs::create_directories(kCrashlog + "crashlog_99997_ANR_t");
     fs::create_directories(kCrashlog + "crashlog_bad");
     event_num_limit = 3;
     // tmpfs lists entries by age: neither end of the list is the one to go.
     fs::create_directories(kStaging);
     ASSERT_TRUE(mount_memory(kStaging));
     for (const auto& [name, age] : {std::pair{"latest", -24h}, std::pair{"oldest", 24h}}) {
-        write_file(kStaging + name, "");
+        const std::string file = kStaging + name + "/file";
+        write_file(file, "");
+        fs::last_write_time(file, fs::file_time_type::clock::now() - 48h);
         fs::last_write_time(kStaging + name, fs::file_time_type::clock::now() - age);
     }
     for (int i = 0; i < 4; ++i) {
         move_into_dropbox("app_anr@" + std::to_string(i));
         EXPECT_EQ(collect("ANR", "app_anr@" + std::to_string(i)), collect_result::done);
     }
-    EXPECT_THAT(names_in(kCrashlog), ElementsAre(MatchesRegex("crashlog_10_ANR_" + kTime),
-                                                 MatchesRegex("crashlog_11_ANR_" + kTime),
-                                                 MatchesRegex("crashlog_9_ANR_" + kTime)));
+    EXPECT_THAT(names_in(kCrashlog), ElementsAre(MatchesRegex("crashlog_100000_ANR_" + kTime),
+                                                 MatchesRegex("crashlog_100001_ANR_" + kTime),
+                                                 MatchesRegex("crashlog_99999_ANR_" + kTime)));
     EXPECT_THAT(names_in(kStaging), AllOf(SizeIs(3), Contains("latest"), Not(Contains("oldest"))));
     for (const int lowered : {1, 0}) {  // one staged entry goes for each that comes
         event_num_limit = lowered;
@@ -264,7 +270,14 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
                     "transactions", "wdt_1.log.gz");
     EXPECT_THAT(names_in(folder), files);
     EXPECT_THAT(names_in(kStaging + fs::path(folder).filename().string()), files);
-    EXPECT_EQ(read_file(folder + "/" + name), "blocked");
+    for (const auto& [file, text] : {std::pair{name.c_str(), "blocked"},
+                                     {"state", "state"},
+                                     {"transaction_log", "transaction_log"},
+                                     {"transactions", "transactions"},
+                                     {"sf_2001-09-09-11-16-40.log", "flinger"},
+                                     {"wdt_1.log.gz", "wdt"}}) {
+        EXPECT_EQ(read_file(folder + "/" + file), text);
+    }
     EXPECT_EQ(mode_of(folder + "/" + name), 0777);
     EXPECT_THAT(read_lines(kNotices),
                 ElementsAre(MatchesRegex(
@@ -273,6 +286,7 @@ TEST_F(Events, AWatchdogTakesItsDiagnosticsAlong) {
                     "--es type UIWDT --es path " +
                     folder + " --es time " + folder.substr(folder.size() - 19) + " --user 0")));
     EXPECT_TRUE(is_now(folder.substr(folder.size() - 19), kFileTimeFormat));
+    EXPECT_THAT(read_lines(kHistory), ElementsAre(MatchesRegex("CRASH   .{19} UIWDT " + folder)));
     EXPECT_TRUE(is_now(read_lines(kHistory).at(0).substr(8), kDateFormat));
     std::vector<std::string> lines = log.lines();
     // Which of the passes finds which dump at its end is left to the scheduler.
@@ -317,6 +331,10 @@ TEST_F(Events, AFailedStepIsLoggedAndTheOthersFollow) {
     ASSERT_TRUE(mount_memory(folder));
     EXPECT_EQ(collect("JAVACRASH", gone), collect_result::done);
     EXPECT_EQ(log.lines().back(), "E ZQ_EVENT_LOG: remove old file failed!");
+    umount(folder.c_str());
+    fs::rename(kCrashlog, "/data/moved");
+    write_file("/data/logs/crashlog", "");
+    EXPECT_EQ(collect("JAVACRASH", gone), collect_result::done);
     EXPECT_THAT(log.lines(),
                 Contains(MatchesRegex("E ZQ_UTIL: remove failed: " + folder + "error: [a-z]+:16")));
     EXPECT_THAT(read_lines(kHistory), SizeIs(1));

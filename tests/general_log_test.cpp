@@ -70,26 +70,34 @@ TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
     write_program("/system/bin/logcat",
                   "echo \"$*\" | sed 's|/data.*/||' >>/data/commands; exec sleep 1000");
     const std::string android = "-b system -b main -b crash -v threadtime -f android.log -r ";
-    const std::string event = "-b events -v threadtime -f event.log -r 2000 -n ";
-    const std::string kernel = "-b kernel -v threadtime -f kernel.log -r 6000 -n 2";
-    const std::string radio = "-b radio -v threadtime -f radio.log -r 6000 -n 2";
+    const std::string event = "-b events -v threadtime -f event.log -r ";
+    const std::string kernel = "-b kernel -v threadtime -f kernel.log -r ";
+    const std::string radio = "-b radio -v threadtime -f radio.log -r ";
     const struct {
         const char* name;
         std::map<std::string, std::string> properties;
         std::vector<std::string> commands;
     } cases[] = {
-        {"defaults", {}, {event + "2", kernel, radio, android + "20000 -n 5"}},
+        {"defaults",
+         {},
+         {event + "2000 -n 2", kernel + "6000 -n 2", radio + "6000 -n 2", android + "20000 -n 5"}},
         {"boost",
          {{"sys.brevix.dynamic.log", "1"}},
-         {event + "2", kernel, radio, android + "50000 -n 30"}},
+         {event + "2000 -n 2", kernel + "6000 -n 2", radio + "6000 -n 2", android + "50000 -n 30"}},
         {"own settings, beyond the boost",
          {{"persist.sys.apklogfs.size", "40"},
           {"persist.sys.apklogfs.rotate_kbytes", "60000"},
           {"persist.sys.eventlogfs.size", "7"},
-          {"persist.service.radiologfs.enable", "1x"}},
-         {event + "7", kernel, android + "60000 -n 40"}},
+          {"persist.sys.eventlogfs.rotate_kbytes", "2001"},
+          {"persist.sys.radiologfs.size", "8"},
+          {"persist.sys.radiologfs.rotate_kbytes", "6001"},
+          {"persist.sys.kmsglogfs.size", "9"},
+          {"persist.sys.kmsglogfs.rotate_kbytes", "6002"}},
+         {event + "2001 -n 7", kernel + "6002 -n 9", radio + "6001 -n 8", android + "60000 -n 40"}},
         {"all off",
-         {{"persist.service.apklogfs.enable", "0"}, {"persist.service.eventlogfs.enable", "01"}},
+         {{"persist.service.apklogfs.enable", "0"},
+          {"persist.service.radiologfs.enable", "1x"},
+          {"persist.service.eventlogfs.enable", "01"}},
          {}},
     };
     for (const auto& c : cases) {

@@ -94,14 +94,15 @@ TEST_F(Folder, IsMadeWithItsLastComponentOpenAndAComposedNameCut) {
         EXPECT_EQ(fs::status(dir_ + path).permissions(), fs::perms(0777)) << path;
     }
     char out[512];
-    EXPECT_EQ(ZQCreateDirByFormat(dir_, "ZQLog_", 12, "%Y-%m-%d-%H-%M-%S", sizeof(out), out), 0);
-    EXPECT_THAT(out, MatchesRegex(dir_ + "ZQLog_12_20..-..-..-..-..-.."));
+    EXPECT_EQ(
+        ZQCreateDirByFormat(dir_, "ZQLog_", 4294967296, "%Y-%m-%d-%H-%M-%S", sizeof(out), out), 0);
+    EXPECT_THAT(out, MatchesRegex(dir_ + "ZQLog_4294967296_20..-..-..-..-..-.."));
     EXPECT_TRUE(fs::is_directory(out));
     EXPECT_EQ(ZQCreateDirByFormat(dir_, "ZQLog_", 12, "%Y", dir_.size() + 2, out), 0);
     EXPECT_EQ(out, dir_ + "Z");
-    EXPECT_EQ(ZQCreateLogDir(dir_, "crashlog_", 5, "UIWDT", "t", sizeof(out), out), 0);
-    EXPECT_EQ(out, dir_ + "crashlog_5_UIWDT_t");
-    EXPECT_THAT(names_in(dir_), Contains("crashlog_5_UIWDT_t"));
+    EXPECT_EQ(ZQCreateLogDir(dir_, "crashlog_", 4294967296, "UIWDT", "t", sizeof(out), out), 0);
+    EXPECT_EQ(out, dir_ + "crashlog_4294967296_UIWDT_t");
+    EXPECT_THAT(names_in(dir_), Contains("crashlog_4294967296_UIWDT_t"));
 }
 
 TEST_F(Folder, IsRemovedBelowTheCountKeptAndWithAMalformedName) {

@@ -179,6 +179,18 @@ TEST_F(Capture, AnEndSignalEndsTheCaptureBeforeTheTool) {
     EXPECT_TRUE(wait_until("/data", [] { return !processes_named("zq_brevix").empty(); }));
     EXPECT_TRUE(wait_until_idle(tool_));  // before the "1"
     expect_end_by(SIGTERM);
+    // The switch comes while the capture ends.
+    start_and_wait(
+        "trap 'until test -e /data/go; do sleep 0.1; done; exit' TERM; "
+        "echo >/data/started; while true; do sleep 1000; done");
+    kill(tool_, SIGTERM);
+    EXPECT_TRUE(wait_for_text(kOutput, "exit"));
+    set_property(kSwitch, "0");
+    EXPECT_TRUE(wait_until("/data", [&] {  // it waits for the recorder
+        return read_file(proc(tool_, "wchan")).find("futex") != std::string::npos;
+    }));
+    write_file("/data/go", "");
+    EXPECT_EQ(wait_status(tool_), 0);
     signal(SIGHUP, SIG_IGN);
     start_and_wait(kEndsInItsOwnTime);
     kill(tool_, SIGHUP);

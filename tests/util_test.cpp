@@ -5,8 +5,6 @@
 
 #include "utils/util.h"
 
-#include <linux/capability.h>
-
 #include <climits>
 
 #include "tests/device_fixture.h"
@@ -65,11 +63,15 @@ TEST(Retention, NextCountFollowsTheHighest) {
 }
 
 // tmpfs lists entries in the order of their creation, or in reverse: the bad name is in the middle.
-TEST(Retention, ANameThatThrowsEndsTheWalk) {
+TEST(Retention, ANameThatThrowsEndsTheWalkAndSoDoesAFailure) {
     ASSERT_TRUE(mount_memory("/data"));
     make_dirs("/data/r/", {"ZQLog_0_a", "ZQLog__t", "ZQLog_0_b"});
     EXPECT_THROW(ZQRemoveOldFile("/data/r/", "ZQLog_", 3, 1, true, false), std::invalid_argument);
     EXPECT_THAT(names_in("/data/r"), AllOf(SizeIs(2), Contains("ZQLog__t")));
+    make_dirs("/data/f/", {"ZQLog_0_a", "ZQLog_0_mounted", "ZQLog_0_b"});
+    ASSERT_TRUE(mount_memory("/data/f/ZQLog_0_mounted"));
+    EXPECT_TRUE(ZQRemoveOldFile("/data/f/", "ZQLog_", 3, 1, true, false));
+    EXPECT_THAT(names_in("/data/f"), SizeIs(2));
 }
 
 TEST(Retention, CompressPacksTheEntriesThatAreKept) {
@@ -86,6 +88,7 @@ TEST(Retention, CompressPacksTheEntriesThatAreKept) {
         run_shell("tar -xzf /data/r/ZQLog_3_t.tar.gz -C /data/out 2>/dev/null");
         return read_file("/data/out/file") == "content";
     }));
+    EXPECT_THAT(read_file("/data/r/ZQLog_3_t.tar.gz"), StartsWith("\x1f\x8b")) << "compressed";
 }
 
 TEST(Size, FoldersThatVanishDuringTheWalkAreLeftOut) {
@@ -100,9 +103,7 @@ TEST(Size, FoldersThatVanishDuringTheWalkAreLeftOut) {
     // One that may not be read, by root without its capabilities, is not left out.
     fs::create_directory("/data/s/unreadable");
     fs::permissions("/data/s/unreadable", fs::perms::none);
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    const __user_cap_data_struct none[2]{};
-    ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
+    drop_capabilities();
     EXPECT_THROW(GetDirectorySize("/data/s"), fs::filesystem_error);
 }
 
@@ -153,9 +154,18 @@ TEST(Ceiling, LowestCountsGoUntilTheRestIsBelow) {
     EXPECT_THAT(names_in("/data/the highest"), ElementsAre("ZQLog_5_t", "unrelated"));
     EXPECT_EQ(names_in("/proc/self/fd").size(), descriptors);
     const std::string tag = "I ZQ_UTIL: ";
-    EXPECT_THAT(log.lines(), IsSupersetOf({tag + "directory= ZQLog_2_t, size= 1000",
-                                           tag + "sum size=1000, total size=2147483649",
-                                           tag + "at least we keep 1 folder"}));
+    std::vector<std::string> lines = log.lines();
+    EXPECT_THAT(lines, IsSupersetOf({tag + "directory= ZQLog_2_t, size= 1000",
+                                     tag + "sum size=1000, total size=2147483649",
+                                     tag + "at least we keep 1 folder"}));
+    std::erase_if(lines, [](const std::string& line) { return line[0] != 'E'; });
+    const std::string removed = "E ZQ_UTIL: maximum size exceed, remove it /data/";
+    EXPECT_THAT(lines,
+                ElementsAre(removed + "one byte more/ZQLog_2_t",
+                            removed + "a remainder of exactly the ceiling/ZQLog_1_t",
+                            removed + "a remainder of exactly the ceiling/ZQLog_2_t",
+                            removed + "the highest/ZQLog_4_t", removed + "no aging build/ZQLog_1_t",
+                            removed + "the highest/ZQLog_4_t"));
 }
 
 // --- Children and copies -------------------------------------------------------------------------
@@ -192,6 +202,12 @@ TEST(Children, StartWithTheSignalsOfTheParentsStartAndNoDescriptorOfIt) {
     }
     EXPECT_THAT(proc_field("/proc/self/status", "SigIgn"), is_only_pipe);
     EXPECT_THAT(proc_field("/data/status", "SigIgn"), is_only_pipe);
+    signal(SIGINT, SIG_IGN);
+    {
+        const ignored_terminal_signals ignored;
+        wait_status(start_shell_group("cat /proc/self/status >/data/status"));
+    }
+    EXPECT_THAT(proc_field("/data/status", "SigIgn"), EndsWith("0001002"));
     EXPECT_THAT(read_file("/data/fds"),
                 AllOf(HasSubstr("/data/fds"), Not(HasSubstr("/data/held"))));
 }
@@ -273,16 +289,17 @@ TEST(Copies, ShellCopiesRunTheLineAsItIs) {
 TEST(Upgrade, MovesOldDefaultsAlone) {
     // Version and size before; version, size and rotate_kbytes after.
     const std::array<const char*, 5> cases[] = {
-        {"", "", "1", "5", "20000"},        {"0", "2", "1", "5", "20000"},
-        {"", "3", "1", "3", "20000"},       {"1", "2", "1", "2", "(unset)"},
-        {"01", "2", "01", "2", "(unset)"},  {"07", "2", "7", "2", "(unset)"},
-        {"-3x", "2", "-3", "2", "(unset)"},
+        {"", "", "1", "5", "20000"},     {"0", "2", "1", "5", "20000"},
+        {"", "3", "1", "3", "20000"},    {"1", "2", "1", "2", "6000"},
+        {"01", "2", "01", "2", "6000"},  {"07", "2", "7", "2", "6000"},
+        {"-3x", "2", "-3", "2", "6000"},
     };
     const log_lines log;
+    set_property("persist.sys.kmsglogfs.rotate_kbytes", "2000");
     for (const auto& [version, size, version_after, size_after, rotate_after] : cases) {
         set_property("persist.service.brevix.version", version);
         set_property("persist.sys.apklogfs.size", size);
-        set_property("persist.sys.apklogfs.rotate_kbytes", "");
+        set_property("persist.sys.apklogfs.rotate_kbytes", "6000");
         EXPECT_EQ(ZQCheckUpgrade(), 0);
         EXPECT_EQ(property("persist.service.brevix.version"), version_after) << version;
         EXPECT_EQ(property("persist.sys.apklogfs.size"), size_after) << version;

@@ -349,6 +349,10 @@ TEST_F(Watcher, AHangingChildBlocksNoSwitch) {
     });
     for (int i = 1; i <= kSwitches; ++i) {
         switch_detection(false);
+        if (i == 2) {  // the one that waits for its turn
+            EXPECT_TRUE(wait_for_log("ZQ_EVENT_LOG: exit"));
+            EXPECT_EQ(log_lines::count(given_up), 0U);
+        }
         switch_detection(true);
         if (i % 4 == 0) {
             deliver(i / 4, i / 4 + 1);
@@ -409,6 +413,7 @@ TEST_F(Watcher, RapidSwitchesLeakNothingAndCollectNothingTwice) {
                log_lines::count("start detecting") == stops + 1;
     });
     EXPECT_GT(log_lines::count("stop detecting"), 10U);
+    EXPECT_EQ(log_lines::count("Can't add watch"), 0U) << "by a watcher that is off already";
     move_into_dropbox("ZQEvent_last_e@1");
     ASSERT_TRUE(wait_for_text(kNotices, "--es name last "));
     EXPECT_TRUE(wait_until("/data", [&] { return daemon_entries("task") == threads; }));
@@ -513,6 +518,7 @@ TEST_F(Watcher, WithoutProcessesAnEventIsKeptWithoutANotice) {
     EXPECT_TRUE(wait_for_log("no task to do"));
     EXPECT_TRUE(wait_for_log("fail to run am startservice"));
     EXPECT_EQ(log_lines::count("fail to run"), 1U) << "copies report no failure";
+    EXPECT_EQ(log_lines::count("not done yet"), 0U) << "nothing to wait for";
     EXPECT_EQ(log_lines::count("Invalid argument"), 0U) << "errno was read after an allocation";
     EXPECT_THAT(types_in_history(), ElementsAre("JAVACRASH"));
     ASSERT_TRUE(limit(user, "nproc=1024:"));
