@@ -291,7 +291,11 @@ TEST_F(GeneralLog, AMalformedNumberEndsTheDaemon) {
     set_property("persist.service.brevix.gl.num", "ten");
     set_property("persist.service.start.capture", "1");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
+    set_property("persist.service.start.capture", "0");
+    set_property("persist.service.brevix.ev.num", "many");
+    EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
     // The upgrade comes before the first subscription.
+    set_property("persist.service.start.capture", "1");
     set_property("persist.service.brevix.version", "new");
     EXPECT_EQ(WTERMSIG(wait_status(start("exec zq_brevix"))), SIGABRT);
     EXPECT_EQ(log_lines::count("start.capture changed to 1"), 1U);
