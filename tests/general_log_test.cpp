@@ -65,42 +65,44 @@ class GeneralLog : public Test {
     }
 };
 
+// Properties, kept for the settings that follow, and the commands of the channels.
+const std::string kAndroid = "-b system -b main -b crash -v threadtime -f android.log -r ";
+const std::string kEvent = "-b events -v threadtime -f event.log -r ";
+const std::string kKernel = "-b kernel -v threadtime -f kernel.log -r ";
+const std::string kRadio = "-b radio -v threadtime -f radio.log -r ";
+const struct {
+    const char* name;
+    std::map<std::string, std::string> properties;
+    std::vector<std::string> commands;
+} kSettings[] = {
+    {"defaults",
+     {},
+     {kEvent + "2000 -n 2", kKernel + "6000 -n 2", kRadio + "6000 -n 2", kAndroid + "20000 -n 5"}},
+    {"boost",
+     {{"sys.brevix.dynamic.log", "1"}},
+     {kEvent + "2000 -n 2", kKernel + "6000 -n 2", kRadio + "6000 -n 2", kAndroid + "50000 -n 30"}},
+    {"own settings, beyond the boost",
+     {{"persist.sys.apklogfs.size", "40"},
+      {"persist.sys.apklogfs.rotate_kbytes", "60000"},
+      {"persist.sys.eventlogfs.size", "7"},
+      {"persist.sys.eventlogfs.rotate_kbytes", "2001"},
+      {"persist.sys.radiologfs.size", "8"},
+      {"persist.sys.radiologfs.rotate_kbytes", "6001"},
+      {"persist.sys.kmsglogfs.size", "9"},
+      {"persist.sys.kmsglogfs.rotate_kbytes", "6002"}},
+     {kEvent + "2001 -n 7", kKernel + "6002 -n 9", kRadio + "6001 -n 8", kAndroid + "60000 -n 40"}},
+    {"all off",
+     {{"persist.service.apklogfs.enable", "0"},
+      {"persist.service.radiologfs.enable", "1x"},
+      {"persist.service.eventlogfs.enable", "01"}},
+     {}},
+};
+
 TEST_F(GeneralLog, ChannelsFollowTheirProperties) {
     // Without the folder, which holds the time.
     write_program("/system/bin/logcat",
                   "echo \"$*\" | sed 's|/data.*/||' >>/data/commands; exec sleep 1000");
-    const std::string android = "-b system -b main -b crash -v threadtime -f android.log -r ";
-    const std::string event = "-b events -v threadtime -f event.log -r ";
-    const std::string kernel = "-b kernel -v threadtime -f kernel.log -r ";
-    const std::string radio = "-b radio -v threadtime -f radio.log -r ";
-    const struct {
-        const char* name;
-        std::map<std::string, std::string> properties;
-        std::vector<std::string> commands;
-    } cases[] = {
-        {"defaults",
-         {},
-         {event + "2000 -n 2", kernel + "6000 -n 2", radio + "6000 -n 2", android + "20000 -n 5"}},
-        {"boost",
-         {{"sys.brevix.dynamic.log", "1"}},
-         {event + "2000 -n 2", kernel + "6000 -n 2", radio + "6000 -n 2", android + "50000 -n 30"}},
-        {"own settings, beyond the boost",
-         {{"persist.sys.apklogfs.size", "40"},
-          {"persist.sys.apklogfs.rotate_kbytes", "60000"},
-          {"persist.sys.eventlogfs.size", "7"},
-          {"persist.sys.eventlogfs.rotate_kbytes", "2001"},
-          {"persist.sys.radiologfs.size", "8"},
-          {"persist.sys.radiologfs.rotate_kbytes", "6001"},
-          {"persist.sys.kmsglogfs.size", "9"},
-          {"persist.sys.kmsglogfs.rotate_kbytes", "6002"}},
-         {event + "2001 -n 7", kernel + "6002 -n 9", radio + "6001 -n 8", android + "60000 -n 40"}},
-        {"all off",
-         {{"persist.service.apklogfs.enable", "0"},
-          {"persist.service.radiologfs.enable", "1x"},
-          {"persist.service.eventlogfs.enable", "01"}},
-         {}},
-    };
-    for (const auto& c : cases) {
+    for (const auto& c : kSettings) {
         write_file("/data/commands", "");
         for (const auto& [name, value] : c.properties) {
             set_property(name, value);
